@@ -1,0 +1,65 @@
+#!/usr/bin/env bash
+# Set-up and build entry points for a fresh Debian machine.
+#   ./dev.sh demo    install what is missing, build, run the demo
+#   ./dev.sh test    install what is missing, build, run the tests
+#   ./dev.sh asan    the tests built with AddressSanitizer + UBSan
+#   ./dev.sh tsan    the concurrency tests built with ThreadSanitizer
+#   ./dev.sh bench   build and run the benchmarks
+set -euo pipefail
+cd "$(dirname "$0")"
+
+packages=(cmake make g++ gcc binutils pkg-config libsqlite3-dev sqlite3 libgtest-dev
+  libbenchmark-dev tzdata)
+
+deps() {
+  local missing=() p
+  for p in "${packages[@]}"; do
+    dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
+  done
+  [ ${#missing[@]} -eq 0 ] && return
+  echo "installing: ${missing[*]}"
+  local sudo=""
+  [ "$(id -u)" -eq 0 ] || sudo=sudo
+  $sudo apt-get update
+  DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y --no-install-recommends "${missing[@]}"
+}
+
+build() {
+  local dir=$1
+  shift
+  cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo "$@" >/dev/null
+  cmake --build "$dir" -j"$(nproc)"
+}
+
+jobs=$(nproc)
+case "${1:-}" in
+demo)
+  deps
+  build build
+  ./build/tools/vrixdb demo --root "${2:-$PWD/demo-root}"
+  ;;
+test)
+  deps
+  build build
+  ctest --test-dir build --output-on-failure -j"$jobs"
+  ;;
+asan)
+  deps
+  build build-asan -DVRIX_SANITIZE=address,undefined -DVRIX_BENCH=OFF
+  ASAN_OPTIONS=detect_leaks=1 ctest --test-dir build-asan --output-on-failure -j"$jobs"
+  ;;
+tsan)
+  deps
+  build build-tsan -DVRIX_SANITIZE=thread -DVRIX_BENCH=OFF
+  ctest --test-dir build-tsan --output-on-failure -j"$jobs" -L concurrency
+  ;;
+bench)
+  deps
+  build build -DCMAKE_BUILD_TYPE=Release
+  for b in build/bench/bench_*; do [ -x "$b" ] && "$b"; done
+  ;;
+*)
+  sed -n '2,8p' "$0"
+  exit 2
+  ;;
+esac

@@ -1,0 +1,145 @@
+/*
+ * libvrixdb - the recording database of a multi-channel video recorder.
+ *
+ * Call vrix_db_init once per process before anything else (only sec_to_tm,
+ * db_free_sqlite and the repair functions may come first).  Every function
+ * may then be called from any thread; calls on one context must not overlap.
+ *
+ * Failures are reported as one line on standard output; functions that open a
+ * context return null on failure, steps return 1 (found), 0 (nothing) or -1.
+ */
+#ifndef VRIXDB_H
+#define VRIXDB_H
+
+#include <pthread.h>
+#include <stdint.h>
+#include <sys/time.h>
+#include <time.h>
+
+#include "vrixhdd.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* ---- Records that cross the boundary ---------------------------------- */
+
+/* The System V message of every queue of the system: type 1 and 128 bytes of
+ * text whose byte 0 is the kind.  Sent and received with a text size of 128. */
+#define VRIX_MSG_TEXT_SIZE 128
+typedef struct NotifyMessage {
+    long mtype;
+    unsigned char mtext[VRIX_MSG_TEXT_SIZE];
+} NotifyMessage;
+
+/* Message kinds (text byte 0). */
+#define VRIX_MSG_DAY 0x64       /* 'd': prepare the next day, register the day */
+#define VRIX_MSG_HOUR 0x65      /* 'e': register a channel's day and hour */
+#define VRIX_MSG_STOP 0x67      /* 'g': park the submit thread */
+#define VRIX_MSG_DISK_ERROR 159 /* to the application: a stream write fell short */
+
+/* Queue keys of the library. */
+#define VRIX_SUBMIT_MQ_KEY 1220
+#define VRIX_RM_MQ_KEY 1221
+#define VRIX_RM_ACK_MQ_KEY 1222
+
+/* Header of a video frame record, as the application hands it to the writer
+ * and as it lies in a stream file (all words little-endian).  The payload of
+ * iLen bytes follows; payload byte 2 with bits 7..6 clear marks a key frame,
+ * payload byte 36 is the channel index from 0. */
+typedef struct VrixFrameHeader {
+    uint32_t iLen;   /* payload length, header not counted */
+    uint32_t iSec;   /* frame time, seconds since 1970 UTC; never 0 */
+    uint32_t iSec2;  /* second time word, handed back on playback */
+    uint32_t iScale; /* low 16 bits: the scale, 0..10 */
+} VrixFrameHeader;
+
+#define VRIX_FRAME_HEADER_SIZE 16
+#define VRIX_FRAME_KEY_BYTE 2      /* payload offset of the frame-type bits */
+#define VRIX_FRAME_KEY_MASK 0xC0   /* clear in a key frame */
+#define VRIX_FRAME_CHANNEL_BYTE 36 /* payload offset of the channel index */
+#define VRIX_MAX_SCALE 10
+
+/* The audio block handed to the audio writer: one 48-byte piece per channel
+ * slot, the time of the pieces and the application's second time word. */
+#define VRIX_AUDIO_PIECE_SIZE 48
+#define VRIX_AUDIO_CHANNELS 4
+typedef struct VrixAudioBlock {
+    unsigned char piece[VRIX_AUDIO_CHANNELS][VRIX_AUDIO_PIECE_SIZE];
+    uint32_t iSec;
+    uint32_t iSec2;
+} VrixAudioBlock;
+
+/* One 60-byte audio record of a stream file: 48, the seconds, the second
+ * time word and the channel's piece. */
+#define VRIX_AUDIO_RECORD_SIZE 60
+
+/* One event of a query page (140 bytes). */
+typedef struct EventRecord {
+    char strText[128]; /* always zero */
+    int32_t iSec;
+    int32_t iCh;
+    int32_t iType;
+} EventRecord;
+
+/* Contexts are opaque. */
+typedef struct RecContext RecContext;
+
+/* ---- Globals ------------------------------------------------------------ */
+
+#define VRIX_VIDEO_CHANNELS 16
+#define VRIX_COMMIT_SCALES 11
+
+/* Slot N guards the video.db files of video channel N (1..16); slot 0 unused. */
+VRIX_API extern pthread_mutex_t *g_pVideoSqlMutex[VRIX_VIDEO_CHANNELS + 1];
+VRIX_API extern pthread_mutex_t *g_pAudioSqlMutex;
+VRIX_API extern pthread_mutex_t *g_pDateSqlMutex;
+VRIX_API extern pthread_mutex_t *g_pEventSqlMutex;
+
+VRIX_API extern int g_iSubmitMq;     /* key 1220, the submit thread's queue */
+VRIX_API extern int g_iRmMq;         /* key 1221, remove requests */
+VRIX_API extern int g_iRmAckMq;      /* key 1222, replies to remove requests */
+VRIX_API extern int g_iVrixDbSendMq; /* the application's queue */
+VRIX_API extern pthread_t g_ThreadFd;
+
+/* Flag words, read and written whole (atomically) by the library. */
+VRIX_API extern int g_iDbSubmitThreadStop;
+VRIX_API extern int g_iDbSubmitThreadStopAck;
+VRIX_API extern int g_iBackuping;
+VRIX_API extern int g_iStopBackup;
+VRIX_API extern int g_iStopBackupAck;
+
+VRIX_API extern RecContext *g_pVrixDbRec;
+VRIX_API extern struct timezone g_TimeZone;
+VRIX_API extern unsigned char g_VrixBackup[4096];
+
+/* Entry K: waiting index rows a key frame of scale K may leave uncommitted. */
+VRIX_API extern int g_iCommit[VRIX_COMMIT_SCALES];
+
+VRIX_API extern NotifyMessage g_RecMsg;    /* 'g', parks the submit thread */
+VRIX_API extern NotifyMessage g_IdeErrMsg; /* 159, disk-write error */
+VRIX_API extern NotifyMessage g_RmMsg;     /* remove request, filled by the sender */
+
+/* ---- Start-up, calendar, store access ----------------------------------- */
+
+/* Returns 1 when ready, 0 when start-up failed. */
+VRIX_API int vrix_db_init(int send_queue);
+
+/* Local calendar fields (second..year only) of a count of seconds, in the zone
+ * of g_TimeZone.  A null record is ignored. */
+VRIX_API void sec_to_tm(struct tm *tm, int sec);
+
+/* Frees a result holder of `rows` slots; null is ignored. */
+VRIX_API void db_free_sqlite(ResultTable table, int rows);
+
+/* ---- Submit thread ------------------------------------------------------- */
+
+VRIX_API void *vrix_db_submit_thread(void *unused);
+VRIX_API void vrix_db_rec_open_thread(RecContext *ctx);
+VRIX_API void vrix_db_rec_close_thread(void);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* VRIXDB_H */

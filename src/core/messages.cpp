@@ -1,0 +1,40 @@
+#include "messages.h"
+
+#include "store/records.h"
+
+#include <sys/msg.h>
+
+#include <cerrno>
+#include <cstring>
+
+namespace vrix {
+
+int send_message(int queue, const NotifyMessage &msg) {
+    while (msgsnd(queue, &msg, VRIX_MSG_TEXT_SIZE, 0) != 0) {
+        if (errno != EINTR) return -1;
+    }
+    return 0;
+}
+
+int receive_message(int queue, NotifyMessage &msg) {
+    const ssize_t n = msgrcv(queue, &msg, VRIX_MSG_TEXT_SIZE, 0, MSG_NOERROR);
+    if (n < 0) return -1;
+    if (n < VRIX_MSG_TEXT_SIZE) std::memset(msg.mtext + n, 0, VRIX_MSG_TEXT_SIZE - n);
+    return 0;
+}
+
+void prepare_message(NotifyMessage &msg, unsigned char kind) {
+    std::memset(&msg, 0, sizeof msg);
+    msg.mtype = 1;
+    msg.mtext[0] = kind;
+}
+
+void put_message_word(NotifyMessage &msg, int offset, int value) {
+    store_le32(msg.mtext + offset, static_cast<uint32_t>(value));
+}
+
+int message_word(const NotifyMessage &msg, int offset) {
+    return static_cast<int>(load_le32(msg.mtext + offset));
+}
+
+} // namespace vrix

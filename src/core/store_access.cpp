@@ -1,0 +1,81 @@
+#include "store_access.h"
+
+#include "store/schema.h"
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+extern "C" void db_free_sqlite(ResultTable table, int rows) {
+    if (!table) return;
+    for (int i = 0; i < rows; ++i)
+        std::free(table[i]);
+    std::free(table);
+}
+
+namespace vrix {
+
+ResultTable make_holder(int rows, int width) {
+    auto *slots = static_cast<ResultTable>(std::calloc(static_cast<size_t>(rows), sizeof(void *)));
+    if (!slots) {
+        std::puts("vrix : malloc output error 2 !");
+        return nullptr;
+    }
+    for (int i = 0; i < rows; ++i) {
+        if (!(slots[i] = std::calloc(1, static_cast<size_t>(width)))) {
+            std::puts("vrix : malloc output error 1 !");
+            db_free_sqlite(slots, i);
+            return nullptr;
+        }
+    }
+    return slots;
+}
+
+bool open_db(pthread_mutex_t *m, const char *path, SqlHandle &handle) {
+    SqlLock hold(m);
+    if (sql_open(path, &handle) != 0) {
+        handle = nullptr;
+        return false;
+    }
+    return true;
+}
+
+void close_db(pthread_mutex_t *m, SqlHandle &handle) {
+    if (!handle) return;
+    SqlLock hold(m);
+    sql_close(handle);
+    handle = nullptr;
+}
+
+int submit_locked(pthread_mutex_t *m, SqlHandle db, const char *sql) {
+    SqlLock hold(m);
+    return sql_submit(db, sql, "");
+}
+
+void submit_transaction(pthread_mutex_t *m, SqlHandle db,
+                        std::initializer_list<const char *> parts) {
+    SqlLock hold(m);
+    sql_submit(db, sql::kBegin, "");
+    for (const char *p : parts)
+        if (p) sql_submit(db, p, "");
+    sql_submit(db, sql::kCommit, "");
+}
+
+bool holder_int(ResultTable t, int &out) {
+    if (!t || !t[0]) return false;
+    int32_t v;
+    std::memcpy(&v, t[0], sizeof v);
+    out = v;
+    return true;
+}
+
+bool holder_offset(ResultTable t, long long &out) {
+    if (!t || !t[0]) return false;
+    uint64_t v;
+    std::memcpy(&v, t[0], sizeof v);
+    out = static_cast<long long>(v);
+    return true;
+}
+
+} // namespace vrix

@@ -1,0 +1,69 @@
+// The library's side of the store access layer: the mutex of each database
+// kind, a guard that holds it, result holders and the transaction convention.
+#pragma once
+
+#include "vrixdb.h"
+
+#include <initializer_list>
+
+namespace vrix {
+
+// Holds a database mutex for the guard's lifetime.  A null mutex (the
+// library not started) is passed over rather than dereferenced.
+class SqlLock {
+  public:
+    explicit SqlLock(pthread_mutex_t *m) : m_(m) {
+        if (m_) pthread_mutex_lock(m_);
+    }
+    ~SqlLock() {
+        if (m_) pthread_mutex_unlock(m_);
+    }
+    SqlLock(const SqlLock &) = delete;
+    SqlLock &operator=(const SqlLock &) = delete;
+
+  private:
+    pthread_mutex_t *m_;
+};
+
+// The mutexes of the database kinds; channel must be 1..16.
+inline pthread_mutex_t *video_mutex(int channel) {
+    return g_pVideoSqlMutex[channel];
+}
+inline pthread_mutex_t *date_mutex() {
+    return g_pDateSqlMutex;
+}
+inline pthread_mutex_t *audio_mutex() {
+    return g_pAudioSqlMutex;
+}
+inline pthread_mutex_t *event_mutex() {
+    return g_pEventSqlMutex;
+}
+
+// Cell widths of the two conversions.
+constexpr int kIntCell = 4;
+constexpr int kOffsetCell = 8;
+
+// Makes a holder of `rows` zeroed slots with a zeroed `width`-byte buffer
+// each.  Prints "vrix : malloc output error 2 !" when the slot array cannot be
+// had and "vrix : malloc output error 1 !" when a buffer cannot; returns null
+// then, having freed what it made.
+ResultTable make_holder(int rows, int width);
+
+// Opens / closes a database under its mutex.  open_db stores 0 in `handle`
+// on failure and returns false.
+bool open_db(pthread_mutex_t *m, const char *path, SqlHandle &handle);
+void close_db(pthread_mutex_t *m, SqlHandle &handle);
+
+// One statement under one hold of the mutex.
+int submit_locked(pthread_mutex_t *m, SqlHandle db, const char *sql);
+
+// BEGIN, each part in order, COMMIT, under one hold of the mutex.  The COMMIT
+// is submitted whatever the parts returned; null parts are skipped.
+void submit_transaction(pthread_mutex_t *m, SqlHandle db,
+                        std::initializer_list<const char *> parts);
+
+// Reads slot 0 of a holder after a positive count; false when it is null.
+bool holder_int(ResultTable t, int &out);
+bool holder_offset(ResultTable t, long long &out);
+
+} // namespace vrix

@@ -1,0 +1,157 @@
+// The submit thread: day and hour bookkeeping for the video writer, taken off
+// the submit queue so the writer never stalls on it.
+#include "calendar.h"
+#include "flags.h"
+#include "messages.h"
+#include "store/format.h"
+#include "store/paths.h"
+#include "store/records.h"
+#include "store/schema.h"
+#include "store_access.h"
+#include "video/rec_context.h"
+
+#include <climits>
+#include <cstdio>
+
+namespace vrix {
+namespace {
+
+void park() {
+    while (flag_get(g_iDbSubmitThreadStop) != 0) {
+        if (flag_get(g_iDbSubmitThreadStopAck) == 0) flag_set(g_iDbSubmitThreadStopAck, 1);
+        poll_pause();
+    }
+}
+
+// A day key is a local midnight; anything negative or so large that the
+// next day overflows cannot come from the writer.
+bool plausible_day(int day) {
+    return day >= 0 && day <= INT_MAX - 86400;
+}
+
+// "select ... limit 1" into the context's holder: true when a row was found.
+bool found(pthread_mutex_t *m, SqlHandle db, ResultTable &holder, const char *sql) {
+    SqlLock hold(m);
+    return sql_submit(db, sql, "%d", &holder) > 0;
+}
+
+void prepare_next_day(RecContext &ctx, int day) {
+    std::tm tm{};
+    sec_to_tm(&tm, day + 86400);
+    char name[12];
+    day_name(name, tm);
+    Path p;
+    if (!writer_day_dir(p, ctx.strRoot, name)) return;
+    make_dir(p.text);
+    if (!writer_video_dir(p, ctx.strRoot, name)) return;
+    make_dir(p.text);
+    for (int n = 1; n < ctx.iChannelCount; ++n) {
+        if (!writer_channel_dir(p, ctx.strRoot, name, n)) continue;
+        make_dir(p.text);
+        if (!writer_video_db(p, ctx.strRoot, name, n)) continue;
+        SqlHandle db = nullptr;
+        if (open_db(video_mutex(n), p.text, db)) close_db(video_mutex(n), db);
+    }
+}
+
+void handle_day(RecContext &ctx, int day) {
+    prepare_next_day(ctx, day);
+    Sql q;
+    format_into(q.text, sizeof q.text, sql::kFindDay, day);
+    if (found(date_mutex(), ctx.pDateDb, ctx.pIntResult, q.text)) return;
+    format_into(q.text, sizeof q.text, sql::kInsertDay, day);
+    submit_locked(date_mutex(), ctx.pDateDb, q.text);
+}
+
+void handle_hour(RecContext &ctx, int ch, int hour, int day) {
+    Sql q;
+    format_into(q.text, sizeof q.text, sql::kFindChannelDay, ch, day);
+    int rows;
+    {
+        SqlLock hold(date_mutex());
+        rows = sql_submit(ctx.pDateDb, q.text, "%d", &ctx.pIntResult);
+    }
+    if (rows == 0) {
+        format_into(q.text, sizeof q.text, sql::kInsertChannelDay, ch, day);
+        submit_locked(date_mutex(), ctx.pDateDb, q.text);
+    }
+    RecChannel &c = ctx.pChannels[ch];
+    format_into(q.text, sizeof q.text, sql::kFindHour, hour);
+    {
+        SqlLock hold(video_mutex(ch));
+        if (sql_submit(c.pVideoDb, q.text, "%d", &ctx.pIntResult) > 0) return;
+    }
+    {
+        SqlLock hold(video_mutex(ch));
+        sql_submit(c.pVideoDb, sql::kCreateHourH, "");
+    }
+    format_into(q.text, sizeof q.text, sql::kInsertHour, hour);
+    SqlLock hold(video_mutex(ch));
+    sql_submit(c.pVideoDb, q.text, "");
+}
+
+// Validates and carries out one message.  Returns true for a stop request
+// that should park the thread.
+bool handle(RecContext *ctx, const NotifyMessage &msg) {
+    const unsigned kind = msg.mtext[0];
+    if (kind == VRIX_MSG_STOP) return flag_get(g_iDbSubmitThreadStop) != 0;
+    if (kind != VRIX_MSG_DAY && kind != VRIX_MSG_HOUR) {
+        std::printf("submit thread : drop message of kind %u\n", kind);
+        return false;
+    }
+    const int day = message_word(msg, 4);
+    if (!ctx || !plausible_day(day)) {
+        std::printf("submit thread : drop message of kind %u , day %d\n", kind, day);
+        return false;
+    }
+    if (kind == VRIX_MSG_DAY) {
+        handle_day(*ctx, day);
+        return false;
+    }
+    const int ch = msg.mtext[1];
+    const int hour = msg.mtext[2];
+    if (ch < 1 || ch >= ctx->iChannelCount || hour > 23) {
+        std::printf("submit thread : drop hour message , channel %d , hour %d\n", ch, hour);
+        return false;
+    }
+    handle_hour(*ctx, ch, hour, day);
+    return false;
+}
+
+} // namespace
+} // namespace vrix
+
+extern "C" void *vrix_db_submit_thread(void *) {
+    using namespace vrix;
+    for (;;) {
+        park();
+        RecContext *ctx = g_pVrixDbRec;
+        NotifyMessage msg;
+        for (;;) {
+            if (receive_message(g_iSubmitMq, msg) != 0) continue;
+            if (handle(ctx, msg)) break;
+        }
+    }
+    return nullptr;
+}
+
+extern "C" void vrix_db_rec_open_thread(RecContext *ctx) {
+    using namespace vrix;
+    flag_set(g_iDbSubmitThreadStopAck, 0);
+    flag_set(g_iDbSubmitThreadStop, 1);
+    wait_flag(g_iDbSubmitThreadStopAck);
+    g_pVrixDbRec = ctx;
+    flag_set(g_iDbSubmitThreadStop, 0);
+}
+
+// A thread that is parked already (no context handed over, or an open that
+// failed half-way) is not sent a stop request: it would stay in the queue and
+// end the next context's service early.
+extern "C" void vrix_db_rec_close_thread(void) {
+    using namespace vrix;
+    const bool serving = flag_get(g_iDbSubmitThreadStop) == 0;
+    flag_set(g_iDbSubmitThreadStopAck, 0);
+    flag_set(g_iDbSubmitThreadStop, 1);
+    if (serving) send_message(g_iSubmitMq, g_RecMsg);
+    wait_flag(g_iDbSubmitThreadStopAck);
+}

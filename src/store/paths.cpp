@@ -1,0 +1,86 @@
+#include "paths.h"
+
+#include <sys/stat.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace vrix {
+
+bool root_fits(const char *root, const char *who) {
+    if (!root) {
+        std::printf("%s : no root path\n", who);
+        return false;
+    }
+    if (std::strlen(root) > kMaxRootLength) {
+        std::printf("%s : root path too long\n", who);
+        return false;
+    }
+    return true;
+}
+
+char *make_writer_root(const char *root) {
+    const size_t size = std::strlen(root) + 10;
+    char *s = static_cast<char *>(std::calloc(1, size));
+    if (s) std::snprintf(s, size, "%s/", root);
+    return s;
+}
+
+void day_name(char (&out)[12], const std::tm &tm) {
+    std::memset(out, 0, sizeof out);
+    // Years above 9999 do not occur in 32-bit seconds; the bound keeps the
+    // field terminated whatever the input.
+    std::snprintf(out, sizeof out, "%u%02u%02u", static_cast<unsigned>(tm.tm_year + 1900) % 100000u,
+                  static_cast<unsigned>(tm.tm_mon + 1) % 100u,
+                  static_cast<unsigned>(tm.tm_mday) % 100u);
+}
+
+bool writer_date_db(Path &p, const char *strRoot) {
+    return format_into(p.text, sizeof p.text, "%sdate.db", strRoot);
+}
+bool writer_day_dir(Path &p, const char *strRoot, const char *day) {
+    return format_into(p.text, sizeof p.text, "%s/%s", strRoot, day);
+}
+bool writer_video_dir(Path &p, const char *strRoot, const char *day) {
+    return format_into(p.text, sizeof p.text, "%s/%s/video", strRoot, day);
+}
+bool writer_channel_dir(Path &p, const char *strRoot, const char *day, int ch) {
+    return format_into(p.text, sizeof p.text, "%s/%s/video/%d", strRoot, day, ch);
+}
+bool writer_video_db(Path &p, const char *strRoot, const char *day, int ch) {
+    return format_into(p.text, sizeof p.text, "%s/%s/video/%d/video.db", strRoot, day, ch);
+}
+bool writer_video_stream(Path &p, const char *strRoot, const char *day, int ch, int hour) {
+    return format_into(p.text, sizeof p.text, "%s/%s/video/%d/%d.stream", strRoot, day, ch, hour);
+}
+
+bool reader_date_db(Path &p, const char *root) {
+    return format_into(p.text, sizeof p.text, "%s/date.db", root);
+}
+bool reader_video_db(Path &p, const char *root, const std::tm &d, int ch) {
+    return format_into(p.text, sizeof p.text, "%s/%04d%02d%02d/video/%d/video.db", root,
+                       d.tm_year + 1900, d.tm_mon + 1, d.tm_mday, ch);
+}
+bool reader_video_stream(Path &p, const char *root, const std::tm &d, int ch, int hour) {
+    return format_into(p.text, sizeof p.text, "%s/%04d%02d%02d/video/%d/%d.stream", root,
+                       d.tm_year + 1900, d.tm_mon + 1, d.tm_mday, ch, hour);
+}
+bool reader_audio_db(Path &p, const char *root, const std::tm &d) {
+    return format_into(p.text, sizeof p.text, "%s/%04d%02d%02d/audio/audio.db", root,
+                       d.tm_year + 1900, d.tm_mon + 1, d.tm_mday);
+}
+bool reader_audio_stream(Path &p, const char *root, const std::tm &d, int ch, int hour) {
+    return format_into(p.text, sizeof p.text, "%s/%04d%02d%02d/audio/%d/%d.stream", root,
+                       d.tm_year + 1900, d.tm_mon + 1, d.tm_mday, ch, hour);
+}
+bool reader_event_db(Path &p, const char *root, const std::tm &d) {
+    return format_into(p.text, sizeof p.text, "%s/%04d%02d%02d/event.db", root, d.tm_year + 1900,
+                       d.tm_mon + 1, d.tm_mday);
+}
+
+void make_dir(const char *path) {
+    mkdir(path, 0700);
+}
+
+} // namespace vrix

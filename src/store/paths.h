@@ -1,0 +1,41 @@
+// Every path of the store.  Writers keep the root with "/" appended and name
+// days "%d%02d%02d"; readers take the plain root and name days "%04d%02d%02d".
+// Both give the same text for the years 1000..9999.
+#pragma once
+
+#include "format.h"
+
+#include <ctime>
+
+namespace vrix {
+
+// A root that leaves room for the longest path; otherwise prints
+// "<who> : root path too long" and returns false.
+bool root_fits(const char *root, const char *who);
+
+// The writer's root text: "%s/" of the root (caller frees with free()).
+char *make_writer_root(const char *root);
+
+// Day name "%d%02d%02d" (year + 1900, month + 1, day) into a 12-byte field.
+void day_name(char (&out)[12], const std::tm &tm);
+
+// Writer forms, from the root with "/" appended.
+bool writer_date_db(Path &p, const char *strRoot);                    // %sdate.db
+bool writer_day_dir(Path &p, const char *strRoot, const char *day);   // %s/%s
+bool writer_video_dir(Path &p, const char *strRoot, const char *day); // %s/%s/video
+bool writer_channel_dir(Path &p, const char *strRoot, const char *day, int ch);
+bool writer_video_db(Path &p, const char *strRoot, const char *day, int ch);
+bool writer_video_stream(Path &p, const char *strRoot, const char *day, int ch, int hour);
+
+// Reader forms, from the plain root and a calendar date.
+bool reader_date_db(Path &p, const char *root);
+bool reader_video_db(Path &p, const char *root, const std::tm &day, int ch);
+bool reader_video_stream(Path &p, const char *root, const std::tm &day, int ch, int hour);
+bool reader_audio_db(Path &p, const char *root, const std::tm &day);
+bool reader_audio_stream(Path &p, const char *root, const std::tm &day, int ch, int hour);
+bool reader_event_db(Path &p, const char *root, const std::tm &day);
+
+// mkdir with mode 0700; an existing directory is no error.
+void make_dir(const char *path);
+
+} // namespace vrix

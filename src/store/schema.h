@@ -1,0 +1,34 @@
+// Every statement the library submits, as format text.
+#pragma once
+
+namespace vrix::sql {
+
+// date.db
+inline constexpr char kCreateDateH[] = "create table H(date int);";
+inline constexpr char kCreateDateCh[] = "create table ch%d(date int);";
+inline constexpr char kFindDay[] = "select date from H where date = %d limit 1;";
+inline constexpr char kInsertDay[] = "insert into H values(%d);";
+inline constexpr char kFindChannelDay[] = "select date from ch%d where date = %d limit 1;";
+inline constexpr char kInsertChannelDay[] = "insert into ch%d values(%d);";
+
+// video.db and audio.db
+inline constexpr char kCreateHourH[] = "create table H(hour int);";
+inline constexpr char kFindHour[] = "select hour from H where hour = %d limit 1;";
+inline constexpr char kInsertHour[] = "insert into H values(%d);";
+inline constexpr char kCreateIndex[] =
+    "create table h%d(id integer primary key , sec int,offset int);";
+inline constexpr char kInsertIndex[] = "insert into h%d values(NULL,%d,%lld);";
+inline constexpr char kResumeOffset[] = "select max(offset) from h%d where offset < %lld;";
+inline constexpr char kDeleteFrom[] = "delete from h%d where offset >= %lld;";
+inline constexpr char kDeleteHour[] = "delete from h%d;";
+
+// event.db
+inline constexpr char kCreateEvents[] =
+    "create table h_all(id INTEGER PRIMARY KEY , sec int,ch int,type int,data text);";
+inline constexpr char kInsertEvent[] = "insert into h_all values(NULL,%d,%d,%d,NULL);";
+
+// transactions
+inline constexpr char kBegin[] = "BEGIN TRANSACTION;";
+inline constexpr char kCommit[] = "COMMIT TRANSACTION;";
+
+} // namespace vrix::sql

@@ -1,0 +1,41 @@
+// The video recording context: what recording keeps between two frames, for
+// every channel.  Slot n serves channel n; slot 0 is never used.
+#pragma once
+
+#include "vrixdb.h"
+
+#include <cstdio>
+
+constexpr int kFrameBufSize = 131072; // write-behind buffer per channel
+constexpr int kSqlBufSize = 2048;     // index rows waiting for a commit
+constexpr int kMaxRecSlots = VRIX_VIDEO_CHANNELS + 1;
+
+struct RecChannel {
+    char strDay[12];          // day whose video.db is open in pVideoDb
+    FILE *fpStream;           // current hour's stream file
+    long long llOffset;       // where the next frame goes (buffered bytes count as written)
+    int iHour;                // hour of fpStream and of its table; -1 = none
+    SqlHandle pVideoDb;       // video.db of strDay, under the channel's mutex
+    unsigned char *pFrameBuf; // write-behind buffer
+    int iBufLen;              // bytes held in pFrameBuf
+    int iYear;                // date of the last frame taken; iYear 0 = none
+    int iMon;
+    int iMday;
+    int iSqlRows;  // rows waiting in pSqlBuf
+    char *pSqlBuf; // index statements waiting for the next commit
+    int iSqlLen;
+    NotifyMessage HourMsg; // 'e': channel, hour, day start
+    int iNewTable;         // the hour's table is still to be created
+    int iWaitKey;          // drop frames until a key frame
+};
+
+struct RecContext {
+    char strDay[12]; // day last prepared on disk
+    char *strRoot;   // root with "/" appended
+    RecChannel *pChannels;
+    int iChannelCount;         // channel slots: highest channel + 1
+    SqlHandle pDateDb;         // date.db, under g_pDateSqlMutex
+    ResultTable pOffsetResult; // one "%u" slot: the resume query
+    ResultTable pIntResult;    // one "%d" slot: the submit thread's queries
+    NotifyMessage DayMsg;      // 'd': day start
+};

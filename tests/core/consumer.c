@@ -1,0 +1,33 @@
+/* An application in C99, built against the installed header and library. */
+#include <vrixdb.h>
+
+#include <stdio.h>
+#include <string.h>
+#include <sys/ipc.h>
+#include <sys/msg.h>
+
+int main(void) {
+    struct tm tm;
+    ResultTable t = NULL;
+    SqlHandle db = NULL;
+    NotifyMessage m;
+    int app, ok;
+
+    memset(&tm, 0, sizeof tm);
+    sec_to_tm(&tm, 0);
+    if (tm.tm_year != 70 || tm.tm_mday != 1) return 1;
+    if (g_iCommit[2] != 10 || g_iCommit[9] != 2) return 2;
+    if (sizeof(EventRecord) != 140 || sizeof(VrixAudioBlock) != 200) return 3;
+    if (sql_open(":memory:", &db) != 0) return 4;
+    if (sql_submit(db, "select 42", "%d", &t) != 1 || *(int *)t[0] != 42) return 5;
+    db_free_sqlite(t, 1);
+    sql_close(db);
+
+    app = msgget(IPC_PRIVATE, IPC_CREAT | 0600);
+    ok = vrix_db_init(app);
+    msgctl(app, IPC_RMID, NULL);
+    if (ok != 1 || g_iDbSubmitThreadStopAck != 1) return 6;
+    memset(&m, 0, sizeof m);
+    puts("consumer ok");
+    return 0;
+}
