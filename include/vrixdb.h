@@ -132,11 +132,35 @@ VRIX_API void sec_to_tm(struct tm *tm, int sec);
 /* Frees a result holder of `rows` slots; null is ignored. */
 VRIX_API void db_free_sqlite(ResultTable table, int rows);
 
+/* ---- Test hooks -----------------------------------------------------------
+ * The library's fixed waits (reclamation and event reduction pacing, the
+ * reduction prediction) are divided by waitDivisor; `now`, when set, replaces
+ * the real clock where the library stamps the current time (events).  Null
+ * hooks, a divisor of 0 or 1 and a null clock keep the specified behaviour;
+ * that is also the state before the first call.  For tests and demos only. */
+typedef struct VrixTestHooks {
+    unsigned waitDivisor;
+    int (*now)(void);
+} VrixTestHooks;
+VRIX_API void vrix_db_set_test_hooks(const VrixTestHooks *hooks);
+
 /* ---- Submit thread ------------------------------------------------------- */
 
 VRIX_API void *vrix_db_submit_thread(void *unused);
 VRIX_API void vrix_db_rec_open_thread(RecContext *ctx);
 VRIX_API void vrix_db_rec_close_thread(void);
+
+/* ---- Video recording ----------------------------------------------------- */
+
+/* ---- Video playback ------------------------------------------------------ */
+
+/* ---- Audio --------------------------------------------------------------- */
+
+/* ---- Events -------------------------------------------------------------- */
+
+/* ---- Maintenance --------------------------------------------------------- */
+
+/* ---- Reporting ----------------------------------------------------------- */
 
 #ifdef __cplusplus
 }

@@ -1,0 +1,33 @@
+#include "pacing.h"
+
+#include "vrixdb.h"
+
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <atomic>
+
+namespace vrix {
+namespace {
+std::atomic<unsigned> g_wait_divisor{1};
+std::atomic<int (*)(void)> g_clock{nullptr};
+} // namespace
+
+void pace_sleep_us(unsigned long us) {
+    const unsigned d = g_wait_divisor.load();
+    usleep(static_cast<useconds_t>(us / (d ? d : 1)));
+}
+
+Now clock_now() {
+    if (auto *fn = g_clock.load()) return {fn(), 0};
+    timeval tv{};
+    gettimeofday(&tv, nullptr);
+    return {tv.tv_sec, tv.tv_usec};
+}
+
+} // namespace vrix
+
+extern "C" void vrix_db_set_test_hooks(const VrixTestHooks *hooks) {
+    vrix::g_wait_divisor.store(hooks && hooks->waitDivisor ? hooks->waitDivisor : 1);
+    vrix::g_clock.store(hooks ? hooks->now : nullptr);
+}

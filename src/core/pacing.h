@@ -1,0 +1,21 @@
+// The library's fixed waits and its clock, both shortened or replaced only
+// through vrix_db_set_test_hooks (tests and demos).
+#pragma once
+
+namespace vrix {
+
+// Sleeps a fixed wait of the library, divided by the hooks' wait divisor.
+void pace_sleep_us(unsigned long us);
+inline void pace_sleep_s(unsigned s) {
+    pace_sleep_us(s * 1000000UL);
+}
+
+// Seconds and microseconds of the current time: the real clock unless a test
+// clock is installed.
+struct Now {
+    long sec;
+    long usec;
+};
+Now clock_now();
+
+} // namespace vrix
