@@ -152,6 +152,18 @@ VRIX_API void vrix_db_rec_close_thread(void);
 
 /* ---- Video recording ----------------------------------------------------- */
 
+/* One context for all channels; `count` is the highest channel number + 1
+ * (at most 17).  One context at a time: a second open is refused (null). */
+VRIX_API RecContext *vrix_db_open_rec_video(const char *root, int count);
+VRIX_API void vrix_db_close_rec_video(RecContext *ctx);
+/* One frame record (header and payload, `size` bytes); calls on one context
+ * must not overlap. */
+VRIX_API void vrix_db_rec_video(RecContext *ctx, const void *frame, int size);
+/* Commits channel `ch`'s waiting index rows and writes out its buffer. */
+VRIX_API void vrix_db_rec_video_flush(RecContext *ctx, int ch);
+/* The day-change step: `day` is "YYYYMMDD", `dayStart` its local midnight. */
+VRIX_API int db_chech_video_dir(RecContext *ctx, const char *day, int dayStart);
+
 /* ---- Video playback ------------------------------------------------------ */
 
 /* ---- Audio --------------------------------------------------------------- */

@@ -10,11 +10,19 @@
 #include "store_access.h"
 #include "video/rec_context.h"
 
+#include <atomic>
 #include <climits>
 #include <cstdio>
+#include <cstring>
 
 namespace vrix {
 namespace {
+
+// Each stop request carries the number of its close in text bytes 4..7, so a
+// stop request that someone else put on the 0666 queue, or one left from an
+// earlier run, cannot end the service before the messages queued ahead of
+// the real one are handled.
+std::atomic<int> g_stop_seq{0};
 
 void park() {
     while (flag_get(g_iDbSubmitThreadStop) != 0) {
@@ -63,6 +71,31 @@ void handle_day(RecContext &ctx, int day) {
     submit_locked(date_mutex(), ctx.pDateDb, q.text);
 }
 
+// Registers the hour in the channel's video.db of the message's day.  That is
+// normally the database the writer has open; when the writer has moved on to
+// another day meanwhile, the day's own file is opened for the registration.
+void register_hour(RecContext &ctx, int ch, int hour, int day) {
+    std::tm tm{};
+    sec_to_tm(&tm, day);
+    char name[12];
+    day_name(name, tm);
+    Path p;
+    writer_video_db(p, ctx.strRoot, name, ch);
+    RecChannel &c = ctx.pChannels[ch];
+    Sql q;
+    format_into(q.text, sizeof q.text, sql::kFindHour, hour);
+    SqlLock hold(video_mutex(ch));
+    SqlHandle db = c.pVideoDb;
+    SqlHandle own = nullptr;
+    if (std::memcmp(c.strDay, name, 9) != 0) db = sql_open(p.text, &own) == 0 ? own : nullptr;
+    if (sql_submit(db, q.text, "%d", &ctx.pIntResult) <= 0) {
+        sql_submit(db, sql::kCreateHourH, "");
+        format_into(q.text, sizeof q.text, sql::kInsertHour, hour);
+        sql_submit(db, q.text, "");
+    }
+    if (own) sql_close(own);
+}
+
 void handle_hour(RecContext &ctx, int ch, int hour, int day) {
     Sql q;
     format_into(q.text, sizeof q.text, sql::kFindChannelDay, ch, day);
@@ -75,26 +108,19 @@ void handle_hour(RecContext &ctx, int ch, int hour, int day) {
         format_into(q.text, sizeof q.text, sql::kInsertChannelDay, ch, day);
         submit_locked(date_mutex(), ctx.pDateDb, q.text);
     }
-    RecChannel &c = ctx.pChannels[ch];
-    format_into(q.text, sizeof q.text, sql::kFindHour, hour);
-    {
-        SqlLock hold(video_mutex(ch));
-        if (sql_submit(c.pVideoDb, q.text, "%d", &ctx.pIntResult) > 0) return;
-    }
-    {
-        SqlLock hold(video_mutex(ch));
-        sql_submit(c.pVideoDb, sql::kCreateHourH, "");
-    }
-    format_into(q.text, sizeof q.text, sql::kInsertHour, hour);
-    SqlLock hold(video_mutex(ch));
-    sql_submit(c.pVideoDb, q.text, "");
+    register_hour(ctx, ch, hour, day);
 }
 
 // Validates and carries out one message.  Returns true for a stop request
 // that should park the thread.
 bool handle(RecContext *ctx, const NotifyMessage &msg) {
     const unsigned kind = msg.mtext[0];
-    if (kind == VRIX_MSG_STOP) return flag_get(g_iDbSubmitThreadStop) != 0;
+    if (kind == VRIX_MSG_STOP) {
+        if (flag_get(g_iDbSubmitThreadStop) != 0 && message_word(msg, 4) == g_stop_seq.load())
+            return true;
+        std::puts("submit thread : drop stop request nobody made");
+        return false;
+    }
     if (kind != VRIX_MSG_DAY && kind != VRIX_MSG_HOUR) {
         std::printf("submit thread : drop message of kind %u\n", kind);
         return false;
@@ -152,6 +178,10 @@ extern "C" void vrix_db_rec_close_thread(void) {
     const bool serving = flag_get(g_iDbSubmitThreadStop) == 0;
     flag_set(g_iDbSubmitThreadStopAck, 0);
     flag_set(g_iDbSubmitThreadStop, 1);
-    if (serving) send_message(g_iSubmitMq, g_RecMsg);
+    if (serving) {
+        NotifyMessage stop = g_RecMsg;
+        put_message_word(stop, 4, g_stop_seq.fetch_add(1) + 1);
+        send_message(g_iSubmitMq, stop);
+    }
     wait_flag(g_iDbSubmitThreadStopAck);
 }

@@ -46,30 +46,43 @@ struct Statement {
     ~Statement() { sqlite3_finalize(stmt); }
 };
 
-// Runs every statement of `sql` in order, stopping at the first failure.
-// Rows of the statements that yield columns are appended to `rows`.
+// Runs every statement of `sql` in order.  A statement that fails is passed
+// over and the rest still run (a batch with one bad row keeps the others);
+// the first failure is returned.  Busy or locked stops at once, so that the
+// caller can repeat the call.  Rows of the statements that yield columns are
+// appended to `rows`.
 int run_all(sqlite3 *db, const char *sql, size_t columns, std::vector<Value> &rows) {
+    int first_failure = 0;
     const char *tail = sql;
     while (tail && *tail) {
         Statement s;
         const char *next = nullptr;
         int rc = sqlite3_prepare_v2(db, tail, -1, &s.stmt, &next);
-        if (rc != SQLITE_OK) return failure_code(rc);
+        if (next == tail) next = nullptr; // nothing consumed: no way forward
         tail = next;
+        if (rc != SQLITE_OK) {
+            const int code = failure_code(rc);
+            if (code == kBusy) return code;
+            if (!first_failure) first_failure = code;
+            continue;
+        }
         if (!s.stmt) continue; // whitespace or comment only
         const int have = sqlite3_column_count(s.stmt);
         while ((rc = sqlite3_step(s.stmt)) == SQLITE_ROW) {
             if (columns == 0) continue;
             for (size_t c = 0; c < columns; ++c) {
-                const bool null = static_cast<int>(c) >= have ||
-                                  sqlite3_column_type(s.stmt, static_cast<int>(c)) == SQLITE_NULL;
-                rows.push_back(
-                    {null, null ? 0 : sqlite3_column_int64(s.stmt, static_cast<int>(c))});
+                const int col = static_cast<int>(c);
+                const bool null = col >= have || sqlite3_column_type(s.stmt, col) == SQLITE_NULL;
+                rows.push_back({null, null ? 0 : sqlite3_column_int64(s.stmt, col)});
             }
         }
-        if (rc != SQLITE_DONE) return failure_code(rc);
+        if (rc != SQLITE_DONE) {
+            const int code = failure_code(rc);
+            if (code == kBusy) return code;
+            if (!first_failure) first_failure = code;
+        }
     }
-    return 0;
+    return first_failure;
 }
 
 // Writes the collected rows into the caller's holders (see the header).

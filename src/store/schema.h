@@ -19,6 +19,9 @@ inline constexpr char kCreateIndex[] =
     "create table h%d(id integer primary key , sec int,offset int);";
 inline constexpr char kInsertIndex[] = "insert into h%d values(NULL,%d,%lld);";
 inline constexpr char kResumeOffset[] = "select max(offset) from h%d where offset < %lld;";
+inline constexpr char kSecAtOffset[] = "select sec from h%d where offset = %lld limit 1;";
+inline constexpr char kTableExists[] =
+    "select count(*) from sqlite_master where type='table' and name='h%d';";
 inline constexpr char kDeleteFrom[] = "delete from h%d where offset >= %lld;";
 inline constexpr char kDeleteHour[] = "delete from h%d;";
 

@@ -27,6 +27,9 @@ struct RecChannel {
     NotifyMessage HourMsg; // 'e': channel, hour, day start
     int iNewTable;         // the hour's table is still to be created
     int iWaitKey;          // drop frames until a key frame
+    // Hours (bit h) whose waiting rows were carried over before their table
+    // was created; the next commit creates these tables first.
+    unsigned iPendingTables;
 };
 
 struct RecContext {

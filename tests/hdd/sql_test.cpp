@@ -116,6 +116,21 @@ TEST_F(Sql, FailuresLeaveDatabaseAndHoldersAlone) {
     db_free_sqlite(t, 1);
 }
 
+// One bad statement in a batch costs only itself.
+TEST_F(Sql, BadStatementInBatchKeepsTheOthers) {
+    ASSERT_EQ(sql_submit(db, "create table h1(id integer primary key , sec int,offset int);", ""),
+              0);
+    EXPECT_LT(sql_submit(db,
+                         "insert into h1 values(NULL,1,0);insert into h9 values(NULL,2,5);"
+                         "insert into h1 values(NULL,3,10);",
+                         ""),
+              -1);
+    ResultTable t = nullptr;
+    ASSERT_EQ(sql_submit(db, "select count(*) from h1;", "%d", &t), 1);
+    EXPECT_EQ(cell32(t, 0), 2);
+    db_free_sqlite(t, 1);
+}
+
 TEST(SqlHandleZero, IsRefusedHarmlessly) {
     ResultTable t = nullptr;
     EXPECT_LT(sql_submit(nullptr, "select 1;", "%d", &t), 0);

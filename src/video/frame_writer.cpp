@@ -1,0 +1,333 @@
+// The frame writer: every frame of every channel goes through here.
+#include "core/calendar.h"
+#include "core/messages.h"
+#include "core/store_access.h"
+#include "rec_context.h"
+#include "rec_writer.h"
+#include "store/format.h"
+#include "store/paths.h"
+#include "store/records.h"
+#include "store/schema.h"
+#include "stream_file.h"
+
+#include <cstdio>
+#include <cstring>
+
+namespace vrix {
+
+void close_hour_file(RecChannel &c, int) {
+    if (!c.fpStream) return;
+    write_bytes(c.fpStream, c.pFrameBuf, static_cast<size_t>(c.iBufLen));
+    std::fclose(c.fpStream);
+    c.fpStream = nullptr;
+    c.iBufLen = 0;
+    c.llOffset = 0;
+}
+
+void commit_channel(RecChannel &c, int n) {
+    Sql create[25];
+    const char *parts[26] = {};
+    int k = 0;
+    unsigned hours = c.iPendingTables;
+    if (c.iNewTable && c.iHour >= 0) hours |= 1u << c.iHour;
+    for (int h = 0; h < 24; ++h) {
+        if (!(hours & (1u << h))) continue;
+        format_into(create[k].text, sizeof create[k].text, sql::kCreateIndex, h);
+        parts[k] = create[k].text;
+        ++k;
+    }
+    parts[k] = c.pSqlBuf;
+    {
+        SqlLock hold(video_mutex(n));
+        sql_submit(c.pVideoDb, sql::kBegin, "");
+        for (int i = 0; i <= k; ++i)
+            sql_submit(c.pVideoDb, parts[i], "");
+        sql_submit(c.pVideoDb, sql::kCommit, "");
+    }
+    c.iNewTable = 0;
+    c.iPendingTables = 0;
+    c.iSqlLen = 0;
+    c.iSqlRows = 0;
+    c.pSqlBuf[0] = '\0';
+}
+
+namespace {
+
+// Rows waiting for an hour whose table was never created keep that hour as
+// pending, so that the next commit creates its table too.
+void keep_pending_table(RecChannel &c) {
+    if (c.iSqlRows && c.iNewTable && c.iHour >= 0) c.iPendingTables |= 1u << c.iHour;
+}
+
+// The channel's video.db follows the day of its frames; rows waiting for the
+// old day go into the old database first.  The day text and the handle change
+// together under the channel's mutex: the submit thread reads both.
+void move_to_day(RecContext &ctx, RecChannel &c, int n) {
+    if (c.pVideoDb && c.iSqlRows) commit_channel(c, n);
+    Path p;
+    writer_video_db(p, ctx.strRoot, ctx.strDay, n);
+    bool opened;
+    {
+        SqlLock hold(video_mutex(n));
+        if (c.pVideoDb) sql_close(c.pVideoDb);
+        c.pVideoDb = nullptr;
+        opened = sql_open(p.text, &c.pVideoDb) == 0;
+        if (!opened) {
+            Path dir;
+            writer_channel_dir(dir, ctx.strRoot, ctx.strDay, n);
+            make_dir(dir.text);
+            opened = sql_open(p.text, &c.pVideoDb) == 0;
+        }
+        if (!opened) c.pVideoDb = nullptr;
+        std::memcpy(c.strDay, ctx.strDay, 9);
+    }
+    if (!opened) std::puts("vrix_db_rec_video : open sqlite fail");
+    c.iSqlRows = 0;
+    c.iSqlLen = 0;
+    c.pSqlBuf[0] = '\0';
+    c.iPendingTables = 0;
+}
+
+constexpr int kBusyRetries = 20; // with SQLite's own busy wait, about a second
+
+// A query into the context's holder, repeated while the database is busy.
+int query_retrying(SqlHandle db, int n, const char *sql, const char *format, ResultTable &holder) {
+    int rows = -1;
+    for (int i = 0; i < kBusyRetries && rows == -1; ++i) {
+        SqlLock hold(video_mutex(n));
+        rows = sql_submit(db, sql, format, &holder);
+    }
+    return rows;
+}
+
+constexpr long long kUnknown = -1;
+
+// The newest indexed key frame below `bound`: its offset, 0 when the hour has
+// no such row or no table, kUnknown when the index cannot be read.
+long long newest_row_below(RecContext &ctx, RecChannel &c, int n, long long bound, int &sec) {
+    Sql q;
+    format_into(q.text, sizeof q.text, sql::kResumeOffset, c.iHour, bound);
+    const int rows = query_retrying(c.pVideoDb, n, q.text, "%u", ctx.pOffsetResult);
+    long long found = 0;
+    if (rows > 0) {
+        if (!holder_offset(ctx.pOffsetResult, found)) return 0; // max() over no row
+        format_into(q.text, sizeof q.text, sql::kSecAtOffset, c.iHour, found);
+        if (query_retrying(c.pVideoDb, n, q.text, "%d", ctx.pIntResult) <= 0 ||
+            !holder_int(ctx.pIntResult, sec))
+            sec = 0;
+        return found;
+    }
+    // A failed query means no table only when the table is truly missing.
+    format_into(q.text, sizeof q.text, sql::kTableExists, c.iHour);
+    int tables = -1;
+    if (query_retrying(c.pVideoDb, n, q.text, "%d", ctx.pIntResult) > 0 &&
+        holder_int(ctx.pIntResult, tables) && tables == 0)
+        return 0;
+    return kUnknown;
+}
+
+// Picks the restart point of an hour file that has data: the newest indexed
+// key frame whose record is whole and agrees with its row.  Rows from there
+// on are deleted.  kUnknown when the index cannot be read (no database, or a
+// damaged one): the file is then continued at its end, never cut.
+long long resume_point(RecContext &ctx, RecChannel &c, int n, long long size) {
+    if (!c.pVideoDb) return kUnknown;
+    // Rows still waiting for this very hour (the clock went back) must be in
+    // the table before it is read.
+    if (c.iSqlRows) commit_channel(c, n);
+    long long bound = size;
+    long long offset;
+    for (;;) {
+        int sec = 0;
+        offset = newest_row_below(ctx, c, n, bound, sec);
+        if (offset <= 0 || key_frame_agrees(c.fpStream, offset, size, sec)) break;
+        bound = offset; // the row names no whole key frame there: try the one before
+    }
+    if (offset == kUnknown) return kUnknown;
+    Sql q;
+    format_into(q.text, sizeof q.text, sql::kDeleteFrom, c.iHour, offset);
+    submit_locked(video_mutex(n), c.pVideoDb, q.text);
+    return offset;
+}
+
+// Opens or resumes the hour's file.  Returns false when the frame is not to
+// be stored (no file, or a non-key frame at a restart point).
+bool open_hour(RecContext &ctx, RecChannel &c, int n, const char *day, int hour, bool key) {
+    close_hour_file(c, n);
+    keep_pending_table(c);
+    c.iBufLen = 0;
+    c.iNewTable = 1;
+    c.iHour = hour;
+    Path p;
+    if (!writer_video_stream(p, ctx.strRoot, day, n, hour)) return false;
+    c.fpStream = open_stream_for_writing(p.text);
+    if (!c.fpStream) return false;
+    const long long size = stream_size(c.fpStream);
+    if (size < 0) {
+        std::printf("vrix_db_rec_video : ch%d cannot size %s\n", n, p.text);
+        std::fclose(c.fpStream);
+        c.fpStream = nullptr;
+        return false;
+    }
+    if (size == 0) {
+        // An empty file keeps no rows: they would name the new frames.
+        c.llOffset = 0;
+        Sql q;
+        format_into(q.text, sizeof q.text, sql::kDeleteHour, hour);
+        submit_locked(video_mutex(n), c.pVideoDb, q.text);
+        return true;
+    }
+    const long long restart = resume_point(ctx, c, n, size);
+    if (restart == kUnknown) {
+        std::printf("vrix_db_rec_video : ch%d index of hour %d unreadable , appending\n", n, hour);
+        c.llOffset = size;
+    } else {
+        // Nothing older than the restart point may survive behind new data.
+        c.llOffset = restart;
+        cut_stream(c.fpStream, restart);
+    }
+    if (!key) {
+        c.iWaitKey = 1;
+        return false;
+    }
+    return true;
+}
+
+void store_frame(RecChannel &c, int n, const unsigned char *frame, int size) {
+    if (kFrameBufSize - c.iBufLen > size) {
+        std::memcpy(c.pFrameBuf + c.iBufLen, frame, static_cast<size_t>(size));
+        c.iBufLen += size;
+        return;
+    }
+    if (c.iBufLen) {
+        const size_t w = write_bytes(c.fpStream, c.pFrameBuf, static_cast<size_t>(c.iBufLen));
+        if (w < static_cast<size_t>(c.iBufLen)) report_short_write(n, w, c.iBufLen);
+        c.iBufLen = 0;
+    }
+    if (size < kFrameBufSize) {
+        std::memcpy(c.pFrameBuf, frame, static_cast<size_t>(size));
+        c.iBufLen = size;
+        return;
+    }
+    const size_t w = write_bytes(c.fpStream, frame, static_cast<size_t>(size));
+    if (w < static_cast<size_t>(size)) report_short_write(n, w, size);
+}
+
+void index_key_frame(RecChannel &c, int n, int sec, unsigned scale) {
+    const int room = kSqlBufSize - c.iSqlLen;
+    const int len = std::snprintf(c.pSqlBuf + c.iSqlLen, static_cast<size_t>(room),
+                                  sql::kInsertIndex, c.iHour, sec, c.llOffset);
+    if (len < 0 || len >= room) {
+        // Only a threshold raised far beyond its defaults fills the batch:
+        // commit what is there and start the batch again with this row.
+        c.pSqlBuf[c.iSqlLen] = '\0';
+        commit_channel(c, n);
+        index_key_frame(c, n, sec, scale);
+        return;
+    }
+    c.iSqlLen += len;
+    ++c.iSqlRows;
+    if (c.iSqlRows > g_iCommit[scale]) commit_channel(c, n);
+}
+
+// The frame's own checks: size, header, scale and channel slot.
+bool frame_usable(const RecContext &ctx, const unsigned char *frame, int size, FrameInfo &f) {
+    if (!frame || size < VRIX_FRAME_HEADER_SIZE || !parse_frame(frame, size, f)) {
+        std::printf("vrix_db_rec_video : drop frame of size %d\n", size);
+        return false;
+    }
+    if (static_cast<long long>(f.len) + VRIX_FRAME_HEADER_SIZE != size) {
+        std::printf("vrix_db_rec_video : drop frame , size %d but payload length %u\n", size,
+                    f.len);
+        return false;
+    }
+    if (frame_scale(f) > VRIX_MAX_SCALE) {
+        std::printf("vrix_db_rec_video : drop frame , scale %u out of range\n", frame_scale(f));
+        return false;
+    }
+    if (f.channel < 1 || f.channel >= ctx.iChannelCount) {
+        std::printf("vrix_db_rec_video : drop frame , channel %d has no slot\n", f.channel);
+        return false;
+    }
+    if (f.sec <= 0) {
+        std::printf("vrix_db_rec_video : drop frame , time %d\n", f.sec);
+        return false;
+    }
+    return true;
+}
+
+} // namespace
+} // namespace vrix
+
+extern "C" void vrix_db_rec_video(RecContext *ctx, const void *frame, int size) {
+    using namespace vrix;
+    if (!ctx) return;
+    const auto *bytes = static_cast<const unsigned char *>(frame);
+    FrameInfo f;
+    if (!frame_usable(*ctx, bytes, size, f)) return;
+    const int n = f.channel;
+    RecChannel &c = ctx->pChannels[n];
+
+    std::tm tm{};
+    sec_to_tm(&tm, f.sec);
+    if (c.iWaitKey) {
+        if (!f.key) return;
+        c.iWaitKey = 0;
+    }
+    if (c.iYear == 0 || c.iYear != tm.tm_year || c.iMon != tm.tm_mon || c.iMday != tm.tm_mday) {
+        if (c.iYear != 0) {
+            keep_pending_table(c);
+            c.iHour = -1;
+        }
+        c.iYear = tm.tm_year;
+        c.iMon = tm.tm_mon;
+        c.iMday = tm.tm_mday;
+    }
+    if (c.iHour == -1 || c.iHour != tm.tm_hour) {
+        char day[12];
+        day_name(day, tm);
+        const int start = day_start(f.sec, tm);
+        db_chech_video_dir(ctx, day, start);
+        if (std::memcmp(c.strDay, ctx->strDay, 9) != 0) move_to_day(*ctx, c, n);
+        c.HourMsg.mtext[2] = static_cast<unsigned char>(tm.tm_hour);
+        put_message_word(c.HourMsg, 4, start);
+        send_message(g_iSubmitMq, c.HourMsg);
+        if (!open_hour(*ctx, c, n, day, tm.tm_hour, f.key)) return;
+    }
+    if (!c.fpStream) return;
+    store_frame(c, n, bytes, size);
+    if (f.key) index_key_frame(c, n, f.sec, frame_scale(f));
+    c.llOffset += size;
+}
+
+extern "C" void vrix_db_rec_video_flush(RecContext *ctx, int ch) {
+    using namespace vrix;
+    if (!ctx) return;
+    if (ch < 1 || ch >= ctx->iChannelCount) {
+        std::printf("vrix_db_rec_video_flush : channel %d has no slot\n", ch);
+        return;
+    }
+    RecChannel &c = ctx->pChannels[ch];
+    if (c.pVideoDb && c.iSqlRows) commit_channel(c, ch);
+    c.iSqlRows = 0;
+    if (c.fpStream && c.iBufLen) {
+        write_bytes(c.fpStream, c.pFrameBuf, static_cast<size_t>(c.iBufLen));
+        std::fflush(c.fpStream);
+        c.iBufLen = 0;
+    }
+}
+
+extern "C" int db_chech_video_dir(RecContext *ctx, const char *day, int dayStart) {
+    using namespace vrix;
+    if (!ctx || !day) return -1;
+    if (std::strncmp(ctx->strDay, day, 9) == 0) return 0;
+    std::memset(ctx->strDay, 0, sizeof ctx->strDay);
+    std::memcpy(ctx->strDay, day, strnlen(day, 8));
+    Path p;
+    if (writer_day_dir(p, ctx->strRoot, ctx->strDay)) make_dir(p.text);
+    if (writer_video_dir(p, ctx->strRoot, ctx->strDay)) make_dir(p.text);
+    prepare_message(ctx->DayMsg, VRIX_MSG_DAY);
+    put_message_word(ctx->DayMsg, 4, dayStart);
+    send_message(g_iSubmitMq, ctx->DayMsg);
+    return 1;
+}

@@ -1,0 +1,16 @@
+// Steps of the video writer shared by the frame path, flush and close.
+#pragma once
+
+#include "rec_context.h"
+
+namespace vrix {
+
+// Writes out the buffered bytes at the current position (result not looked
+// at) and closes the hour's file.
+void close_hour_file(RecChannel &c, int n);
+
+// Commits the channel's waiting rows in one transaction under its mutex,
+// creating first the tables they need that were not created yet.
+void commit_channel(RecChannel &c, int n);
+
+} // namespace vrix

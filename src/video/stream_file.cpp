@@ -1,0 +1,52 @@
+#include "stream_file.h"
+
+#include "core/messages.h"
+#include "store/records.h"
+
+#include <unistd.h>
+
+namespace vrix {
+
+FILE *open_stream_for_writing(const char *path) {
+    FILE *fp = std::fopen(path, "rb+");
+    if (!fp) fp = std::fopen(path, "wb+");
+    if (fp) std::setvbuf(fp, nullptr, _IONBF, 0);
+    return fp;
+}
+
+long long stream_size(FILE *fp) {
+    if (fseeko(fp, 0, SEEK_END) != 0) return -1;
+    return ftello(fp);
+}
+
+bool cut_stream(FILE *fp, long long offset) {
+    std::fflush(fp);
+    const bool cut = ftruncate(fileno(fp), offset) == 0;
+    return fseeko(fp, offset, SEEK_SET) == 0 && cut;
+}
+
+size_t write_bytes(FILE *fp, const void *data, size_t len) {
+    return len ? std::fwrite(data, 1, len, fp) : 0;
+}
+
+void report_short_write(int ch, size_t written, size_t wanted) {
+    std::printf("rec : ch%d fwrite iRet = %d , Size = %d\n", ch, static_cast<int>(written),
+                static_cast<int>(wanted));
+    send_message(g_iVrixDbSendMq, g_IdeErrMsg);
+}
+
+bool key_frame_agrees(FILE *fp, long long offset, long long size, int sec) {
+    constexpr size_t kHead = VRIX_FRAME_HEADER_SIZE + VRIX_FRAME_KEY_BYTE + 1;
+    if (offset < 0 || size - offset < static_cast<long long>(kHead)) return false;
+    unsigned char head[kHead];
+    if (fseeko(fp, offset, SEEK_SET) != 0 || std::fread(head, 1, kHead, fp) != kHead) {
+        std::clearerr(fp);
+        return false;
+    }
+    FrameInfo f{};
+    parse_frame(head, kHead, f);
+    const long long end = offset + VRIX_FRAME_HEADER_SIZE + static_cast<long long>(f.len);
+    return f.len > VRIX_FRAME_KEY_BYTE && end <= size && f.key && f.sec == sec && f.sec != 0;
+}
+
+} // namespace vrix

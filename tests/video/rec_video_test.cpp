@@ -1,0 +1,242 @@
+// Recording video end to end against real files and SQLite databases.
+#include "rec_fixture.h"
+
+#include <sys/resource.h>
+
+#include <csignal>
+#include <thread>
+
+namespace {
+
+using namespace vrix::test;
+using Bytes = std::vector<unsigned char>;
+
+Bytes concat(std::initializer_list<Bytes> parts) {
+    Bytes out;
+    for (const auto &p : parts)
+        out.insert(out.end(), p.begin(), p.end());
+    return out;
+}
+
+TEST_F(RecVideo, FirstFrameLaysOutDayHourAndNextDay) {
+    const Bytes f = make_frame(3, kHour10 + 5, true, 100);
+    record(ctx, f);
+    close(); // the submit thread has handled everything queued by now
+
+    EXPECT_EQ(file_bytes(stream(3, 10)), f);
+    const std::string day = std::to_string(kDay);
+    EXPECT_EQ(rows(date_db(), "select date from H"), std::vector<std::string>{day});
+    EXPECT_EQ(rows(date_db(), "select date from ch3"), std::vector<std::string>{day});
+    EXPECT_TRUE(rows(date_db(), "select date from ch4").empty());
+    EXPECT_EQ(rows(video_db(3), "select hour from H"), std::vector<std::string>{"10"});
+    EXPECT_EQ(rows(video_db(3), "select id,sec,offset from h10"),
+              std::vector<std::string>{"1," + std::to_string(kHour10 + 5) + ",0"});
+    // Tomorrow is prepared ahead: directories and empty databases.
+    for (int n = 1; n <= 16; ++n)
+        EXPECT_EQ(size_of(video_db(n, "20240311")), 0) << n;
+}
+
+// Rows wait until their number exceeds the threshold of the scale.
+TEST_F(RecVideo, CommitThresholdsPerScale) {
+    struct Case {
+        int ch;
+        unsigned scale;
+        int keys_before_commit;
+    } cases[] = {{1, 0, 1}, {2, 1, 6}, {3, 2, 11}, {4, 9, 3}};
+    for (const Case &c : cases) {
+        for (int k = 1; k <= c.keys_before_commit; ++k) {
+            record(ctx, make_frame(c.ch, kHour10 + k, true, 64, c.scale));
+            record(ctx, make_frame(c.ch, kHour10 + k, false, 40, c.scale));
+            const auto n = rows(video_db(c.ch), "select count(*) from h10");
+            if (k < c.keys_before_commit)
+                EXPECT_TRUE(n.empty() || n[0] == "0") << "scale " << c.scale << " key " << k;
+            else
+                EXPECT_EQ(n, std::vector<std::string>{std::to_string(k)}) << "scale " << c.scale;
+        }
+    }
+}
+
+// Offsets count every stored frame, key or not; only key frames get rows.
+TEST_F(RecVideo, RowsHoldExactOffsets) {
+    const Bytes k1 = make_frame(5, kHour10, true, 500), p1 = make_frame(5, kHour10, false, 300),
+                p2 = make_frame(5, kHour10, false, 200), k2 = make_frame(5, kHour10 + 1, true, 700);
+    for (const Bytes *f : {&k1, &p1, &p2, &k2})
+        record(ctx, *f);
+    vrix_db_rec_video_flush(ctx, 5);
+    EXPECT_EQ(file_bytes(stream(5, 10)), concat({k1, p1, p2, k2}));
+    EXPECT_EQ(rows(video_db(5), "select sec,offset from h10 order by id"),
+              (std::vector<std::string>{std::to_string(kHour10) + ",0",
+                                        std::to_string(kHour10 + 1) + ",1048"}));
+}
+
+// Rows of an hour whose table was never created travel into the next hour's
+// first commit, and both tables exist afterwards.
+TEST_F(RecVideo, RowsCarriedIntoTheNextHour) {
+    for (int s = 0; s < 3; ++s)
+        record(ctx, make_frame(2, kHour10 + 3590 + s, true, 64, 2));
+    record(ctx, make_frame(2, kHour10 + 3600, true, 64, 0));
+    EXPECT_EQ(rows(video_db(2), "select count(*) from h10"), std::vector<std::string>{"3"});
+    EXPECT_EQ(rows(video_db(2), "select offset from h11"), std::vector<std::string>{"0"});
+    close();
+    EXPECT_EQ(rows(video_db(2), "select hour from H order by hour"),
+              (std::vector<std::string>{"10", "11"}));
+}
+
+TEST_F(RecVideo, MidnightOpensANewDay) {
+    const int last = kDay + 86399;
+    record(ctx, make_frame(7, last, true, 64, 2));
+    record(ctx, make_frame(7, last + 1, true, 64, 2));
+    close();
+    EXPECT_EQ(rows(video_db(7), "select sec from h23"),
+              std::vector<std::string>{std::to_string(last)});
+    EXPECT_EQ(rows(video_db(7, "20240311"), "select sec from h0"), std::vector<std::string>{});
+    EXPECT_EQ(size_of(stream(7, 0, "20240311")), 80);
+    EXPECT_EQ(rows(date_db(), "select date from ch7 order by date"),
+              (std::vector<std::string>{std::to_string(kDay), std::to_string(kDay + 86400)}));
+    EXPECT_EQ(rows(video_db(7, "20240311"), "select hour from H"), std::vector<std::string>{"0"});
+}
+
+TEST_F(RecVideo, FlushThenContinueAtTheNextOffset) {
+    const Bytes a = make_frame(1, kHour10, true, 1000, 2),
+                b = make_frame(1, kHour10 + 1, true, 40, 2);
+    record(ctx, a);
+    vrix_db_rec_video_flush(ctx, 1);
+    EXPECT_EQ(size_of(stream(1, 10)), static_cast<long long>(a.size()));
+    EXPECT_EQ(rows(video_db(1), "select offset from h10"), std::vector<std::string>{"0"});
+    record(ctx, b);
+    vrix_db_rec_video_flush(ctx, 1);
+    EXPECT_EQ(file_bytes(stream(1, 10)), concat({a, b}));
+    EXPECT_EQ(rows(video_db(1), "select offset from h10 order by id"),
+              (std::vector<std::string>{"0", "1016"}));
+}
+
+// A frame equal to the free room writes the buffer out first; a frame of
+// 128 KiB or more goes to the file directly after it.
+TEST_F(RecVideo, WriteBehindBufferBoundaries) {
+    const Bytes a = make_frame(4, kHour10, true, 100000 - 16);
+    record(ctx, a);
+    EXPECT_EQ(channel(4).iBufLen, 100000);
+    EXPECT_EQ(size_of(stream(4, 10)), 0);
+    const Bytes equal = make_frame(4, kHour10, false, 31072 - 16); // exactly the free room
+    record(ctx, equal);
+    EXPECT_EQ(size_of(stream(4, 10)), 100000);
+    EXPECT_EQ(channel(4).iBufLen, 31072);
+    const Bytes fits = make_frame(4, kHour10, false, 99999 - 16); // one byte less than the room
+    record(ctx, fits);
+    EXPECT_EQ(channel(4).iBufLen, 131071);
+    EXPECT_EQ(size_of(stream(4, 10)), 100000);
+    const Bytes big = make_frame(4, kHour10, false, 131072 - 16);
+    record(ctx, big);
+    EXPECT_EQ(channel(4).iBufLen, 0);
+    EXPECT_EQ(file_bytes(stream(4, 10)), concat({a, equal, fits, big}));
+    EXPECT_EQ(channel(4).llOffset, 100000 + 131071 + 131072);
+}
+
+TEST_F(RecVideo, BadFramesAreDroppedWithOneLine) {
+    Bytes ok = make_frame(2, kHour10, true, 64);
+    Bytes wrong_len = ok;
+    wrong_len[0] = 65;
+    Bytes scale = make_frame(2, kHour10, true, 64, 11);
+    Bytes slot = make_frame(2, kHour10, true, 64);
+    slot[16 + 36] = 16; // channel 17: no slot
+    Bytes zero_time = make_frame(2, 0, true, 64);
+    testing::internal::CaptureStdout();
+    vrix_db_rec_video(ctx, ok.data(), 15);
+    vrix_db_rec_video(ctx, nullptr, 80);
+    record(ctx, wrong_len);
+    record(ctx, scale);
+    record(ctx, slot);
+    record(ctx, zero_time);
+    vrix_db_rec_video(nullptr, ok.data(), 80);
+    vrix_db_rec_video_flush(ctx, 0);
+    vrix_db_rec_video_flush(ctx, 17);
+    const std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), 8) << out;
+    EXPECT_EQ(size_of(day_dir()), -1); // nothing touched the disk
+}
+
+TEST_F(RecVideo, GarbageOnTheSubmitQueueIsDropped) {
+    record(ctx, make_frame(1, kHour10, true, 64)); // context's day prepared
+    NotifyMessage m{};
+    m.mtype = 1;
+    auto send = [&](unsigned char kind, int ch, int hour, int day) {
+        std::memset(m.mtext, 0, sizeof m.mtext);
+        m.mtext[0] = kind;
+        m.mtext[1] = static_cast<unsigned char>(ch);
+        m.mtext[2] = static_cast<unsigned char>(hour);
+        std::memcpy(m.mtext + 4, &day, 4);
+        ASSERT_EQ(msgsnd(g_iSubmitMq, &m, 128, 0), 0);
+    };
+    testing::internal::CaptureStdout();
+    send('z', 1, 1, kDay);
+    send(VRIX_MSG_HOUR, 0, 5, kDay);   // channel 0
+    send(VRIX_MSG_HOUR, 17, 5, kDay);  // past the context's slots
+    send(VRIX_MSG_HOUR, 200, 5, kDay); // far out
+    send(VRIX_MSG_HOUR, 2, 24, kDay);  // hour out of range
+    send(VRIX_MSG_DAY, 0, 0, -5);      // no such day
+    send(VRIX_MSG_STOP, 0, 0, 0);      // a stop nobody asked for: ignored
+    send(VRIX_MSG_HOUR, 6, 4, kDay);   // valid: served
+    close();
+    const std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), 7) << out;
+    EXPECT_EQ(rows(date_db(), "select date from ch6"),
+              std::vector<std::string>{std::to_string(kDay)});
+    EXPECT_TRUE(rows(date_db(), "select date from ch2").empty());
+}
+
+TEST_F(RecVideo, OpenRefusals) {
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(vrix_db_open_rec_video(root().c_str(), 17), nullptr); // one is open
+    close();
+    EXPECT_EQ(vrix_db_open_rec_video(std::string(99, 'r').c_str(), 17), nullptr);
+    EXPECT_EQ(vrix_db_open_rec_video(root().c_str(), 18), nullptr);
+    EXPECT_EQ(vrix_db_open_rec_video(root().c_str(), -1), nullptr);
+    const std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), 4) << out;
+    // Counts 0 and 1 give contexts without usable channels.
+    for (int count : {0, 1}) {
+        RecContext *c = vrix_db_open_rec_video(root().c_str(), count);
+        ASSERT_NE(c, nullptr);
+        vrix_db_close_rec_video(c);
+    }
+    open();
+}
+
+TEST_F(RecVideo, DateDbThatCannotOpenStillGivesAContext) {
+    close();
+    const std::string bad = root() + "/missing/dir";
+    testing::internal::CaptureStdout();
+    ctx = vrix_db_open_rec_video(bad.c_str(), 17);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "vrix_db_open_rec_video : open sqlite fail\n");
+    ASSERT_NE(ctx, nullptr);
+    EXPECT_EQ(ctx->pDateDb, nullptr);
+}
+
+// A write that falls short is reported as one line and a 159 notice to the
+// application's queue; recording goes on and what was stored stays.
+TEST_F(RecVideo, ShortWriteReportsDiskError) {
+    const Bytes first = make_frame(8, kHour10, true, 4000);
+    record(ctx, first);
+    vrix_db_rec_video_flush(ctx, 8);
+    struct rlimit old {};
+    getrlimit(RLIMIT_FSIZE, &old);
+    auto *prev = std::signal(SIGXFSZ, SIG_IGN);
+    struct rlimit lim = old;
+    lim.rlim_cur = static_cast<rlim_t>(first.size()) + 1000;
+    setrlimit(RLIMIT_FSIZE, &lim);
+    testing::internal::CaptureStdout();
+    record(ctx, make_frame(8, kHour10 + 1, true, 140000));
+    const std::string out = testing::internal::GetCapturedStdout();
+    setrlimit(RLIMIT_FSIZE, &old);
+    std::signal(SIGXFSZ, prev);
+    EXPECT_NE(out.find("rec : ch8 fwrite iRet = 1000 , Size = 140016"), std::string::npos) << out;
+    NotifyMessage m{};
+    ASSERT_GE(msgrcv(app_queue(), &m, 128, 0, IPC_NOWAIT), 0);
+    EXPECT_EQ(m.mtext[0], 159);
+    const Bytes stored = file_bytes(stream(8, 10));
+    ASSERT_GE(stored.size(), first.size());
+    EXPECT_TRUE(std::equal(first.begin(), first.end(), stored.begin()));
+}
+
+} // namespace

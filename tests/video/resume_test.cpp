@@ -1,0 +1,179 @@
+// Resuming an hour file: the restart point, the cut, and rows that do not
+// agree with the file.
+#include "rec_fixture.h"
+
+#include <unistd.h>
+
+namespace {
+
+using namespace vrix::test;
+using Bytes = std::vector<unsigned char>;
+
+struct Walked {
+    std::vector<Bytes> frames;
+    bool clean_end; // the file ends on a record boundary
+};
+
+// Reads a stream file the way forward play does: record after record.
+Walked walk(const std::string &path) {
+    const Bytes b = file_bytes(path);
+    Walked w{{}, true};
+    size_t at = 0;
+    while (at < b.size()) {
+        if (b.size() - at < 16) return w.clean_end = false, w;
+        const size_t len = b[at] | b[at + 1] << 8 | b[at + 2] << 16 | size_t(b[at + 3]) << 24;
+        if (b.size() - at - 16 < len) return w.clean_end = false, w;
+        w.frames.emplace_back(b.begin() + long(at), b.begin() + long(at + 16 + len));
+        at += 16 + len;
+    }
+    return w;
+}
+
+std::string offsets(const std::string &db, int hour) {
+    std::string out;
+    for (const auto &r : rows(db, "select offset from h" + std::to_string(hour) + " order by id"))
+        out += (out.empty() ? "" : " ") + r;
+    return out;
+}
+
+// Restart at the last indexed key frame: rows from it on go, the non-key
+// frames before the next key frame are dropped, the file is cut there.
+TEST_F(RecVideo, ResumeRestartsAtTheLastIndexedKeyFrame) {
+    const Bytes k1 = make_frame(3, kHour10, true, 984), p1 = make_frame(3, kHour10, false, 484),
+                k2 = make_frame(3, kHour10 + 1, true, 984),
+                p2 = make_frame(3, kHour10 + 1, false, 484);
+    for (const Bytes *f : {&k1, &p1, &k2, &p2})
+        record(ctx, *f);
+    close();
+    EXPECT_EQ(offsets(video_db(3), 10), "0 1500");
+    open();
+    record(ctx, make_frame(3, kHour10 + 2, false, 100, 0, 1)); // dropped: waiting for a key frame
+    EXPECT_EQ(channel(3).iWaitKey, 1);
+    EXPECT_EQ(size_of(stream(3, 10)), 1500);                   // cut at the restart point
+    record(ctx, make_frame(3, kHour10 + 2, false, 100, 0, 2)); // dropped too
+    const Bytes k3 = make_frame(3, kHour10 + 3, true, 50),
+                p3 = make_frame(3, kHour10 + 3, false, 60);
+    record(ctx, k3);
+    record(ctx, p3);
+    close();
+    const Walked w = walk(stream(3, 10));
+    EXPECT_TRUE(w.clean_end);
+    EXPECT_EQ(w.frames, (std::vector<Bytes>{k1, p1, k3, p3}));
+    EXPECT_EQ(offsets(video_db(3), 10), "0 1500");
+    EXPECT_EQ(rows(video_db(3), "select sec from h10 where offset = 1500"),
+              std::vector<std::string>{std::to_string(kHour10 + 3)});
+}
+
+// Frames after the last committed row are lost at a stop without flush; new
+// frames of the same sizes must not let forward play run on into old ones.
+TEST_F(RecVideo, ResumeLeavesNoStaleTail) {
+    const Bytes k1 = make_frame(2, kHour10, true, 200, 0);
+    record(ctx, k1); // committed at once (scale 0)
+    for (int s = 1; s <= 4; ++s) {
+        record(ctx, make_frame(2, kHour10 + s, true, 300, 2)); // rows wait (scale 2)
+        record(ctx, make_frame(2, kHour10 + s, false, 100, 2));
+    }
+    close();
+    ASSERT_EQ(offsets(video_db(2), 10), "0");
+    open();
+    std::vector<Bytes> fresh;
+    fresh.push_back(make_frame(2, kHour10 + 20, true, 200, 0, 9));
+    for (int s = 1; s <= 2; ++s) {
+        fresh.push_back(make_frame(2, kHour10 + 20 + s, true, 300, 2, 9));
+        fresh.push_back(make_frame(2, kHour10 + 20 + s, false, 100, 2, 9));
+    }
+    for (const Bytes &f : fresh)
+        record(ctx, f);
+    close();
+    const Walked w = walk(stream(2, 10));
+    EXPECT_TRUE(w.clean_end);
+    EXPECT_EQ(w.frames, fresh);
+}
+
+// An empty hour file keeps none of the hour's old rows: no row may name a
+// new non-key frame.
+TEST_F(RecVideo, EmptyHourFileDropsOldRows) {
+    for (int s = 0; s < 3; ++s) {
+        record(ctx, make_frame(6, kHour10 + s, true, 100));
+        record(ctx, make_frame(6, kHour10 + s, false, 100));
+    }
+    close();
+    ASSERT_EQ(offsets(video_db(6), 10), "0 232 464");
+    ASSERT_EQ(truncate(stream(6, 10).c_str(), 0), 0);
+    open();
+    const Bytes p = make_frame(6, kHour10 + 9, false, 100),
+                k = make_frame(6, kHour10 + 9, true, 100);
+    record(ctx, p); // stored at offset 0 without a row
+    record(ctx, k);
+    close();
+    EXPECT_EQ(offsets(video_db(6), 10), "116");
+    EXPECT_EQ(walk(stream(6, 10)).frames, (std::vector<Bytes>{p, k}));
+}
+
+// Rows that name no whole key frame of their time (a row ahead of its data
+// after a crash, a wrong time, a non-key record) are passed over.
+TEST_F(RecVideo, ResumeSkipsRowsThatDisagreeWithTheFile) {
+    const Bytes k1 = make_frame(9, kHour10, true, 100), p1 = make_frame(9, kHour10, false, 100),
+                k2 = make_frame(9, kHour10 + 1, true, 100),
+                p2 = make_frame(9, kHour10 + 1, false, 100);
+    for (const Bytes *f : {&k1, &p1, &k2, &p2})
+        record(ctx, *f);
+    close();
+    sqlite3 *db = nullptr;
+    ASSERT_EQ(sqlite3_open(video_db(9).c_str(), &db), SQLITE_OK);
+    const std::string bad = "delete from h10 where offset = 232;"
+                            "insert into h10 values(NULL,5,232);" // k2 with a wrong time
+                            "insert into h10 values(NULL," +
+                            std::to_string(kHour10 + 1) +
+                            ",348);" // p2: not a key frame
+                            "insert into h10 values(NULL," +
+                            std::to_string(kHour10 + 1) + ",460);"; // past the end of the data
+    ASSERT_EQ(sqlite3_exec(db, bad.c_str(), nullptr, nullptr, nullptr), SQLITE_OK);
+    sqlite3_close(db);
+    open();
+    const Bytes k3 = make_frame(9, kHour10 + 2, true, 100);
+    record(ctx, k3);
+    close();
+    // The only row that agrees is k1's: writing restarts there.
+    EXPECT_EQ(walk(stream(9, 10)).frames, (std::vector<Bytes>{k3}));
+    EXPECT_EQ(rows(video_db(9), "select offset,sec from h10 order by offset"),
+              (std::vector<std::string>{"0," + std::to_string(kHour10 + 2)}));
+}
+
+// An index that cannot be read is no reason to destroy the hour: the file is
+// continued at its end.
+TEST_F(RecVideo, UnreadableIndexNeverCutsTheFile) {
+    const Bytes k1 = make_frame(5, kHour10, true, 100);
+    record(ctx, k1);
+    close();
+    {
+        std::ofstream junk(video_db(5), std::ios::binary | std::ios::trunc);
+        junk << std::string(4096, 'x');
+    }
+    open();
+    const Bytes k2 = make_frame(5, kHour10 + 1, true, 100);
+    testing::internal::CaptureStdout();
+    record(ctx, k2);
+    const std::string out = testing::internal::GetCapturedStdout();
+    close();
+    EXPECT_NE(out.find("index of hour 10 unreadable"), std::string::npos) << out;
+    EXPECT_EQ(walk(stream(5, 10)).frames, (std::vector<Bytes>{k1, k2}));
+}
+
+// The clock set back into an hour whose rows still wait: they are committed
+// before the restart point is read, so it is the true last key frame.
+TEST_F(RecVideo, ClockSetBackIntoAnHourWithWaitingRows) {
+    const Bytes a = make_frame(1, kHour10, true, 100, 2),
+                b = make_frame(1, kHour10 + 1, true, 100, 2);
+    record(ctx, a);
+    record(ctx, b);
+    record(ctx, make_frame(1, kHour10 + 3600, true, 100, 2));
+    const Bytes c = make_frame(1, kHour10 + 2, true, 100, 0);
+    record(ctx, c); // back in hour 10
+    close();
+    EXPECT_EQ(walk(stream(1, 10)).frames, (std::vector<Bytes>{a, c}));
+    EXPECT_EQ(offsets(video_db(1), 10), "0 116");
+    EXPECT_EQ(offsets(video_db(1), 11), "0");
+}
+
+} // namespace
