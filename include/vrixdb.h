@@ -170,6 +170,60 @@ VRIX_API int db_chech_video_dir(RecContext *ctx, const char *day, int dayStart);
 
 /* ---- Events -------------------------------------------------------------- */
 
+/* Event type codes, one bit each; other values are stored but never selected. */
+#define VRIX_EVENT_MANUAL 1
+#define VRIX_EVENT_MOTION 2
+#define VRIX_EVENT_ALARM 4
+/* The further codes 8, 16, 32 and 64 are unnamed; 8 is stamped with the first
+ * second of its minute. */
+
+typedef struct EventRecContext EventRecContext;
+typedef struct EventQueryContext EventQueryContext;
+
+/* Recording: each event is stamped with the current time and appended to the
+ * event.db of its local day, which is registered in date.db at its first
+ * event.  Channels 1..64, 0 and -1 are stored as given. */
+VRIX_API EventRecContext *vrix_db_open_rec_event(const char *root);
+VRIX_API void vrix_db_close_rec_event(EventRecContext *ctx);
+/* Always 0; the two trailing integers are accepted and not used. */
+VRIX_API int vrix_db_rec_event(EventRecContext *ctx, int ch, int type, int arg1, int arg2);
+/* The day-change step: `day` is "YYYYMMDD" of `tm`, the local time of `sec`. */
+VRIX_API void db_chech_event_dir(EventRecContext *ctx, const char *day, struct tm tm, time_t sec);
+/* Appends one row to the open day; the store's result, negative when no day
+ * is open.  arg1, arg2, tm and usec are not used. */
+VRIX_API int db_insert_event(EventRecContext *ctx, int arg1, int arg2, struct tm *tm, time_t sec,
+                             long usec, int ch, int type);
+/* Makes `dir` and opens `dir`/event.db as the context's day; 1 when open. */
+VRIX_API int db_create_event(EventRecContext *ctx, const char *dir);
+/* Opens `path` as the context's day database (creating its table); 1 when
+ * open.  `path` is not modified; the context's day text is not changed. */
+VRIX_API int db_create_event_db(EventRecContext *ctx, char *path);
+
+/* Query: pages of `pageSize` events from `start` (local time), forwards or
+ * backwards across the days of date.db.  Bit b of chMaskLo selects channel
+ * b + 1, of chMaskHi channel b + 33; withCh0 selects channel 0; bit b (0..6)
+ * of typeMask selects type 1 << b.  Channel -1 is selected whenever type 1, 8
+ * or 64 is.  exactWalk non-zero reverses by re-reading the filtered rows and
+ * ignores events recorded into the current day after it was entered. */
+VRIX_API EventQueryContext *vrix_db_open_get_event(struct tm *start, uint32_t chMaskLo,
+                                                   uint32_t chMaskHi, int withCh0,
+                                                   uint32_t typeMask, const char *root,
+                                                   int pageSize, size_t scratchSize, int exactWalk);
+VRIX_API void vrix_db_close_get_event(EventQueryContext *ctx);
+/* Number of records of the next (ascending) or previous (newest first) page;
+ * 0 when there is none, leaving the page as it was. */
+VRIX_API int vrix_db_next_event(EventQueryContext *ctx);
+VRIX_API int vrix_db_pre_event(EventQueryContext *ctx);
+/* The page: as many records as the last non-zero page call returned. */
+VRIX_API EventRecord *vrix_db_get_event(EventQueryContext *ctx);
+/* Moves to the registered day of `sec` or the next (1) / previous (-1) one
+ * that has events on the wanted side of `sec`; 1, or 0 when there is none. */
+VRIX_API int db_event_get_new(EventQueryContext *ctx, time_t sec, int direction);
+/* The last id of the day's events and the first at or after (forwards) or last
+ * at or before (backwards) `sec`; 1, or 0 for a day without such events. */
+VRIX_API int db_event_date_rec_init(EventQueryContext *ctx, struct tm *day, int *startPos,
+                                    int *endPos, time_t sec);
+
 /* ---- Maintenance --------------------------------------------------------- */
 
 /* ---- Reporting ----------------------------------------------------------- */

@@ -83,4 +83,8 @@ void make_dir(const char *path) {
     mkdir(path, 0700);
 }
 
+bool dir_event_db(Path &p, const char *dir) {
+    return format_into(p.text, sizeof p.text, "%s/event.db", dir);
+}
+
 } // namespace vrix

@@ -38,4 +38,7 @@ bool reader_event_db(Path &p, const char *root, const std::tm &day);
 // mkdir with mode 0700; an existing directory is no error.
 void make_dir(const char *path);
 
+// The day's event database inside a day directory given as a path: "%s/event.db".
+bool dir_event_db(Path &p, const char *dir);
+
 } // namespace vrix

@@ -29,6 +29,17 @@ inline constexpr char kDeleteHour[] = "delete from h%d;";
 inline constexpr char kCreateEvents[] =
     "create table h_all(id INTEGER PRIMARY KEY , sec int,ch int,type int,data text);";
 inline constexpr char kInsertEvent[] = "insert into h_all values(NULL,%d,%d,%d,NULL);";
+// A page: channel clause, type clause (each ends in a blank), cursor, count.
+inline constexpr char kEventPageForward[] =
+    "select id,sec,ch,type from h_all where %s %s id >= %d limit %d;";
+inline constexpr char kEventPageBackward[] =
+    "select id,sec,ch,type from h_all where %s %s id <= %d order by id desc limit %d;";
+inline constexpr char kEventLastId[] = "select max(id) from h_all;";
+inline constexpr char kEventFirstIdFrom[] = "select min(id) from h_all where sec >= %d;";
+inline constexpr char kEventLastIdUpTo[] = "select max(id) from h_all where sec <= %d;";
+// date.db, for the event query's walk over the registered days
+inline constexpr char kEventNextDay[] = "select min(date) from H where date >= %d;";
+inline constexpr char kEventPrevDay[] = "select max(date) from H where date <= %d;";
 
 // transactions
 inline constexpr char kBegin[] = "BEGIN TRANSACTION;";

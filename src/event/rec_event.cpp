@@ -1,0 +1,144 @@
+// Event recording: one row per event in the event.db of the event's local
+// day, the day registered in date.db at its first event.
+#include "core/calendar.h"
+#include "core/pacing.h"
+#include "core/store_access.h"
+#include "event/event_context.h"
+#include "store/format.h"
+#include "store/paths.h"
+#include "store/schema.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace vrix {
+
+bool reopen_event_db(SqlHandle &db, const char *path, const char *then) {
+    SqlLock hold(event_mutex());
+    if (db) sql_close(db);
+    db = nullptr;
+    if (!path || sql_open(path, &db) != 0) {
+        db = nullptr;
+        return false;
+    }
+    if (then) sql_submit(db, then, "");
+    return true;
+}
+
+namespace {
+
+constexpr int kMinuteType = 8;
+
+// Adds the day to date.db's H unless a row for it is there already.  The
+// check and the insert are two separate holds of the date mutex.
+void register_day(EventRecContext &ctx, int day) {
+    Sql q;
+    format_into(q.text, sizeof q.text, sql::kFindDay, day);
+    int rows;
+    {
+        SqlLock hold(date_mutex());
+        rows = sql_submit(ctx.pDateDb, q.text, "%d", &ctx.pIntResult);
+    }
+    int found;
+    if (rows > 0 && holder_int(ctx.pIntResult, found)) return;
+    format_into(q.text, sizeof q.text, sql::kInsertDay, day);
+    submit_locked(date_mutex(), ctx.pDateDb, q.text);
+}
+
+// Opens a day database as the context's day; prints "<who> : open sqlite fail"
+// when it cannot be had (a null path is a name that did not fit).
+int open_day(EventRecContext &ctx, const char *path, const char *who) {
+    if (reopen_event_db(ctx.pEventDb, path, sql::kCreateEvents)) return 1;
+    std::printf("%s : open sqlite fail\n", who);
+    return 0;
+}
+
+} // namespace
+} // namespace vrix
+
+extern "C" EventRecContext *vrix_db_open_rec_event(const char *root) {
+    using namespace vrix;
+    refresh_timezone();
+    if (!root_fits(root, "vrix_db_open_rec_event")) return nullptr;
+    auto *ctx = static_cast<EventRecContext *>(std::calloc(1, sizeof(EventRecContext)));
+    if (!ctx) return nullptr;
+    Path p;
+    bool ok = (ctx->strRoot = make_writer_root(root)) != nullptr &&
+              (ctx->pIntResult = make_holder(1, kIntCell)) != nullptr &&
+              writer_date_db(p, ctx->strRoot) && open_db(date_mutex(), p.text, ctx->pDateDb);
+    if (!ok) {
+        vrix_db_close_rec_event(ctx);
+        return nullptr;
+    }
+    submit_locked(date_mutex(), ctx->pDateDb, sql::kCreateDateH);
+    return ctx;
+}
+
+extern "C" void vrix_db_close_rec_event(EventRecContext *ctx) {
+    using namespace vrix;
+    if (!ctx) return;
+    std::free(ctx->strRoot);
+    db_free_sqlite(ctx->pIntResult, 1);
+    close_db(date_mutex(), ctx->pDateDb);
+    close_db(event_mutex(), ctx->pEventDb);
+    std::free(ctx);
+}
+
+extern "C" int vrix_db_rec_event(EventRecContext *ctx, int ch, int type, int arg1, int arg2) {
+    using namespace vrix;
+    if (!ctx) return 0;
+    const Now now = clock_now();
+    int sec = static_cast<int>(now.sec);
+    std::tm tm{};
+    sec_to_tm(&tm, sec);
+    if (type == kMinuteType && tm.tm_sec != 0) {
+        sec -= tm.tm_sec;
+        sec_to_tm(&tm, sec);
+    }
+    char day[12];
+    day_name(day, tm);
+    db_chech_event_dir(ctx, day, tm, sec);
+    db_insert_event(ctx, arg1, arg2, &tm, sec, now.usec, ch, type);
+    return 0;
+}
+
+// strDay is taken over before anything can fail: a day whose database cannot
+// be opened is not retried until the next day.
+extern "C" void db_chech_event_dir(EventRecContext *ctx, const char *day, struct tm tm,
+                                   time_t sec) {
+    using namespace vrix;
+    if (!ctx || !day) return;
+    if (std::strncmp(day, ctx->strDay, sizeof ctx->strDay) == 0) return;
+    std::snprintf(ctx->strDay, sizeof ctx->strDay, "%s", day);
+
+    register_day(*ctx, day_start(static_cast<int>(sec), tm));
+
+    Path dir, db;
+    const bool named = writer_day_dir(dir, ctx->strRoot, ctx->strDay) && dir_event_db(db, dir.text);
+    if (named) make_dir(dir.text);
+    open_day(*ctx, named ? db.text : nullptr, "db_chech_event_dir");
+}
+
+extern "C" int db_insert_event(EventRecContext *ctx, int, int, struct tm *, time_t sec, long,
+                               int ch, int type) {
+    using namespace vrix;
+    if (!ctx || !ctx->pEventDb) return -2;
+    Sql q;
+    format_into(q.text, sizeof q.text, sql::kInsertEvent, static_cast<int>(sec), ch, type);
+    return submit_locked(event_mutex(), ctx->pEventDb, q.text);
+}
+
+extern "C" int db_create_event(EventRecContext *ctx, const char *dir) {
+    using namespace vrix;
+    if (!ctx || !dir) return 0;
+    make_dir(dir);
+    Path p;
+    if (!dir_event_db(p, dir)) return open_day(*ctx, nullptr, "db_create_event_db");
+    return db_create_event_db(ctx, p.text);
+}
+
+extern "C" int db_create_event_db(EventRecContext *ctx, char *path) {
+    if (!ctx || !path) return 0;
+    return vrix::open_day(*ctx, path, "db_create_event_db");
+}
