@@ -17,8 +17,9 @@ int send_message(int queue, const NotifyMessage &msg) {
 }
 
 int receive_message(int queue, NotifyMessage &msg) {
-    const ssize_t n = msgrcv(queue, &msg, VRIX_MSG_TEXT_SIZE, 0, MSG_NOERROR);
-    if (n < 0) return -1;
+    ssize_t n;
+    while ((n = msgrcv(queue, &msg, VRIX_MSG_TEXT_SIZE, 0, MSG_NOERROR)) < 0)
+        if (errno != EINTR) return -1;
     if (n < VRIX_MSG_TEXT_SIZE) std::memset(msg.mtext + n, 0, VRIX_MSG_TEXT_SIZE - n);
     return 0;
 }

@@ -154,7 +154,13 @@ extern "C" void *vrix_db_submit_thread(void *) {
         RecContext *ctx = g_pVrixDbRec;
         NotifyMessage msg;
         for (;;) {
-            if (receive_message(g_iSubmitMq, msg) != 0) continue;
+            if (receive_message(g_iSubmitMq, msg) != 0) {
+                // A queue that fails (removed under us) delivers nothing more,
+                // not even the stop request: a close must still get its park.
+                if (flag_get(g_iDbSubmitThreadStop) != 0) break;
+                poll_pause();
+                continue;
+            }
             if (handle(ctx, msg)) break;
         }
     }

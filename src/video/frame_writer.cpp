@@ -78,7 +78,10 @@ void move_to_day(RecContext &ctx, RecChannel &c, int n) {
             make_dir(dir.text);
             opened = sql_open(p.text, &c.pVideoDb) == 0;
         }
-        if (!opened) c.pVideoDb = nullptr;
+        if (opened)
+            sql_submit(c.pVideoDb, sql::kVideoIndexNoSync, "");
+        else
+            c.pVideoDb = nullptr;
         std::memcpy(c.strDay, ctx.strDay, 9);
     }
     if (!opened) std::puts("vrix_db_rec_video : open sqlite fail");
