@@ -166,6 +166,38 @@ VRIX_API int db_chech_video_dir(RecContext *ctx, const char *day, int dayStart);
 
 /* ---- Video playback ------------------------------------------------------ */
 
+typedef struct PlayContext PlayContext;
+
+/* One channel (1..16) from `start` (local time) to `end` (null or tm_year 0:
+ * no end, following a recording in progress).  Payloads of up to `bufSize`
+ * bytes are read into a 16-byte aligned buffer. */
+VRIX_API PlayContext *vrix_db_open_get_video(struct tm *start, struct tm *end, int ch, int bufSize,
+                                             const char *root);
+VRIX_API void vrix_db_close_get_video(PlayContext *ctx);
+/* Locate from `sec` forward (1) or backward (-1): 1 positioned, 0 nothing. */
+VRIX_API int db_video_get_new(PlayContext *ctx, int sec, int direction);
+/* Locate within the day of `t`: 1 found, 0 hour unusable, -1 day unusable. */
+VRIX_API int db_video_date_rec_init(PlayContext *ctx, struct tm *t, int *pos, int *endPos,
+                                    int *sec);
+/* Next frame forward / previous key frame: 1 ready, 0 none (see get_end). */
+VRIX_API int vrix_db_next_video(PlayContext *ctx);
+VRIX_API int vrix_db_pre_video(PlayContext *ctx);
+/* The payload of the last step (valid until the next step or close). */
+VRIX_API int vrix_db_get_video(PlayContext *ctx, void **buf);
+VRIX_API void vrix_db_video_get_current_time(PlayContext *ctx, int *sec, int *subTime);
+VRIX_API int vrix_db_video_get_current_scale(PlayContext *ctx);
+VRIX_API int vrix_db_video_get_end(PlayContext *ctx);
+/* Key-frame-only mode, `step` key frames per forward step. */
+VRIX_API void vrix_db_video_set_i_mode(PlayContext *ctx, int mode, int step);
+VRIX_API int vrix_db_video_get_i_mode(PlayContext *ctx);
+/* After each key frame deliver `count` - 1 further frames (0: all). */
+VRIX_API void vrix_db_video_set_skip_frame(PlayContext *ctx, int count);
+/* The next step locates afresh from `sec`; newPos 0 keeps near the current
+ * key frame. */
+VRIX_API void vrix_db_video_reset_start_time(PlayContext *ctx, int sec, int newPos);
+VRIX_API void vrix_db_video_set_end_time_forever(PlayContext *ctx);
+VRIX_API void vrix_db_show_current_pos(PlayContext *ctx);
+
 /* ---- Audio --------------------------------------------------------------- */
 
 /* ---- Events -------------------------------------------------------------- */

@@ -56,6 +56,19 @@ extern "C" void sec_to_tm(struct tm *tm, int sec) {
 
 namespace vrix {
 
+long long local_seconds(const std::tm &local) {
+    std::tm utc{};
+    utc.tm_year = local.tm_year;
+    utc.tm_mon = local.tm_mon;
+    utc.tm_mday = local.tm_mday;
+    utc.tm_hour = local.tm_hour;
+    utc.tm_min = local.tm_min;
+    utc.tm_sec = local.tm_sec;
+    const int16_t offset =
+        static_cast<int16_t>(-std::atomic_ref<int>(g_TimeZone.tz_minuteswest).load());
+    return static_cast<long long>(timegm(&utc)) - offset * 60LL;
+}
+
 // The zone record is read while other threads refresh it, so its two words
 // are taken from gettimeofday into a local record and stored whole.
 void refresh_timezone() {

@@ -18,4 +18,10 @@ inline int day_start(int t, const std::tm &tm) {
     return t - (tm.tm_hour * 3600 + tm.tm_min * 60 + tm.tm_sec);
 }
 
+// The inverse of sec_to_tm: the seconds whose local fields, in the zone of
+// g_TimeZone, are those of `local` (only the six fields sec_to_tm writes are
+// read).  Midnights and hour bounds formed with it always match the day keys
+// and hour files that recording named with sec_to_tm.
+long long local_seconds(const std::tm &local);
+
 } // namespace vrix

@@ -62,6 +62,21 @@ void submit_transaction(pthread_mutex_t *m, SqlHandle db,
     sql_submit(db, sql::kCommit, "");
 }
 
+int query_locked(pthread_mutex_t *m, SqlHandle db, const char *sql, const char *format,
+                 ResultTable &holder) {
+    SqlLock hold(m);
+    return sql_submit(db, sql, format, &holder);
+}
+
+bool query_int(pthread_mutex_t *m, SqlHandle db, const char *sql, ResultTable &holder, int &out) {
+    return query_locked(m, db, sql, "%d", holder) > 0 && holder_int(holder, out);
+}
+
+bool query_offset(pthread_mutex_t *m, SqlHandle db, const char *sql, ResultTable &holder,
+                  long long &out) {
+    return query_locked(m, db, sql, "%u", holder) > 0 && holder_offset(holder, out);
+}
+
 bool holder_int(ResultTable t, int &out) {
     if (!t || !t[0]) return false;
     int32_t v;

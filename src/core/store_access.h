@@ -62,6 +62,15 @@ int submit_locked(pthread_mutex_t *m, SqlHandle db, const char *sql);
 void submit_transaction(pthread_mutex_t *m, SqlHandle db,
                         std::initializer_list<const char *> parts);
 
+// One query into a one-slot holder under one hold of the mutex; the store's
+// count.  query_int / query_offset also read the value: false when the query
+// yields no row, fails or the value is NULL.
+int query_locked(pthread_mutex_t *m, SqlHandle db, const char *sql, const char *format,
+                 ResultTable &holder);
+bool query_int(pthread_mutex_t *m, SqlHandle db, const char *sql, ResultTable &holder, int &out);
+bool query_offset(pthread_mutex_t *m, SqlHandle db, const char *sql, ResultTable &holder,
+                  long long &out);
+
 // Reads slot 0 of a holder after a positive count; false when it is null.
 bool holder_int(ResultTable t, int &out);
 bool holder_offset(ResultTable t, long long &out);

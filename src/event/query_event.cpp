@@ -77,10 +77,7 @@ time_t midnight_of(time_t t) {
 }
 
 time_t seconds_of(const std::tm &local) {
-    std::tm copy = local;
-    const int16_t offset =
-        static_cast<int16_t>(-std::atomic_ref<int>(g_TimeZone.tz_minuteswest).load());
-    return timegm(&copy) - offset * 60;
+    return static_cast<time_t>(local_seconds(local));
 }
 
 int store_sec(time_t t) {
@@ -88,18 +85,6 @@ int store_sec(time_t t) {
 }
 
 // ---- store access ----
-
-// One "%d" value under the mutex; `rc` receives the store's result.
-bool query_int(pthread_mutex_t *m, SqlHandle db, const char *sql, ResultTable &holder, int &out,
-               int *rc = nullptr) {
-    int r;
-    {
-        SqlLock hold(m);
-        r = sql_submit(db, sql, "%d", &holder);
-    }
-    if (rc) *rc = r;
-    return r > 0 && holder_int(holder, out);
-}
 
 // A day database opened for one inspection, closed under the event mutex.
 struct DayDb {
@@ -146,9 +131,10 @@ void take_rows(EventQueryContext &c, int rows, int &n) {
 // the day since it was entered.  Busy is retried a bounded number of times.
 bool day_grew(EventQueryContext &c) {
     for (int tries = 0;; ++tries) {
-        int last = 0, rc = 0;
-        const bool got =
-            query_int(event_mutex(), c.pEventDb, sql::kEventLastId, c.pIntResult, last, &rc);
+        int last = 0;
+        const int rc =
+            query_locked(event_mutex(), c.pEventDb, sql::kEventLastId, "%d", c.pIntResult);
+        const bool got = rc > 0 && holder_int(c.pIntResult, last);
         if (rc == -1 && tries < kBusyRetries) {
             pace_sleep_us(1);
             continue;

@@ -29,6 +29,22 @@ inline constexpr char kTableExists[] =
 inline constexpr char kDeleteFrom[] = "delete from h%d where offset >= %lld;";
 inline constexpr char kDeleteHour[] = "delete from h%d;";
 
+// playback location and stepping
+inline constexpr char kChannelDayFrom[] = "select min(date) from ch%d where date >= %d;";
+inline constexpr char kChannelDayUpTo[] = "select max(date) from ch%d where date <= %d;";
+inline constexpr char kHourFrom[] = "select min(hour) from H where hour >= %d";
+inline constexpr char kHourUpTo[] = "select max(hour) from H where hour <= %d";
+inline constexpr char kLastId[] = "select max(id) from h%d;";
+inline constexpr char kIdUpTo[] = "select max(id) from h%d where sec <= %d;";
+inline constexpr char kIdFrom[] = "select min(id) from h%d where sec >= %d;";
+inline constexpr char kHintSecFrom[] = "select min(sec) from h%d where sec >= %d and id >= %d;";
+inline constexpr char kHintIdFrom[] = "select id from h%d where sec = %d and id >= %d limit 1;";
+inline constexpr char kHintSecUpTo[] = "select max(sec) from h%d where sec <= %d and id <= %d;";
+inline constexpr char kHintIdUpTo[] = "select id from h%d where sec = %d and id <= %d limit 1;";
+// The offset of a key frame with the time its row gives, so the record found
+// there can be checked against the row before it is trusted.
+inline constexpr char kRowOfId[] = "select offset,sec from h%d where id = %d limit 1;";
+
 // event.db
 inline constexpr char kCreateEvents[] =
     "create table h_all(id INTEGER PRIMARY KEY , sec int,ch int,type int,data text);";
