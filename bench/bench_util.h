@@ -45,7 +45,9 @@ inline bool start_library() {
         const int id = msgget(key, 0);
         if (id >= 0) msgctl(id, IPC_RMID, nullptr);
     }
-    return vrix_db_init(msgget(IPC_PRIVATE, IPC_CREAT | 0600)) == 1;
+    static int app = msgget(IPC_PRIVATE, IPC_CREAT | 0600);
+    std::atexit([] { msgctl(app, IPC_RMID, nullptr); });
+    return vrix_db_init(app) == 1;
 }
 
 inline std::string scratch(const char *name) {

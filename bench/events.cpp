@@ -6,6 +6,7 @@
 //
 //   bench_events            a quick run: 200 random starts
 //   bench_events --full     2,000 random starts
+#include "bench_util.h"
 #include "core/store_access.h"
 #include "store/schema.h"
 #include "vrixdb.h"
@@ -145,8 +146,7 @@ void statements(const std::string &path, int day, int samples, std::mt19937 &rng
 int main(int argc, char **argv) {
     const bool full = argc > 1 && std::strcmp(argv[1], "--full") == 0;
     const int samples = full ? 2000 : 200;
-    const int app = msgget(IPC_PRIVATE, IPC_CREAT | 0600);
-    if (app < 0 || !vrix_db_init(app)) {
+    if (!bench::start_library()) {
         std::puts("bench_events : start-up failed");
         return 1;
     }
@@ -195,6 +195,5 @@ int main(int argc, char **argv) {
 
     std::error_code ec;
     std::filesystem::remove_all(root, ec);
-    msgctl(app, IPC_RMID, nullptr);
     return 0;
 }

@@ -23,8 +23,14 @@ inline void remove_stale_queues() {
 }
 
 // The application's own queue for the tests: private, so nothing else reads it.
+// Removed when the process ends, so test runs leave no queues behind.
 inline int app_queue() {
-    static const int id = msgget(IPC_PRIVATE, IPC_CREAT | 0600);
+    static const int id = [] {
+        const int q = msgget(IPC_PRIVATE, IPC_CREAT | 0600);
+        static int saved = q;
+        std::atexit([] { msgctl(saved, IPC_RMID, nullptr); });
+        return q;
+    }();
     return id;
 }
 
