@@ -7,6 +7,9 @@
 
 namespace vrix {
 
+// An end time that never comes: playback without end follows the recording.
+constexpr int kNoEnd = 0x7FFFFFFF;
+
 // Refreshes g_TimeZone at the start of every open function: gettimeofday's
 // zone record, with the minutes-west field set from the C library's current
 // local offset so that sec_to_tm and mktime always agree.

@@ -5,8 +5,6 @@
 
 #include <cstdio>
 
-constexpr int kNoEnd = 0x7FFFFFFF;
-
 struct PlayContext {
     int iCurSec;               // position time: start, located time, or last frame's time
     int iEndSec;               // end of the range; kNoEnd = none

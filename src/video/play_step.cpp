@@ -1,5 +1,6 @@
 // Stepping through a channel's recording: forward frame by frame (or key
 // frame by key frame), backward key frame by key frame.
+#include "core/calendar.h"
 #include "core/store_access.h"
 #include "play_context.h"
 #include "play_video.h"

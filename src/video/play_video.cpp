@@ -124,7 +124,7 @@ extern "C" void vrix_db_video_reset_start_time(PlayContext *ctx, int sec, int ne
 }
 
 extern "C" void vrix_db_video_set_end_time_forever(PlayContext *ctx) {
-    if (ctx && ctx->pVideoDb) ctx->iEndSec = kNoEnd;
+    if (ctx && ctx->pVideoDb) ctx->iEndSec = vrix::kNoEnd;
 }
 
 extern "C" void vrix_db_show_current_pos(PlayContext *ctx) {

@@ -1,0 +1,199 @@
+// Locating a recording by time, shared by video and audio playback: the day
+// from date.db, the hour from the day's table H, the row from the hour's
+// index.  What differs between the media comes from a traits class:
+//
+//   using Context;                          the playback context
+//   static pthread_mutex_t *mutex(const Context &);
+//   static SqlHandle &db(Context &);        the context's day database
+//   static bool day_db(Path &, const Context &, const std::tm &day);
+//   static bool stream(Path &, const Context &, const std::tm &day, int hour);
+//   static const char *day_query(int direction);   format of (key, midnight)
+//   static int day_key(const Context &);    first argument of day_query
+//   static constexpr int kAttempts;         tries of the last-id and position queries
+//   static void open_failed();              the day database did not open
+//   static void no_rows(const Context &);   the hour's index holds no row
+//   static void hint_missed(const Context &);
+//   static void position_missing(const char *sql, int rows);
+#pragma once
+
+#include "core/calendar.h"
+#include "core/store_access.h"
+#include "store/format.h"
+#include "store/schema.h"
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <ctime>
+
+namespace vrix {
+
+namespace locate_detail {
+
+inline std::tm fields_of(int sec) {
+    std::tm tm{};
+    sec_to_tm(&tm, sec);
+    return tm;
+}
+
+// A day database opened for one location, closed on every way out.
+struct DayIndex {
+    pthread_mutex_t *m;
+    SqlHandle db = nullptr;
+    ~DayIndex() { close_db(m, db); }
+};
+
+// A stream opened by a location, handed to the context only on success.
+struct Stream {
+    FILE *fp = nullptr;
+    ~Stream() {
+        if (fp) std::fclose(fp);
+    }
+};
+
+// A one-value query made up to `attempts` times while it yields nothing.
+inline bool query_int_tries(DayIndex &day, const char *sql, ResultTable &holder, int &out,
+                            int attempts) {
+    for (int i = 0; i < attempts; ++i) {
+        if (i) usleep(1);
+        if (query_int(day.m, day.db, sql, holder, out)) return true;
+    }
+    return false;
+}
+
+} // namespace locate_detail
+
+// Locates within the day of `t`, in the direction c.iDirection: 1 found
+// (*pos, *endPos written, the hour's stream installed), 0 the hour is not
+// usable, -1 the day is not.  `t` and `*sec` move to the hour tried.
+template <class Media>
+int locate_in_day(typename Media::Context &c, std::tm *t, int *pos, int *endPos, int *sec) {
+    using namespace locate_detail;
+    DayIndex day{Media::mutex(c)};
+    Path p;
+    if (!Media::day_db(p, c, *t) || !open_db(day.m, p.text, day.db)) {
+        Media::open_failed();
+        return -1;
+    }
+    const bool fwd = c.iDirection == 1;
+    Sql q;
+    format_into(q.text, sizeof q.text, fwd ? sql::kHourFrom : sql::kHourUpTo, t->tm_hour);
+    int h;
+    if (!query_int(day.m, day.db, q.text, c.pIntResult, h) || h < 0 || h > 23) return -1;
+    if (h != t->tm_hour) {
+        const int midnight = *sec - (t->tm_hour * 3600 + t->tm_min * 60 + t->tm_sec);
+        *sec = midnight + h * 3600 + (fwd ? 0 : 3599);
+        t->tm_hour = h;
+        t->tm_min = t->tm_sec = fwd ? 0 : 59;
+    }
+    Stream stream;
+    if (!Media::stream(p, c, *t, t->tm_hour) || !(stream.fp = std::fopen(p.text, "rb"))) return 0;
+
+    // The last row to play: up to the end time when it lies in this hour.
+    const std::tm e = fields_of(c.iEndSec);
+    const bool end_here = e.tm_year == t->tm_year && e.tm_mon == t->tm_mon &&
+                          e.tm_mday == t->tm_mday && e.tm_hour == t->tm_hour;
+    if (end_here)
+        format_into(q.text, sizeof q.text, sql::kIdUpTo, t->tm_hour, c.iEndSec);
+    else
+        format_into(q.text, sizeof q.text, sql::kLastId, t->tm_hour);
+    int last;
+    if (!query_int_tries(day, q.text, c.pIntResult, last, Media::kAttempts)) return 0;
+    if (!end_here && last == 0) {
+        Media::no_rows(c);
+        return 0;
+    }
+
+    // The position: the first row at or after the time (forward), the last
+    // at or before it (backward); with a hint, near the hinted row.
+    if (c.iHintPos == -1) {
+        format_into(q.text, sizeof q.text, fwd ? sql::kIdFrom : sql::kIdUpTo, t->tm_hour, *sec);
+    } else {
+        const int hint = c.iHintPos;
+        c.iHintPos = -1;
+        format_into(q.text, sizeof q.text, fwd ? sql::kHintSecFrom : sql::kHintSecUpTo, t->tm_hour,
+                    *sec, hint);
+        int s;
+        if (!query_int(day.m, day.db, q.text, c.pIntResult, s)) {
+            Media::hint_missed(c);
+            return 0;
+        }
+        format_into(q.text, sizeof q.text, fwd ? sql::kHintIdFrom : sql::kHintIdUpTo, t->tm_hour, s,
+                    hint);
+    }
+    int rows = -1;
+    for (int i = 0; i < Media::kAttempts && rows < 0; ++i) {
+        if (i) usleep(1);
+        rows = query_locked(day.m, day.db, q.text, "%d", c.pIntResult);
+    }
+    int found;
+    if (rows <= 0 || !holder_int(c.pIntResult, found)) {
+        if (rows >= 0) Media::position_missing(q.text, rows);
+        return 0;
+    }
+    *pos = found;
+    *endPos = last;
+    if (c.fpStream) std::fclose(c.fpStream);
+    c.fpStream = stream.fp;
+    stream.fp = nullptr;
+    return 1;
+}
+
+// Locates from `sec` in `direction` (1 or -1), walking hours and recorded
+// days: 1 positioned (day database, stream, hour, rows and time set), 0
+// nothing found.
+template <class Media> int locate(typename Media::Context &c, int sec, int direction) {
+    using namespace locate_detail;
+    long long s = sec;
+    std::tm tm = fields_of(sec);
+    int pos = 0, endPos = 0;
+    for (;;) {
+        if (c.iEndSec != kNoEnd && c.iEndSec <= s) return 0;
+        if (c.iDirection == 1)
+            s = s - tm.tm_min * 60 - tm.tm_sec + 3600;
+        else if (c.iDirection == -1)
+            s = s - tm.tm_min * 60 - tm.tm_sec - 1;
+        if (s < 0 || s > kNoEnd) return 0;
+        tm = fields_of(static_cast<int>(s));
+        c.iDirection = direction;
+        const int midnight = day_start(static_cast<int>(s), tm);
+        Sql q;
+        format_into(q.text, sizeof q.text, Media::day_query(direction), Media::day_key(c),
+                    midnight);
+        int d;
+        if (!query_int(date_mutex(), c.pDateDb, q.text, c.pIntResult, d)) return 0;
+        if (d != midnight) {
+            s = d;
+            tm = fields_of(d);
+            if (direction == -1) {
+                // 23:59:59 of that day in the store's own calendar.
+                tm.tm_hour = 23;
+                tm.tm_min = tm.tm_sec = 59;
+                s = local_seconds(tm);
+            }
+        }
+        int at = static_cast<int>(s);
+        const int r = locate_in_day<Media>(c, &tm, &pos, &endPos, &at);
+        s = at;
+        if (r == 1) break;
+        if (r == -1) s = day_start(static_cast<int>(s), tm) + (c.iDirection == 1 ? 82800 : 3599);
+        tm = fields_of(static_cast<int>(s));
+        if (c.iDirection == -1 && s < 0) return 0;
+    }
+    Path p;
+    Media::day_db(p, c, tm);
+    SqlHandle &db = Media::db(c);
+    {
+        SqlLock hold(Media::mutex(c));
+        if (db) sql_close(db);
+        if (sql_open(p.text, &db) != 0) db = nullptr;
+    }
+    if (!db) return 0;
+    c.iHour = tm.tm_hour;
+    c.iCurSec = static_cast<int>(s);
+    c.iCurPos = pos;
+    c.iEndPos = endPos;
+    return 1;
+}
+
+} // namespace vrix
