@@ -200,6 +200,37 @@ VRIX_API void vrix_db_show_current_pos(PlayContext *ctx);
 
 /* ---- Audio --------------------------------------------------------------- */
 
+typedef struct AudioRecContext AudioRecContext;
+typedef struct AudioPlayContext AudioPlayContext;
+
+/* Recording: `count` audio channels (1..4).  Each block (VrixAudioBlock, 200
+ * bytes) becomes one 60-byte record per channel in the hour's stream files;
+ * the first record of every second is indexed in the day's audio.db. */
+VRIX_API AudioRecContext *vrix_db_open_rec_audio(const char *root, int count);
+VRIX_API void vrix_db_close_rec_audio(AudioRecContext *ctx);
+VRIX_API void vrix_db_rec_audio(AudioRecContext *ctx, const void *block);
+VRIX_API void vrix_db_rec_audio_flush(AudioRecContext *ctx);
+
+/* Playback of one audio channel (1..4) from `start` to `end` (null or
+ * tm_year 0: no end); `bufSize` must hold one 60-byte record.  Steps deliver
+ * whole records. */
+VRIX_API AudioPlayContext *vrix_db_open_get_audio(struct tm *start, struct tm *end, int ch,
+                                                  int bufSize, const char *root);
+VRIX_API void vrix_db_close_get_audio(AudioPlayContext *ctx);
+VRIX_API int db_audio_get_new(AudioPlayContext *ctx, int sec, int direction);
+VRIX_API int db_audio_date_rec_init(AudioPlayContext *ctx, struct tm *t, int *pos, int *endPos,
+                                    int *sec);
+VRIX_API int vrix_db_next_audio(AudioPlayContext *ctx);
+VRIX_API int vrix_db_pre_audio(AudioPlayContext *ctx);
+VRIX_API int vrix_db_get_audio(AudioPlayContext *ctx, void **buf);
+/* The seconds of the record in the buffer. */
+VRIX_API int vrix_get_audio_sec(AudioPlayContext *ctx);
+/* Step mode: each forward step jumps `step` recorded seconds. */
+VRIX_API void vrix_db_audio_set_i_mode(AudioPlayContext *ctx, int mode, int step);
+VRIX_API int vrix_db_reset_audio_strat_time(AudioPlayContext *ctx, int sec, int newPos);
+VRIX_API void vrix_db_audio_set_end_time_forever(AudioPlayContext *ctx);
+VRIX_API void vrix_db_show_audio_current_pos(AudioPlayContext *ctx);
+
 /* ---- Events -------------------------------------------------------------- */
 
 /* Event type codes, one bit each; other values are stored but never selected. */

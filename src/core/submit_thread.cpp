@@ -151,6 +151,9 @@ extern "C" void *vrix_db_submit_thread(void *) {
     using namespace vrix;
     for (;;) {
         park();
+        // Out of parking: the opener waits for this before it returns, so a
+        // close that follows at once is served and not taken for a park.
+        flag_set(g_iDbSubmitThreadStopAck, 0);
         RecContext *ctx = g_pVrixDbRec;
         NotifyMessage msg;
         for (;;) {
@@ -174,6 +177,7 @@ extern "C" void vrix_db_rec_open_thread(RecContext *ctx) {
     wait_flag(g_iDbSubmitThreadStopAck);
     g_pVrixDbRec = ctx;
     flag_set(g_iDbSubmitThreadStop, 0);
+    while (flag_get(g_iDbSubmitThreadStopAck) != 0) poll_pause();
 }
 
 // A thread that is parked already (no context handed over, or an open that

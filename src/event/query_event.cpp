@@ -303,7 +303,7 @@ extern "C" int db_event_get_new(EventQueryContext *ctx, time_t sec, int directio
 
         const time_t midnight = midnight_of(sec);
         Sql q;
-        format_into(q.text, sizeof q.text, direction > 0 ? sql::kEventNextDay : sql::kEventPrevDay,
+        format_into(q.text, sizeof q.text, direction > 0 ? sql::kDayFrom : sql::kDayUpTo,
                     static_cast<int>(midnight));
         int day;
         if (!query_int(date_mutex(), ctx->pDateDb, q.text, ctx->pIntResult, day)) break;

@@ -23,6 +23,7 @@ inline constexpr char kCreateIndex[] =
     "create table h%d(id integer primary key , sec int,offset int);";
 inline constexpr char kInsertIndex[] = "insert into h%d values(NULL,%d,%lld);";
 inline constexpr char kResumeOffset[] = "select max(offset) from h%d where offset < %lld;";
+inline constexpr char kAudioResumeOffset[] = "select max(offset) from h%d where offset <= %lld;";
 inline constexpr char kSecAtOffset[] = "select sec from h%d where offset = %lld limit 1;";
 inline constexpr char kTableExists[] =
     "select count(*) from sqlite_master where type='table' and name='h%d';";
@@ -32,6 +33,8 @@ inline constexpr char kDeleteHour[] = "delete from h%d;";
 // playback location and stepping
 inline constexpr char kChannelDayFrom[] = "select min(date) from ch%d where date >= %d;";
 inline constexpr char kChannelDayUpTo[] = "select max(date) from ch%d where date <= %d;";
+inline constexpr char kDayFrom[] = "select min(date) from H where date >= %d;";
+inline constexpr char kDayUpTo[] = "select max(date) from H where date <= %d;";
 inline constexpr char kHourFrom[] = "select min(hour) from H where hour >= %d";
 inline constexpr char kHourUpTo[] = "select max(hour) from H where hour <= %d";
 inline constexpr char kLastId[] = "select max(id) from h%d;";
@@ -57,12 +60,30 @@ inline constexpr char kEventPageBackward[] =
 inline constexpr char kEventLastId[] = "select max(id) from h_all;";
 inline constexpr char kEventFirstIdFrom[] = "select min(id) from h_all where sec >= %d;";
 inline constexpr char kEventLastIdUpTo[] = "select max(id) from h_all where sec <= %d;";
-// date.db, for the event query's walk over the registered days
-inline constexpr char kEventNextDay[] = "select min(date) from H where date >= %d;";
-inline constexpr char kEventPrevDay[] = "select max(date) from H where date <= %d;";
 
 // transactions
 inline constexpr char kBegin[] = "BEGIN TRANSACTION;";
 inline constexpr char kCommit[] = "COMMIT TRANSACTION;";
+
+// transactions
+inline constexpr char kBegin[] = "BEGIN TRANSACTION;";
+inline constexpr char kCommit[] = "COMMIT TRANSACTION;";
+
+// space reclamation
+inline constexpr char kOldestDay[] = "select min(date) from H;";
+inline constexpr char kCountHour[] = "select count() from h%d;";
+inline constexpr char kReduceBegin[] = "BEGIN TRANSACTION";
+inline constexpr char kReduceCommit[] = "COMMIT TRANSACTION";
+inline constexpr char kDeleteIndexUpTo[] = "delete from h%d where sec <= %d;";
+inline constexpr char kDeleteHoursUpTo[] = "delete from H where hour <= %d;";
+inline constexpr char kDeleteDay[] = "delete from H where date = %d;";
+inline constexpr char kDeleteChannelDay[] = "delete from ch%d where date = %d;";
+inline constexpr char kDeleteEventsUpTo[] = "delete from h_all where sec <= %d;";
+inline constexpr char kCountEvents[] = "select count() from h_all;";
+
+// integrity check and repair
+inline constexpr char kNewestChannelDay[] = "select max(date) from ch%d";
+inline constexpr char kIntegrityCheck[] = "PRAGMA integrity_check";
+inline constexpr char kCountTable[] = "select count() from %s;";
 
 } // namespace vrix::sql

@@ -217,18 +217,12 @@ void store_frame(RecChannel &c, int n, const unsigned char *frame, int size) {
 }
 
 void index_key_frame(RecChannel &c, int n, int sec, unsigned scale) {
-    const int room = kSqlBufSize - c.iSqlLen;
-    const int len = std::snprintf(c.pSqlBuf + c.iSqlLen, static_cast<size_t>(room),
-                                  sql::kInsertIndex, c.iHour, sec, c.llOffset);
-    if (len < 0 || len >= room) {
+    if (!append_index_row(c.pSqlBuf, kSqlBufSize, c.iSqlLen, c.iHour, sec, c.llOffset)) {
         // Only a threshold raised far beyond its defaults fills the batch:
         // commit what is there and start the batch again with this row.
-        c.pSqlBuf[c.iSqlLen] = '\0';
         commit_channel(c, n);
-        index_key_frame(c, n, sec, scale);
-        return;
+        append_index_row(c.pSqlBuf, kSqlBufSize, c.iSqlLen, c.iHour, sec, c.llOffset);
     }
-    c.iSqlLen += len;
     ++c.iSqlRows;
     if (c.iSqlRows > g_iCommit[scale]) commit_channel(c, n);
 }

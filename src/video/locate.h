@@ -7,8 +7,7 @@
 //   static SqlHandle &db(Context &);        the context's day database
 //   static bool day_db(Path &, const Context &, const std::tm &day);
 //   static bool stream(Path &, const Context &, const std::tm &day, int hour);
-//   static const char *day_query(int direction);   format of (key, midnight)
-//   static int day_key(const Context &);    first argument of day_query
+//   static void day_query(Sql &, const Context &, int direction, int midnight);
 //   static constexpr int kAttempts;         tries of the last-id and position queries
 //   static void open_failed();              the day database did not open
 //   static void no_rows(const Context &);   the hour's index holds no row
@@ -158,8 +157,7 @@ template <class Media> int locate(typename Media::Context &c, int sec, int direc
         c.iDirection = direction;
         const int midnight = day_start(static_cast<int>(s), tm);
         Sql q;
-        format_into(q.text, sizeof q.text, Media::day_query(direction), Media::day_key(c),
-                    midnight);
+        Media::day_query(q, c, direction, midnight);
         int d;
         if (!query_int(date_mutex(), c.pDateDb, q.text, c.pIntResult, d)) return 0;
         if (d != midnight) {

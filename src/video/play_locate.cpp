@@ -18,10 +18,10 @@ struct VideoMedia {
     static bool stream(Path &p, const PlayContext &c, const std::tm &d, int hour) {
         return reader_video_stream(p, c.strRoot, d, c.iCh, hour);
     }
-    static const char *day_query(int direction) {
-        return direction == -1 ? sql::kChannelDayUpTo : sql::kChannelDayFrom;
+    static void day_query(Sql &q, const PlayContext &c, int direction, int midnight) {
+        format_into(q.text, sizeof q.text,
+                    direction == -1 ? sql::kChannelDayUpTo : sql::kChannelDayFrom, c.iCh, midnight);
     }
-    static int day_key(const PlayContext &c) { return c.iCh; }
     static void open_failed() {}
     static void no_rows(const PlayContext &) {}
     static void hint_missed(const PlayContext &c) { std::printf("ch%d not found\n", c.iCh); }

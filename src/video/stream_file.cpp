@@ -2,6 +2,7 @@
 
 #include "core/messages.h"
 #include "store/records.h"
+#include "store/schema.h"
 
 #include <unistd.h>
 
@@ -33,6 +34,30 @@ void report_short_write(int ch, size_t written, size_t wanted) {
     std::printf("rec : ch%d fwrite iRet = %d , Size = %d\n", ch, static_cast<int>(written),
                 static_cast<int>(wanted));
     send_message(g_iVrixDbSendMq, g_IdeErrMsg);
+}
+
+bool append_index_row(char *batch, int size, int &len, int hour, int sec, long long offset) {
+    const int room = size - len;
+    const int n =
+        std::snprintf(batch + len, static_cast<size_t>(room), sql::kInsertIndex, hour, sec, offset);
+    if (n < 0 || n >= room) {
+        batch[len] = '\0';
+        return false;
+    }
+    len += n;
+    return true;
+}
+
+bool audio_record_agrees(FILE *fp, long long offset, long long size, int sec) {
+    if (offset < 0 || size - offset < VRIX_AUDIO_RECORD_SIZE) return false;
+    unsigned char head[12];
+    if (fseeko(fp, offset, SEEK_SET) != 0 || std::fread(head, 1, sizeof head, fp) != sizeof head) {
+        std::clearerr(fp);
+        return false;
+    }
+    int32_t s;
+    uint32_t w;
+    return parse_audio_record(head, s, w) && s == sec && s != 0;
 }
 
 bool key_frame_agrees(FILE *fp, long long offset, long long size, int sec) {

@@ -25,8 +25,16 @@ size_t write_bytes(FILE *fp, const void *data, size_t len);
 // and the disk-error notice to the application's queue.
 void report_short_write(int ch, size_t written, size_t wanted);
 
+// Appends "insert into h%d values(NULL,%d,%lld);" to a batch of `size`
+// bytes holding `len`; false (nothing appended) when it would not fit.
+bool append_index_row(char *batch, int size, int &len, int hour, int sec, long long offset);
+
 // True when a whole video frame record lies at `offset` of a file of `size`
 // bytes, is a key frame and carries the time `sec`.
 bool key_frame_agrees(FILE *fp, long long offset, long long size, int sec);
+
+// True when a whole audio record lies at `offset` of a file of `size` bytes
+// and carries the time `sec`.
+bool audio_record_agrees(FILE *fp, long long offset, long long size, int sec);
 
 } // namespace vrix

@@ -1,0 +1,312 @@
+// Playing one audio channel back by time, record by record.
+#include "core/calendar.h"
+#include "core/store_access.h"
+#include "play_context.h"
+#include "store/format.h"
+#include "store/paths.h"
+#include "store/records.h"
+#include "store/schema.h"
+#include "video/locate.h"
+#include "video/stream_file.h"
+
+#include <sys/stat.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+namespace vrix {
+namespace {
+
+struct AudioMedia {
+    using Context = AudioPlayContext;
+    static constexpr int kAttempts = 1;
+    static pthread_mutex_t *mutex(const AudioPlayContext &) { return audio_mutex(); }
+    static SqlHandle &db(AudioPlayContext &c) { return c.pAudioDb; }
+    static bool day_db(Path &p, const AudioPlayContext &c, const std::tm &d) {
+        return reader_audio_db(p, c.strRoot, d);
+    }
+    static bool stream(Path &p, const AudioPlayContext &c, const std::tm &d, int hour) {
+        return reader_audio_stream(p, c.strRoot, d, c.iCh, hour);
+    }
+    static void day_query(Sql &q, const AudioPlayContext &, int direction, int midnight) {
+        format_into(q.text, sizeof q.text, direction == -1 ? sql::kDayUpTo : sql::kDayFrom,
+                    midnight);
+    }
+    static void open_failed() { std::puts("play audio : open sql fail"); }
+    static void no_rows(const AudioPlayContext &) { std::puts("play audio : get end point fail"); }
+    static void hint_missed(const AudioPlayContext &) {}
+    static void position_missing(const char *, int) {}
+};
+
+constexpr int kStoreAttempts = 20; // about a second with SQLite's own busy wait
+
+struct CloseAudioPlay {
+    void operator()(AudioPlayContext *ctx) const { vrix_db_close_get_audio(ctx); }
+};
+
+int seconds_of(const struct tm *t) {
+    std::tm copy = *t;
+    return static_cast<int>(mktime(&copy));
+}
+
+long long file_size(FILE *fp) {
+    struct stat st {};
+    return fstat(fileno(fp), &st) == 0 ? static_cast<long long>(st.st_size) : -1;
+}
+
+enum class Row { Good, Missing, Disagrees, Failed };
+
+// The offset of index row `id`, checked against the record there.
+Row seek_row(AudioPlayContext &c, int id) {
+    Sql q;
+    format_into(q.text, sizeof q.text, sql::kRowOfId, c.iHour, id);
+    int rows = -1;
+    for (int i = 0; i < kStoreAttempts && rows < 0; ++i) {
+        if (i) usleep(1);
+        SqlLock hold(audio_mutex());
+        rows = sql_submit(c.pAudioDb, q.text, "%u %d", &c.pOffsetResult, &c.pIntResult);
+        if (rows < 0)
+            std::printf("play audio : get offset iCount = %d , curpos = %d , endpos = %d\n", rows,
+                        c.iCurPos, c.iEndPos);
+    }
+    if (rows < 0) return Row::Failed;
+    long long offset;
+    int sec;
+    if (rows == 0 || !holder_offset(c.pOffsetResult, offset) || !holder_int(c.pIntResult, sec)) {
+        std::printf("play audio : get offset iCount = %d , curpos = %d , endpos = %d\n", rows,
+                    c.iCurPos, c.iEndPos);
+        return Row::Missing;
+    }
+    if (!audio_record_agrees(c.fpStream, offset, file_size(c.fpStream), sec)) return Row::Disagrees;
+    std::clearerr(c.fpStream);
+    if (fseeko(c.fpStream, offset, SEEK_SET) != 0) return Row::Disagrees;
+    c.llNextRecord = offset;
+    return Row::Good;
+}
+
+// Reads one record; false on a short read (position kept at its start).
+bool read_record(AudioPlayContext &c) {
+    if (std::fread(c.pFrameBuf, 1, VRIX_AUDIO_RECORD_SIZE, c.fpStream) != VRIX_AUDIO_RECORD_SIZE) {
+        std::clearerr(c.fpStream);
+        fseeko(c.fpStream, c.llNextRecord, SEEK_SET);
+        return false;
+    }
+    c.iFrameLen = VRIX_AUDIO_RECORD_SIZE;
+    c.llNextRecord += VRIX_AUDIO_RECORD_SIZE;
+    return true;
+}
+
+bool usable(const AudioPlayContext &c) {
+    return c.pAudioDb && c.fpStream;
+}
+
+int give_up(const char *step) {
+    std::printf("%s : audio index unavailable , giving up\n", step);
+    return 0;
+}
+
+} // namespace
+} // namespace vrix
+
+extern "C" AudioPlayContext *vrix_db_open_get_audio(struct tm *start, struct tm *end, int ch,
+                                                    int bufSize, const char *root) {
+    using namespace vrix;
+    if (root && !root_fits(root, "vrix_db_open_get_audio")) return nullptr;
+    if (!start || ch < 1 || ch > VRIX_AUDIO_CHANNELS || bufSize < VRIX_AUDIO_RECORD_SIZE) {
+        std::printf("vrix_db_open_get_audio : %s\n", !start ? "no start time"
+                                                     : bufSize < VRIX_AUDIO_RECORD_SIZE
+                                                         ? "buffer smaller than one record"
+                                                         : "channel out of range 1..4");
+        return nullptr;
+    }
+    refresh_timezone();
+    auto *raw = static_cast<AudioPlayContext *>(std::calloc(1, sizeof(AudioPlayContext)));
+    if (!raw) return nullptr;
+    std::unique_ptr<AudioPlayContext, CloseAudioPlay> ctx(raw);
+    ctx->iCh = ch;
+    ctx->iBufSize = bufSize;
+    ctx->pFrameBuf = static_cast<unsigned char *>(std::malloc(static_cast<size_t>(bufSize)));
+    ctx->pHeader = ctx->pFrameBuf;
+    if (root && (ctx->strRoot = static_cast<char *>(std::calloc(1, std::strlen(root) + 10))))
+        std::memcpy(ctx->strRoot, root, std::strlen(root));
+    if (ctx->strRoot) {
+        Path p;
+        reader_date_db(p, ctx->strRoot);
+        open_db(date_mutex(), p.text, ctx->pDateDb);
+    }
+    if (!ctx->pFrameBuf || !ctx->strRoot || !ctx->pDateDb) return nullptr;
+    if (!(ctx->pIntResult = make_holder(1, kIntCell))) return nullptr;
+    if (!(ctx->pOffsetResult = make_holder(1, kOffsetCell))) return nullptr;
+    ctx->iStep = 1;
+    ctx->iEndSec = end && end->tm_year != 0 ? seconds_of(end) : kNoEnd;
+    ctx->iCurSec = seconds_of(start);
+    ctx->iHintPos = -1;
+    return ctx.release();
+}
+
+extern "C" void vrix_db_close_get_audio(AudioPlayContext *ctx) {
+    using namespace vrix;
+    if (!ctx) return;
+    std::free(ctx->pFrameBuf);
+    std::free(ctx->strRoot);
+    close_db(audio_mutex(), ctx->pAudioDb);
+    if (ctx->fpStream) std::fclose(ctx->fpStream);
+    close_db(date_mutex(), ctx->pDateDb);
+    db_free_sqlite(ctx->pIntResult, 1);
+    db_free_sqlite(ctx->pOffsetResult, 1);
+    std::free(ctx);
+}
+
+extern "C" int db_audio_date_rec_init(AudioPlayContext *ctx, struct tm *t, int *pos, int *endPos,
+                                      int *sec) {
+    if (!ctx || !t || !pos || !endPos || !sec) return -1;
+    const int r = vrix::locate_in_day<vrix::AudioMedia>(*ctx, t, pos, endPos, sec);
+    if (r == 1) ctx->llNextRecord = 0;
+    return r;
+}
+
+extern "C" int db_audio_get_new(AudioPlayContext *ctx, int sec, int direction) {
+    if (!ctx) return 0;
+    if (direction != 1 && direction != -1) {
+        std::printf("db_audio_get_new : direction %d is neither 1 nor -1\n", direction);
+        return 0;
+    }
+    if (ctx->iDirection < 0 && (sec < 0 || ctx->iDirection != -1)) return 0;
+    return vrix::locate<vrix::AudioMedia>(*ctx, sec, direction) ? 1 : 0;
+}
+
+extern "C" int vrix_db_next_audio(AudioPlayContext *ctx) {
+    using namespace vrix;
+    if (!ctx) return 0;
+    AudioPlayContext &c = *ctx;
+    bool seek = false;
+    if (c.iDirection == 0) {
+        seek = true;
+        if (!db_audio_get_new(ctx, c.iCurSec, 1)) return 0;
+    }
+    c.iDirection = 1;
+    if (c.iIMode) {
+        seek = true;
+        c.iCurPos += c.iStep;
+        if (c.iCurPos > c.iEndPos + 1) c.iCurPos = c.iEndPos + 2;
+    }
+    for (;;) {
+        bool used_up = !usable(c) || c.iCurPos > c.iEndPos + 1;
+        if (!used_up && seek) {
+            switch (seek_row(c, c.iCurPos)) {
+            case Row::Failed:
+                return give_up("vrix_db_next_audio");
+            case Row::Missing:
+                used_up = true;
+                break;
+            case Row::Disagrees:
+                ++c.iCurPos;
+                continue;
+            case Row::Good:
+                seek = false;
+                break;
+            }
+        }
+        if (!used_up && read_record(c)) {
+            int32_t s;
+            uint32_t w;
+            if (!parse_audio_record(c.pFrameBuf, s, w)) {
+                ++c.iCurPos;
+                seek = true;
+                continue;
+            }
+            if (c.iEndSec != kNoEnd && s > c.iEndSec) return 0;
+            if (!c.iIMode && s != c.iLastSec) {
+                c.iLastSec = s;
+                ++c.iCurPos;
+            }
+            return 1;
+        }
+        // The hour is used up: rows of a recording in progress, or the next hour.
+        if (usable(c) && c.iEndSec == kNoEnd) {
+            Sql q;
+            format_into(q.text, sizeof q.text, sql::kLastId, c.iHour);
+            int last = 0;
+            if (!query_int(audio_mutex(), c.pAudioDb, q.text, c.pIntResult, last))
+                std::puts("play audio : get endpos fail !");
+            if (last > c.iEndPos) {
+                c.iEndPos = last;
+                continue;
+            }
+        }
+        if (!db_audio_get_new(ctx, c.iCurSec, 1)) return 0;
+    }
+}
+
+extern "C" int vrix_db_pre_audio(AudioPlayContext *ctx) {
+    using namespace vrix;
+    if (!ctx) return 0;
+    AudioPlayContext &c = *ctx;
+    if (c.iDirection == 0 && !db_audio_get_new(ctx, c.iCurSec, -1)) return 0;
+    c.iCurPos = c.iCurPos < c.iStep ? 0 : c.iCurPos - c.iStep;
+    c.iDirection = -1;
+    for (;;) {
+        if (c.iCurPos <= 0 || !usable(c)) {
+            if (!db_audio_get_new(ctx, c.iCurSec, -1)) return 0;
+            continue;
+        }
+        switch (seek_row(c, c.iCurPos)) {
+        case Row::Failed:
+            return give_up("vrix_db_pre_audio");
+        case Row::Missing:
+            c.iCurPos = 0;
+            continue; // locate backward
+        case Row::Disagrees:
+            --c.iCurPos;
+            continue;
+        case Row::Good:
+            break;
+        }
+        if (!read_record(c)) {
+            c.iCurPos = 0;
+            continue;
+        }
+        int32_t s;
+        uint32_t w;
+        if (!parse_audio_record(c.pFrameBuf, s, w)) {
+            --c.iCurPos;
+            continue;
+        }
+        return 1;
+    }
+}
+
+extern "C" int vrix_db_get_audio(AudioPlayContext *ctx, void **buf) {
+    *buf = ctx->pFrameBuf;
+    return ctx->iFrameLen;
+}
+
+extern "C" int vrix_get_audio_sec(AudioPlayContext *ctx) {
+    return static_cast<int>(vrix::load_le32(ctx->pHeader + 4));
+}
+
+extern "C" void vrix_db_audio_set_i_mode(AudioPlayContext *ctx, int mode, int step) {
+    ctx->iIMode = mode;
+    ctx->iStep = step;
+}
+
+extern "C" int vrix_db_reset_audio_strat_time(AudioPlayContext *ctx, int sec, int newPos) {
+    using namespace vrix;
+    if (!ctx) return 0;
+    close_db(audio_mutex(), ctx->pAudioDb);
+    if (ctx->fpStream) std::fclose(ctx->fpStream);
+    ctx->fpStream = nullptr;
+    ctx->iDirection = 0;
+    ctx->iCurSec = sec;
+    ctx->iHintPos = newPos ? -1 : ctx->iCurPos;
+    return 1;
+}
+
+extern "C" void vrix_db_audio_set_end_time_forever(AudioPlayContext *ctx) {
+    if (ctx && ctx->pAudioDb) ctx->iEndSec = vrix::kNoEnd;
+}
+
+extern "C" void vrix_db_show_audio_current_pos(AudioPlayContext *ctx) {
+    std::printf("ch%d audio current pos = %d\n", ctx->iCh, ctx->iCurPos);
+}

@@ -1,0 +1,291 @@
+// Recording the audio block of every audio channel.
+#include "core/calendar.h"
+#include "core/messages.h"
+#include "core/store_access.h"
+#include "rec_context.h"
+#include "store/format.h"
+#include "store/paths.h"
+#include "store/records.h"
+#include "store/schema.h"
+#include "video/stream_file.h"
+
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+namespace vrix {
+namespace {
+
+struct CloseAudio {
+    void operator()(AudioRecContext *ctx) const { vrix_db_close_rec_audio(ctx); }
+};
+
+void commit_rows(AudioRecContext &c) {
+    if (c.pAudioDb && c.iSqlRows) submit_transaction(audio_mutex(), c.pAudioDb, {c.pSqlBuf});
+    c.iSqlLen = 0;
+    c.iSqlRows = 0;
+    c.pSqlBuf[0] = '\0';
+}
+
+// The hour's audio.db, with its tables and the hour registered in H.
+void open_hour_db(AudioRecContext &c, const char *audio_dir, int hour) {
+    Path p;
+    format_into(p.text, sizeof p.text, "%s/audio.db", audio_dir);
+    SqlLock hold(audio_mutex());
+    if (sql_open(p.text, &c.pAudioDb) != 0) {
+        c.pAudioDb = nullptr; // treated as no database
+        return;
+    }
+    Sql q;
+    format_into(q.text, sizeof q.text, sql::kCreateIndex, hour);
+    sql_submit(c.pAudioDb, q.text, "");
+    sql_submit(c.pAudioDb, sql::kCreateHourH, "");
+    format_into(q.text, sizeof q.text, sql::kFindHour, hour);
+    if (sql_submit(c.pAudioDb, q.text, "%d", &c.pIntResult) <= 0) {
+        format_into(q.text, sizeof q.text, sql::kInsertHour, hour);
+        sql_submit(c.pAudioDb, q.text, "");
+    }
+}
+
+void close_channel_file(AudioRecChannel &ch) {
+    if (!ch.fpStream) return;
+    write_bytes(ch.fpStream, ch.pFrameBuf, static_cast<size_t>(ch.iBufLen));
+    std::fclose(ch.fpStream);
+    ch.fpStream = nullptr;
+    ch.iBufLen = 0;
+}
+
+constexpr long long kUnknown = -1;
+
+// The common restart point at or below `m` (the shortest file's whole
+// records): the newest row whose record is a whole audio record of the row's
+// second.  0 when the hour has no such row, kUnknown when the index cannot be
+// read.
+long long restart_point(AudioRecContext &c, int hour, long long m) {
+    if (!c.pAudioDb) return kUnknown;
+    FILE *first = c.pChannels[0].fpStream;
+    long long bound = m;
+    bool inclusive = true;
+    Sql q;
+    for (;;) {
+        format_into(q.text, sizeof q.text, inclusive ? sql::kAudioResumeOffset : sql::kResumeOffset,
+                    hour, bound);
+        long long found = 0;
+        const int rows = query_locked(audio_mutex(), c.pAudioDb, q.text, "%u", c.pOffsetResult);
+        if (rows <= 0) {
+            // No table means no row; anything else is an index we cannot read.
+            format_into(q.text, sizeof q.text, sql::kTableExists, hour);
+            int tables = -1;
+            return query_int(audio_mutex(), c.pAudioDb, q.text, c.pIntResult, tables) && tables == 0
+                       ? 0
+                       : kUnknown;
+        }
+        if (!holder_offset(c.pOffsetResult, found)) return 0;
+        if (found == m) return m; // rewritten from here on: nothing to check
+        format_into(q.text, sizeof q.text, sql::kSecAtOffset, hour, found);
+        int sec = 0;
+        query_int(audio_mutex(), c.pAudioDb, q.text, c.pIntResult, sec);
+        if (first && audio_record_agrees(first, found, m, sec)) return found;
+        bound = found;
+        inclusive = false;
+    }
+}
+
+// Opens every channel's file of the new hour and moves all of them to one
+// record boundary.  False when a file could be neither opened nor created.
+bool open_hour_files(AudioRecContext &c, const char *audio_dir, int hour) {
+    long long m = -1;
+    for (int k = 0; k < c.iChannelCount; ++k) {
+        AudioRecChannel &ch = c.pChannels[k];
+        Path dir, p;
+        format_into(dir.text, sizeof dir.text, "%s/%d", audio_dir, k + 1);
+        make_dir(dir.text);
+        close_channel_file(ch);
+        ch.llOffset = 0;
+        format_into(p.text, sizeof p.text, "%s/%d.stream", dir.text, hour);
+        if (!(ch.fpStream = open_stream_for_writing(p.text))) {
+            std::printf("rec audio : cannot open %s\n", p.text);
+            // The later channels stop rather than write on into the old hour.
+            for (int j = k + 1; j < c.iChannelCount; ++j)
+                close_channel_file(c.pChannels[j]);
+            return false;
+        }
+        const long long size = std::max(0LL, stream_size(ch.fpStream));
+        ch.llOffset = size - size % VRIX_AUDIO_RECORD_SIZE;
+        if (m < 0 || ch.llOffset < m) m = ch.llOffset;
+    }
+    long long restart = m > 0 ? restart_point(c, hour, m) : 0;
+    if (restart == kUnknown) {
+        std::printf("rec audio : index of hour %d unreadable , continuing at %lld\n", hour, m);
+        restart = m;
+    } else {
+        Sql q;
+        format_into(q.text, sizeof q.text, restart ? sql::kDeleteFrom : sql::kDeleteHour, hour,
+                    restart);
+        submit_locked(audio_mutex(), c.pAudioDb, q.text);
+    }
+    // Nothing older than the restart point survives behind new records.
+    for (int k = 0; k < c.iChannelCount; ++k) {
+        cut_stream(c.pChannels[k].fpStream, restart);
+        c.pChannels[k].llOffset = restart;
+    }
+    return true;
+}
+
+// Steps of a block that opens a new hour; false when the block is not stored.
+bool new_hour(AudioRecContext &c, const std::tm &tm, bool date_changed, uint32_t w) {
+    c.iPacing = 1;
+    c.iPacedWord = static_cast<int>(w);
+    c.iHour = tm.tm_hour;
+    c.iLastSec = 0; // the hour's first block is always indexed
+    Path day, audio;
+    if (date_changed) {
+        day_name(c.strDay, tm);
+        writer_day_dir(day, c.strRoot, c.strDay);
+        make_dir(day.text);
+    }
+    format_into(audio.text, sizeof audio.text, "%s/%s/audio", c.strRoot, c.strDay);
+    if (date_changed) make_dir(audio.text);
+    if (c.pAudioDb) {
+        commit_rows(c);
+        close_db(audio_mutex(), c.pAudioDb);
+    }
+    c.iSqlLen = c.iSqlRows = 0;
+    open_hour_db(c, audio.text, tm.tm_hour);
+    return open_hour_files(c, audio.text, tm.tm_hour);
+}
+
+void store_block(AudioRecContext &c, const unsigned char *block) {
+    for (int k = 0; k < c.iChannelCount; ++k) {
+        AudioRecChannel &ch = c.pChannels[k];
+        if (!ch.fpStream) continue;
+        if (kAudioBufSize - ch.iBufLen <= VRIX_AUDIO_RECORD_SIZE) {
+            const size_t w =
+                write_bytes(ch.fpStream, ch.pFrameBuf, static_cast<size_t>(ch.iBufLen));
+            if (w < static_cast<size_t>(ch.iBufLen)) {
+                std::puts("rec audio : ide error");
+                send_message(g_iVrixDbSendMq, g_IdeErrMsg);
+            }
+            std::fflush(ch.fpStream);
+            ch.iBufLen = 0;
+        }
+        unsigned char *rec = ch.pFrameBuf + ch.iBufLen;
+        std::memcpy(rec, c.Header, sizeof c.Header);
+        std::memcpy(rec + sizeof c.Header, block + VRIX_AUDIO_PIECE_SIZE * k,
+                    VRIX_AUDIO_PIECE_SIZE);
+        ch.iBufLen += VRIX_AUDIO_RECORD_SIZE;
+        ch.llOffset += VRIX_AUDIO_RECORD_SIZE;
+    }
+}
+
+} // namespace
+} // namespace vrix
+
+extern "C" AudioRecContext *vrix_db_open_rec_audio(const char *root, int count) {
+    using namespace vrix;
+    if (!root_fits(root, "vrix_db_open_rec_audio")) return nullptr;
+    if (count < 1 || count > VRIX_AUDIO_CHANNELS) {
+        std::printf("vrix_db_open_rec_audio : channel count %d out of range 1..%d\n", count,
+                    VRIX_AUDIO_CHANNELS);
+        return nullptr;
+    }
+    refresh_timezone();
+    auto *raw = static_cast<AudioRecContext *>(std::calloc(1, sizeof(AudioRecContext)));
+    if (!raw) return nullptr;
+    std::unique_ptr<AudioRecContext, CloseAudio> ctx(raw);
+    ctx->iRecSize = VRIX_AUDIO_RECORD_SIZE;
+    ctx->iHour = -1;
+    if (!(ctx->strRoot = make_writer_root(root))) return nullptr;
+    if (!(ctx->pSqlBuf = static_cast<char *>(std::calloc(1, kAudioSqlBufSize)))) return nullptr;
+    if (!(ctx->pIntResult = make_holder(1, kIntCell))) return nullptr;
+    if (!(ctx->pOffsetResult = make_holder(1, kOffsetCell))) return nullptr;
+    ctx->pChannels = static_cast<AudioRecChannel *>(std::calloc(count, sizeof(AudioRecChannel)));
+    if (!ctx->pChannels) return nullptr;
+    ctx->iChannelCount = count;
+    for (int k = 0; k < count; ++k)
+        if (!(ctx->pChannels[k].pFrameBuf =
+                  static_cast<unsigned char *>(std::calloc(1, kAudioBufSize))))
+            return nullptr;
+    return ctx.release();
+}
+
+extern "C" void vrix_db_close_rec_audio(AudioRecContext *ctx) {
+    using namespace vrix;
+    if (!ctx) return;
+    std::free(ctx->strRoot);
+    std::free(ctx->pSqlBuf);
+    db_free_sqlite(ctx->pIntResult, 1);
+    db_free_sqlite(ctx->pOffsetResult, 1);
+    for (int k = 0; k < ctx->iChannelCount && ctx->pChannels; ++k) {
+        close_channel_file(ctx->pChannels[k]);
+        std::free(ctx->pChannels[k].pFrameBuf);
+    }
+    std::free(ctx->pChannels);
+    close_db(audio_mutex(), ctx->pAudioDb);
+    std::free(ctx);
+}
+
+extern "C" void vrix_db_rec_audio(AudioRecContext *ctx, const void *block) {
+    using namespace vrix;
+    if (!ctx || !block) return;
+    const auto *b = static_cast<const unsigned char *>(block);
+    const int t = static_cast<int>(load_le32(b + 192));
+    uint32_t w = load_le32(b + 196);
+    if (t <= 0) {
+        std::printf("vrix_db_rec_audio : drop block , time %d\n", t);
+        return;
+    }
+    std::tm tm{};
+    sec_to_tm(&tm, t);
+    bool date_changed = false;
+    if (ctx->iYear == 0 || ctx->iYear != tm.tm_year || ctx->iMon != tm.tm_mon ||
+        ctx->iMday != tm.tm_mday) {
+        ctx->iYear = tm.tm_year;
+        ctx->iMon = tm.tm_mon;
+        ctx->iMday = tm.tm_mday;
+        ctx->iHour = -1;
+        date_changed = true;
+    }
+    if (ctx->iHour != -1 && ctx->iHour == tm.tm_hour) {
+        if (ctx->iPacing) {
+            if (static_cast<long long>(w) - ctx->iPacedWord > 10000) {
+                ctx->iPacedWord += 10000;
+                w = static_cast<uint32_t>(ctx->iPacedWord);
+            } else {
+                ctx->iPacing = 0;
+            }
+        }
+    } else if (!new_hour(*ctx, tm, date_changed, w)) {
+        return;
+    }
+    const bool index = ctx->iLastSec == 0 || ctx->iLastSec != t;
+    if (index) {
+        ctx->iLastSec = t;
+        ctx->llIndexOffset = ctx->pChannels[0].llOffset;
+    }
+    store_le32(ctx->Header, VRIX_AUDIO_PIECE_SIZE);
+    store_le32(ctx->Header + 4, static_cast<uint32_t>(t));
+    store_le32(ctx->Header + 8, w);
+    store_block(*ctx, b);
+    if (index &&
+        append_index_row(ctx->pSqlBuf, kAudioSqlBufSize, ctx->iSqlLen, ctx->iHour, t,
+                         ctx->llIndexOffset) &&
+        ++ctx->iSqlRows > kAudioBatchRows)
+        commit_rows(*ctx);
+}
+
+extern "C" void vrix_db_rec_audio_flush(AudioRecContext *ctx) {
+    using namespace vrix;
+    if (!ctx) return;
+    commit_rows(*ctx);
+    for (int k = 0; k < ctx->iChannelCount; ++k) {
+        AudioRecChannel &ch = ctx->pChannels[k];
+        if (!ch.fpStream) continue;
+        if (ch.iBufLen) {
+            write_bytes(ch.fpStream, ch.pFrameBuf, static_cast<size_t>(ch.iBufLen));
+            std::fflush(ch.fpStream);
+        }
+        ch.iBufLen = 0;
+    }
+}

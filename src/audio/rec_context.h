@@ -1,0 +1,41 @@
+// The audio recording context: the files of every audio channel of the
+// current hour, the day's audio.db and the index rows waiting for a commit.
+#pragma once
+
+#include "vrixdb.h"
+
+#include <cstdio>
+
+constexpr int kAudioBufSize = 2048; // write-behind buffer per channel
+constexpr int kAudioSqlBufSize = 2048;
+constexpr int kAudioBatchRows = 5; // a batch commits once it holds more rows
+
+struct AudioRecChannel {
+    FILE *fpStream;           // the channel's file of the current hour
+    long long llOffset;       // where its next record goes
+    unsigned char *pFrameBuf; // write-behind buffer
+    int iBufLen;
+};
+
+struct AudioRecContext {
+    char strDay[12];            // current day, "YYYYMMDD"
+    char *strRoot;              // root with "/" appended
+    AudioRecChannel *pChannels; // slot k is audio channel k + 1
+    int iChannelCount;          // 1..4
+    ResultTable pIntResult;     // one "%d" slot: the hour lookup
+    ResultTable pOffsetResult;  // one "%u" slot: the resume query
+    SqlHandle pAudioDb;         // the day's audio.db, reopened every hour
+    unsigned char Header[12];   // 48, seconds, second time word
+    long long llIndexOffset;    // offset of the first record of the current second
+    int iLastSec;               // seconds of the last indexed record; 0 = none
+    int iPacing;                // the second time word is being paced
+    int iPacedWord;
+    int iRecSize; // 60
+    int iSqlRows;
+    char *pSqlBuf;
+    int iSqlLen;
+    int iYear; // date of the last block; 0 = none
+    int iMon;
+    int iMday;
+    int iHour; // hour of the open files; -1 = none
+};

@@ -1,0 +1,239 @@
+// Audio recorded by the writer and played back: index rows, batching,
+// resume with unequal files, stepping in both directions.
+#include "audio/play_context.h"
+#include "audio/rec_context.h"
+#include "support/frames.h"
+#include "support/queues.h"
+
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <array>
+
+namespace {
+
+using namespace vrix::test;
+using Record = std::array<unsigned char, 60>;
+
+constexpr int kDay = 1710028800; // 2024-03-10 00:00:00 UTC
+constexpr int kHour10 = kDay + 10 * 3600;
+
+VrixAudioBlock make_block(int sec, uint32_t word, unsigned seq) {
+    VrixAudioBlock b{};
+    for (int k = 0; k < 4; ++k)
+        for (int i = 0; i < 48; ++i)
+            b.piece[k][i] = static_cast<unsigned char>(seq * 7 + k * 48 + i);
+    b.iSec = static_cast<uint32_t>(sec);
+    b.iSec2 = word;
+    return b;
+}
+
+Record record_of(const VrixAudioBlock &b, int k) {
+    Record r{};
+    const uint32_t head[3] = {48, b.iSec, b.iSec2};
+    std::memcpy(r.data(), head, 12);
+    std::memcpy(r.data() + 12, b.piece[k], 48);
+    return r;
+}
+
+class Audio : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        start_library();
+        // Audio days are found through date.db's H, which video or events fill.
+        RecContext *v = vrix_db_open_rec_video(dir.path().c_str(), 17);
+        vrix_db_close_rec_video(v);
+        open(3);
+    }
+    void TearDown() override { vrix_db_close_rec_audio(rec); }
+    void open(int count) {
+        rec = vrix_db_open_rec_audio(dir.path().c_str(), count);
+        ASSERT_NE(rec, nullptr);
+    }
+    void close() {
+        vrix_db_close_rec_audio(rec);
+        rec = nullptr;
+    }
+    void register_day(int day) {
+        sqlite3 *db = nullptr;
+        sqlite3_open((dir / "date.db").c_str(), &db);
+        sqlite3_exec(db, ("insert into H values(" + std::to_string(day) + ");").c_str(), nullptr,
+                     nullptr, nullptr);
+        sqlite3_close(db);
+    }
+    // `per_second` blocks for every second of [from, from + seconds).
+    void record_span(int from, int seconds, int per_second = 4) {
+        for (int s = from; s < from + seconds; ++s)
+            for (int i = 0; i < per_second; ++i) {
+                blocks.push_back(make_block(s, static_cast<uint32_t>(blocks.size()),
+                                            static_cast<unsigned>(blocks.size())));
+                vrix_db_rec_audio(rec, &blocks.back());
+            }
+    }
+    std::string audio_db(const char *day = "20240310") const {
+        return dir / (std::string(day) + "/audio/audio.db");
+    }
+    std::string stream(int ch, int hour, const char *day = "20240310") const {
+        return dir / (std::string(day) + "/audio/" + std::to_string(ch) + "/" +
+                      std::to_string(hour) + ".stream");
+    }
+    AudioPlayContext *play(int ch, int start, int end = 0) {
+        const time_t s = start, e = end;
+        std::tm ts{}, te{};
+        localtime_r(&s, &ts);
+        if (end) localtime_r(&e, &te);
+        return vrix_db_open_get_audio(&ts, end ? &te : nullptr, ch, 64, dir.path().c_str());
+    }
+    static Record got(AudioPlayContext *p) {
+        void *buf = nullptr;
+        EXPECT_EQ(vrix_db_get_audio(p, &buf), 60);
+        Record r{};
+        std::memcpy(r.data(), buf, 60);
+        return r;
+    }
+
+    ScratchDir dir;
+    AudioRecContext *rec = nullptr;
+    std::vector<VrixAudioBlock> blocks;
+};
+
+TEST_F(Audio, OneRowPerSecondInBatchesOfSix) {
+    record_span(kHour10, 5);
+    EXPECT_EQ(rows(audio_db(), "select hour from H"), std::vector<std::string>{"10"});
+    EXPECT_TRUE(rows(audio_db(), "select * from h10").empty());
+    record_span(kHour10 + 5, 1); // the sixth row commits all six
+    const auto r = rows(audio_db(), "select sec,offset from h10 order by id");
+    ASSERT_EQ(r.size(), 6u);
+    for (int s = 0; s < 6; ++s)
+        EXPECT_EQ(r[s], std::to_string(kHour10 + s) + "," + std::to_string(s * 4 * 60));
+    vrix_db_rec_audio_flush(rec);
+    for (int ch = 1; ch <= 3; ++ch)
+        EXPECT_EQ(file_bytes(stream(ch, 10)).size(), 24u * 60u);
+    EXPECT_EQ(file_bytes(stream(4, 10)).size(), 0u); // no fourth channel
+}
+
+TEST_F(Audio, ForwardAcrossSecondsAndHoursByteForByte) {
+    register_day(kDay);
+    record_span(kHour10 + 3597, 6, 3);
+    vrix_db_rec_audio_flush(rec);
+    for (int ch = 1; ch <= 3; ++ch) {
+        AudioPlayContext *p = play(ch, kHour10 + 3597);
+        ASSERT_NE(p, nullptr);
+        size_t i = 0;
+        int prev_pos = 0;
+        while (vrix_db_next_audio(p) == 1) {
+            ASSERT_LT(i, blocks.size());
+            EXPECT_EQ(got(p), record_of(blocks[i], ch - 1)) << "ch" << ch << " record " << i;
+            EXPECT_EQ(vrix_get_audio_sec(p), static_cast<int>(blocks[i].iSec));
+            if (i % 3 != 0) {
+                EXPECT_EQ(p->iCurPos, prev_pos); // same second
+            } else if (i % 9 != 0) {
+                EXPECT_EQ(p->iCurPos, prev_pos + 1); // a new second of the same hour
+            }
+            prev_pos = p->iCurPos;
+            ++i;
+        }
+        EXPECT_EQ(i, blocks.size());
+        vrix_db_close_get_audio(p);
+    }
+}
+
+TEST_F(Audio, StepModeEndTimeAndFirstBackwardStep) {
+    register_day(kDay);
+    record_span(kHour10, 20, 2);
+    vrix_db_rec_audio_flush(rec);
+    AudioPlayContext *p = play(1, kHour10);
+    vrix_db_audio_set_i_mode(p, 1, 5);
+    std::vector<int> secs;
+    while (vrix_db_next_audio(p) == 1)
+        secs.push_back(vrix_get_audio_sec(p) - kHour10);
+    EXPECT_EQ(secs, (std::vector<int>{5, 10, 15}));
+    vrix_db_close_get_audio(p);
+
+    p = play(2, kHour10 + 3, kHour10 + 5);
+    int n = 0;
+    while (vrix_db_next_audio(p) == 1)
+        ++n;
+    EXPECT_EQ(n, 6); // seconds 3, 4 and 5, two records each
+    vrix_db_close_get_audio(p);
+
+    // Backward from 10:00:12: the second one row before the last at or before it.
+    p = play(3, kHour10 + 12);
+    ASSERT_EQ(vrix_db_pre_audio(p), 1);
+    EXPECT_EQ(got(p), record_of(blocks[2 * 11], 2));
+    ASSERT_EQ(vrix_db_pre_audio(p), 1);
+    EXPECT_EQ(got(p), record_of(blocks[2 * 10], 2));
+    vrix_db_close_get_audio(p);
+}
+
+// All channels restart at the last row at or below the shortest file's whole
+// records; the files are cut there and the rows from there on removed.
+TEST_F(Audio, ResumeAlignsUnequalChannelFiles) {
+    record_span(kHour10, 40, 1); // 40 s, one block a second: 2400 bytes per file
+    vrix_db_rec_audio_flush(rec);
+    close();
+    ASSERT_EQ(truncate(stream(1, 10).c_str(), 1800), 0);
+    ASSERT_EQ(truncate(stream(2, 10).c_str(), 2010), 0); // a torn record at the end
+    open(3);
+    record_span(kHour10 + 100, 2, 1);
+    vrix_db_rec_audio_flush(rec);
+    // Row for second 30 lies at 1800 = the shortest file: restart there.
+    EXPECT_EQ(rows(audio_db(), "select max(offset) from h10"), std::vector<std::string>{"1860"});
+    EXPECT_EQ(rows(audio_db(), "select count(*) from h10"), std::vector<std::string>{"32"});
+    for (int ch = 1; ch <= 3; ++ch) {
+        const auto bytes = file_bytes(stream(ch, 10));
+        ASSERT_EQ(bytes.size(), 1920u) << ch;
+        Record last{};
+        std::memcpy(last.data(), bytes.data() + 1860, 60);
+        EXPECT_EQ(last, record_of(blocks.back(), ch - 1));
+    }
+}
+
+// One empty file: every channel starts over at 0 and the hour's old rows go.
+TEST_F(Audio, ResumeWithAnEmptyFileStartsOver) {
+    record_span(kHour10, 12, 1);
+    vrix_db_rec_audio_flush(rec);
+    close();
+    ASSERT_EQ(truncate(stream(3, 10).c_str(), 0), 0);
+    open(3);
+    record_span(kHour10 + 50, 1, 1);
+    vrix_db_rec_audio_flush(rec);
+    EXPECT_EQ(rows(audio_db(), "select sec,offset from h10"),
+              std::vector<std::string>{std::to_string(kHour10 + 50) + ",0"});
+    for (int ch = 1; ch <= 3; ++ch)
+        EXPECT_EQ(file_bytes(stream(ch, 10)).size(), 60u);
+}
+
+TEST_F(Audio, TwoChannelsIgnoreTheOtherPieces) {
+    close();
+    open(2);
+    record_span(kHour10, 1, 1);
+    vrix_db_rec_audio_flush(rec);
+    for (int ch = 1; ch <= 2; ++ch) {
+        const auto bytes = file_bytes(stream(ch, 10));
+        ASSERT_EQ(bytes.size(), 60u);
+        Record r{};
+        std::memcpy(r.data(), bytes.data(), 60);
+        EXPECT_EQ(r, record_of(blocks[0], ch - 1));
+    }
+    EXPECT_EQ(size_t(access(stream(3, 10).c_str(), F_OK) == 0), 0u);
+}
+
+TEST_F(Audio, Refusals) {
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(vrix_db_open_rec_audio(dir.path().c_str(), 0), nullptr);
+    EXPECT_EQ(vrix_db_open_rec_audio(dir.path().c_str(), 5), nullptr);
+    EXPECT_EQ(vrix_db_open_rec_audio(std::string(99, 'r').c_str(), 2), nullptr);
+    std::tm t{};
+    t.tm_year = 124;
+    t.tm_mday = 1;
+    EXPECT_EQ(vrix_db_open_get_audio(&t, nullptr, 1, 59, dir.path().c_str()), nullptr);
+    EXPECT_EQ(vrix_db_open_get_audio(&t, nullptr, 5, 60, dir.path().c_str()), nullptr);
+    VrixAudioBlock zero{};
+    vrix_db_rec_audio(rec, &zero); // time 0
+    const std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), 6) << out;
+}
+
+} // namespace
