@@ -291,6 +291,20 @@ VRIX_API int db_event_date_rec_init(EventQueryContext *ctx, struct tm *day, int 
 
 /* ---- Reporting ----------------------------------------------------------- */
 
+/* Bytes of the span [start, end] (local times) of one channel, from the
+ * indexes and the stream file sizes; audio adds 800 bytes per second.
+ * 4294967295 when the total reaches 4 GiB, 0 when nothing is found. */
+VRIX_API unsigned vrix_db_get_video_total_size(struct tm *start, struct tm *end, const char *root,
+                                               int ch);
+VRIX_API unsigned vrix_db_get_audio_total_size(struct tm *start, struct tm *end, const char *root,
+                                               int ch);
+/* The first recorded time at or after `sec` / the last at or before it, 0
+ * when there is none. */
+VRIX_API int vrix_dvd_video_get_start_time(int ch, int sec, const char *root, int bufSize);
+VRIX_API int vrix_dvd_video_get_end_time(int ch, int sec, const char *root, int bufSize);
+VRIX_API int vrix_dvd_audio_get_start_time(int ch, int sec, const char *root, int bufSize);
+VRIX_API int vrix_dvd_audio_get_end_time(int ch, int sec, const char *root, int bufSize);
+
 #ifdef __cplusplus
 }
 #endif

@@ -37,6 +37,7 @@ void open_hour_db(AudioRecContext &c, const char *audio_dir, int hour) {
         c.pAudioDb = nullptr; // treated as no database
         return;
     }
+    sql_submit(c.pAudioDb, sql::kIndexNoSync, "");
     Sql q;
     format_into(q.text, sizeof q.text, sql::kCreateIndex, hour);
     sql_submit(c.pAudioDb, q.text, "");

@@ -11,9 +11,9 @@ inline constexpr char kInsertDay[] = "insert into H values(%d);";
 inline constexpr char kFindChannelDay[] = "select date from ch%d where date = %d limit 1;";
 inline constexpr char kInsertChannelDay[] = "insert into ch%d values(%d);";
 
-// The writer's connection to a channel's video.db: the index is rebuilt from
-// the stream files after a power loss, so commits do not wait for the disk.
-inline constexpr char kVideoIndexNoSync[] = "PRAGMA synchronous=OFF;";
+// The writers' connections to video.db and audio.db: the indexes are rebuilt
+// from the stream files after a power loss, so commits do not wait for the disk.
+inline constexpr char kIndexNoSync[] = "PRAGMA synchronous=OFF;";
 
 // video.db and audio.db
 inline constexpr char kCreateHourH[] = "create table H(hour int);";

@@ -79,7 +79,7 @@ void move_to_day(RecContext &ctx, RecChannel &c, int n) {
             opened = sql_open(p.text, &c.pVideoDb) == 0;
         }
         if (opened)
-            sql_submit(c.pVideoDb, sql::kVideoIndexNoSync, "");
+            sql_submit(c.pVideoDb, sql::kIndexNoSync, "");
         else
             c.pVideoDb = nullptr;
         std::memcpy(c.strDay, ctx.strDay, 9);

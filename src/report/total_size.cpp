@@ -1,0 +1,188 @@
+// The bytes a span of one channel occupies, from the index databases and the
+// sizes of the stream files, without reading any media.
+#include "core/calendar.h"
+#include "core/store_access.h"
+#include "store/format.h"
+#include "store/paths.h"
+#include "store/schema.h"
+
+#include <sys/stat.h>
+
+#include <cstdint>
+#include <cstdio>
+
+namespace vrix {
+namespace {
+
+constexpr unsigned long long kSaturated = 4294967295ULL;
+
+// What differs between the video and the audio totals.
+struct Medium {
+    const char *name;       // for "enter %s" / "leave %s"
+    const char *date_error; // date.db could not be opened
+    bool (*day_db)(Path &, const char *root, const std::tm &, int ch);
+    bool (*stream)(Path &, const char *root, const std::tm &, int ch, int hour);
+    pthread_mutex_t *(*mutex)(int ch);
+    long long per_second; // allowance added per second of span
+    bool print_queries;   // "1 %s" / "2 %s"
+};
+
+bool video_db(Path &p, const char *root, const std::tm &d, int ch) {
+    return reader_video_db(p, root, d, ch);
+}
+bool audio_db(Path &p, const char *root, const std::tm &d, int) {
+    return reader_audio_db(p, root, d);
+}
+pthread_mutex_t *audio_mutex_of(int) {
+    return audio_mutex();
+}
+
+const Medium kVideo{"vrix_db_get_video_total_size",
+                    "hdd_get_video_total_size : get date db error !!!",
+                    video_db,
+                    reader_video_stream,
+                    video_mutex,
+                    0,
+                    true};
+const Medium kAudio{"vrix_db_get_audio_total_size",
+                    "hdd_get_audio_total_size : get date db error !!!",
+                    audio_db,
+                    reader_audio_stream,
+                    audio_mutex_of,
+                    800,
+                    false};
+
+std::tm fields_of(long long sec) {
+    std::tm tm{};
+    sec_to_tm(&tm, static_cast<int>(sec));
+    return tm;
+}
+
+long long file_size(const char *path) {
+    struct stat st {};
+    return stat(path, &st) == 0 ? static_cast<long long>(st.st_size) : -1;
+}
+
+// The scan's open handles and holder, released on every way out.
+struct Scan {
+    const Medium &m;
+    const char *root;
+    int ch;
+    ResultTable holder = nullptr;
+    SqlHandle date = nullptr;
+    SqlHandle day = nullptr;
+    int day_mday = 255;
+    ~Scan() {
+        close_db(date_mutex(), date);
+        close_db(m.mutex(ch), day);
+        db_free_sqlite(holder, 1);
+    }
+    bool open_day(const std::tm &d) {
+        close_db(m.mutex(ch), day);
+        Path p;
+        if (!m.day_db(p, root, d, ch) || !open_db(m.mutex(ch), p.text, day)) return false;
+        day_mday = d.tm_mday;
+        return true;
+    }
+    // The first indexed offset at or after `sec` in its hour.
+    bool first_offset(long long sec, long long &out, const char *tag) {
+        const std::tm t = fields_of(sec);
+        Sql q;
+        format_into(q.text, sizeof q.text, "select min(offset) from h%d where sec >= %d", t.tm_hour,
+                    static_cast<int>(sec));
+        const bool found = query_offset(m.mutex(ch), day, q.text, holder, out);
+        if (tag) std::printf("%s %s\n", tag, q.text);
+        return found;
+    }
+    long long stream_size(long long sec) {
+        const std::tm t = fields_of(sec);
+        Path p;
+        return m.stream(p, root, t, ch, t.tm_hour) ? file_size(p.text) : -1;
+    }
+};
+
+unsigned total_size(const Medium &m, struct tm *start, struct tm *end, const char *root, int ch) {
+    if (!start || !end || !root || ch < 1 || ch > VRIX_VIDEO_CHANNELS) {
+        std::printf("%s : bad arguments\n", m.name);
+        return 0;
+    }
+    Scan s{m, root, ch};
+    if (!(s.holder = make_holder(1, kOffsetCell))) return 0;
+    const long long t1 = mktime(start), t2 = mktime(end);
+    if (m.per_second) std::printf("enter %s\n", m.name);
+    if (t1 > t2) return 0;
+    if (!m.per_second) std::printf("enter %s\n", m.name);
+
+    long long H = t1 - (start->tm_sec + 60 * start->tm_min);
+    long long L = t1;
+    const long long E = t2 - (end->tm_sec + 60 * end->tm_min);
+    unsigned long long T = 0, R = 0;
+    auto leave = [&] {
+        std::printf("leave %s\n", m.name);
+        return static_cast<unsigned>(R);
+    };
+    Path p;
+    if (!reader_date_db(p, root) || !open_db(date_mutex(), p.text, s.date)) {
+        std::puts(m.date_error);
+        return leave();
+    }
+    auto advance = [&] { L = H = H + 3600; };
+    for (;;) {
+        const std::tm h = fields_of(H);
+        if (h.tm_hour == 0 && h.tm_min == 0 && h.tm_sec == 0) {
+            Sql q;
+            format_into(q.text, sizeof q.text, "select min(date) from ch%d where date >= %d", ch,
+                        static_cast<int>(H));
+            long long day;
+            if (!query_offset(date_mutex(), s.date, q.text, s.holder, day)) return leave();
+            if (day != H) L = H = day;
+        }
+        if (H > t2) return leave();
+        if (H == E) break;
+        const std::tm l = fields_of(L);
+        if (l.tm_mday != s.day_mday && !s.open_day(l)) {
+            advance();
+            continue;
+        }
+        long long s0;
+        const long long at = L;
+        const bool indexed = s.first_offset(at, s0, nullptr);
+        advance();
+        if (!indexed) continue;
+        const long long z = s.stream_size(at);
+        if (z < 0) continue;
+        T += static_cast<unsigned long long>(z - s0 + m.per_second * 3600);
+        if (T >= kSaturated) {
+            R = kSaturated;
+            return leave();
+        }
+        R = T;
+    }
+    // The last hour: up to the first indexed position at or after the end.
+    if (!s.open_day(fields_of(L))) return leave();
+    long long s0, s1;
+    if (!s.first_offset(L, s0, m.print_queries ? "1" : nullptr)) return leave();
+    if (s.first_offset(t2, s1, m.print_queries ? "2" : nullptr)) {
+        std::printf("u64StartOffset = %lld , u64EndOffset = %lld\n", s0, s1);
+        R = T + static_cast<unsigned long long>(s1 - s0 + (t2 - L) * m.per_second);
+    } else {
+        const long long z = s.stream_size(L);
+        if (z >= 0)
+            R = T + static_cast<unsigned long long>(z - s0 + (3600 - (L - H)) * m.per_second);
+    }
+    if (R >= kSaturated) R = kSaturated;
+    return leave();
+}
+
+} // namespace
+} // namespace vrix
+
+extern "C" unsigned vrix_db_get_video_total_size(struct tm *start, struct tm *end, const char *root,
+                                                 int ch) {
+    return vrix::total_size(vrix::kVideo, start, end, root, ch);
+}
+
+extern "C" unsigned vrix_db_get_audio_total_size(struct tm *start, struct tm *end, const char *root,
+                                                 int ch) {
+    return vrix::total_size(vrix::kAudio, start, end, root, ch);
+}
