@@ -45,16 +45,6 @@ struct CloseAudioPlay {
     void operator()(AudioPlayContext *ctx) const { vrix_db_close_get_audio(ctx); }
 };
 
-int seconds_of(const struct tm *t) {
-    std::tm copy = *t;
-    return static_cast<int>(mktime(&copy));
-}
-
-long long file_size(FILE *fp) {
-    struct stat st {};
-    return fstat(fileno(fp), &st) == 0 ? static_cast<long long>(st.st_size) : -1;
-}
-
 enum class Row { Good, Missing, Disagrees, Failed };
 
 // The offset of index row `id`, checked against the record there.
@@ -128,20 +118,7 @@ extern "C" AudioPlayContext *vrix_db_open_get_audio(struct tm *start, struct tm 
     ctx->iBufSize = bufSize;
     ctx->pFrameBuf = static_cast<unsigned char *>(std::malloc(static_cast<size_t>(bufSize)));
     ctx->pHeader = ctx->pFrameBuf;
-    if (root && (ctx->strRoot = static_cast<char *>(std::calloc(1, std::strlen(root) + 10))))
-        std::memcpy(ctx->strRoot, root, std::strlen(root));
-    if (ctx->strRoot) {
-        Path p;
-        reader_date_db(p, ctx->strRoot);
-        open_db(date_mutex(), p.text, ctx->pDateDb);
-    }
-    if (!ctx->pFrameBuf || !ctx->strRoot || !ctx->pDateDb) return nullptr;
-    if (!(ctx->pIntResult = make_holder(1, kIntCell))) return nullptr;
-    if (!(ctx->pOffsetResult = make_holder(1, kOffsetCell))) return nullptr;
-    ctx->iStep = 1;
-    ctx->iEndSec = end && end->tm_year != 0 ? seconds_of(end) : kNoEnd;
-    ctx->iCurSec = seconds_of(start);
-    ctx->iHintPos = -1;
+    if (!ctx->pFrameBuf || !open_playback(*ctx, start, end, root)) return nullptr;
     return ctx.release();
 }
 
@@ -149,12 +126,8 @@ extern "C" void vrix_db_close_get_audio(AudioPlayContext *ctx) {
     using namespace vrix;
     if (!ctx) return;
     std::free(ctx->pFrameBuf);
-    std::free(ctx->strRoot);
     close_db(audio_mutex(), ctx->pAudioDb);
-    if (ctx->fpStream) std::fclose(ctx->fpStream);
-    close_db(date_mutex(), ctx->pDateDb);
-    db_free_sqlite(ctx->pIntResult, 1);
-    db_free_sqlite(ctx->pOffsetResult, 1);
+    close_playback(*ctx);
     std::free(ctx);
 }
 

@@ -18,11 +18,14 @@
 #include "core/calendar.h"
 #include "core/store_access.h"
 #include "store/format.h"
+#include "store/paths.h"
 #include "store/schema.h"
 
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <ctime>
 
 namespace vrix {
@@ -61,6 +64,43 @@ inline bool query_int_tries(DayIndex &day, const char *sql, ResultTable &holder,
 }
 
 } // namespace locate_detail
+
+// What opening a playback context does alike for video and audio, after the
+// frame buffer: the root, date.db, the two holders and the times (read with
+// mktime from copies, so the caller's records are left as they are).  False
+// when something could not be had; the caller then closes the context.
+template <class Ctx>
+bool open_playback(Ctx &c, const struct tm *start, const struct tm *end, const char *root) {
+    if (root && (c.strRoot = static_cast<char *>(std::calloc(1, std::strlen(root) + 10))))
+        std::memcpy(c.strRoot, root, std::strlen(root));
+    if (c.strRoot) {
+        Path p;
+        reader_date_db(p, c.strRoot);
+        open_db(date_mutex(), p.text, c.pDateDb);
+    }
+    if (!c.strRoot || !c.pDateDb) return false;
+    if (!(c.pIntResult = make_holder(1, kIntCell))) return false;
+    if (!(c.pOffsetResult = make_holder(1, kOffsetCell))) return false;
+    auto seconds = [](const struct tm *t) {
+        std::tm copy = *t;
+        return static_cast<int>(mktime(&copy));
+    };
+    c.iDirection = 0;
+    c.iStep = 1;
+    c.iEndSec = end && end->tm_year != 0 ? seconds(end) : kNoEnd;
+    c.iCurSec = seconds(start);
+    c.iHintPos = -1;
+    return true;
+}
+
+// Releases what open_playback made, and the stream.
+template <class Ctx> void close_playback(Ctx &c) {
+    std::free(c.strRoot);
+    if (c.fpStream) std::fclose(c.fpStream);
+    close_db(date_mutex(), c.pDateDb);
+    db_free_sqlite(c.pIntResult, 1);
+    db_free_sqlite(c.pOffsetResult, 1);
+}
 
 // Locates within the day of `t`, in the direction c.iDirection: 1 found
 // (*pos, *endPos written, the hour's stream installed), 0 the hour is not

@@ -21,11 +21,6 @@ namespace {
 // lock itself), then the step gives up.
 constexpr int kStoreAttempts = 20;
 
-long long file_size(FILE *fp) {
-    struct stat st {};
-    return fstat(fileno(fp), &st) == 0 ? static_cast<long long>(st.st_size) : -1;
-}
-
 bool seek_to(PlayContext &c, long long offset) {
     std::clearerr(c.fpStream);
     if (fseeko(c.fpStream, offset, SEEK_SET) != 0) return false;

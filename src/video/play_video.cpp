@@ -1,6 +1,7 @@
 // Opening and closing a playback context, and its accessors.
 #include "core/calendar.h"
 #include "core/store_access.h"
+#include "locate.h"
 #include "play_context.h"
 #include "store/paths.h"
 
@@ -16,11 +17,6 @@ namespace {
 struct ClosePlay {
     void operator()(PlayContext *ctx) const { vrix_db_close_get_video(ctx); }
 };
-
-int seconds_of(const struct tm *t) {
-    std::tm copy = *t; // the caller's record is not normalised
-    return static_cast<int>(mktime(&copy));
-}
 
 } // namespace
 } // namespace vrix
@@ -48,21 +44,7 @@ extern "C" PlayContext *vrix_db_open_get_video(struct tm *start, struct tm *end,
     if (bufSize > 0 && (ctx->pRawBuf = std::malloc(static_cast<size_t>(bufSize) + 15)))
         ctx->pFrameBuf = reinterpret_cast<unsigned char *>(
             (reinterpret_cast<uintptr_t>(ctx->pRawBuf) + 15) & ~uintptr_t{15});
-    if (root && (ctx->strRoot = static_cast<char *>(std::calloc(1, std::strlen(root) + 10))))
-        std::memcpy(ctx->strRoot, root, std::strlen(root));
-    if (ctx->strRoot) {
-        Path p;
-        reader_date_db(p, ctx->strRoot);
-        open_db(date_mutex(), p.text, ctx->pDateDb);
-    }
-    if (!ctx->pRawBuf || !ctx->strRoot || !ctx->pDateDb) return nullptr;
-    if (!(ctx->pIntResult = make_holder(1, kIntCell))) return nullptr;
-    if (!(ctx->pOffsetResult = make_holder(1, kOffsetCell))) return nullptr;
-    ctx->iDirection = 0;
-    ctx->iStep = 1;
-    ctx->iEndSec = end && end->tm_year != 0 ? seconds_of(end) : kNoEnd;
-    ctx->iCurSec = seconds_of(start);
-    ctx->iHintPos = -1;
+    if (!ctx->pRawBuf || !open_playback(*ctx, start, end, root)) return nullptr;
     return ctx.release();
 }
 
@@ -70,12 +52,8 @@ extern "C" void vrix_db_close_get_video(PlayContext *ctx) {
     using namespace vrix;
     if (!ctx) return;
     std::free(ctx->pRawBuf);
-    std::free(ctx->strRoot);
-    if (ctx->pVideoDb) close_db(video_mutex(ctx->iCh), ctx->pVideoDb);
-    if (ctx->fpStream) std::fclose(ctx->fpStream);
-    close_db(date_mutex(), ctx->pDateDb);
-    db_free_sqlite(ctx->pIntResult, 1);
-    db_free_sqlite(ctx->pOffsetResult, 1);
+    close_db(video_mutex(ctx->iCh), ctx->pVideoDb);
+    close_playback(*ctx);
     std::free(ctx);
 }
 

@@ -4,6 +4,7 @@
 #include "store/records.h"
 #include "store/schema.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace vrix {
@@ -18,6 +19,11 @@ FILE *open_stream_for_writing(const char *path) {
 long long stream_size(FILE *fp) {
     if (fseeko(fp, 0, SEEK_END) != 0) return -1;
     return ftello(fp);
+}
+
+long long file_size(FILE *fp) {
+    struct stat st {};
+    return fstat(fileno(fp), &st) == 0 ? static_cast<long long>(st.st_size) : -1;
 }
 
 bool cut_stream(FILE *fp, long long offset) {

@@ -11,8 +11,11 @@ namespace vrix {
 // by the C library (the writers keep their own buffers).  Null when both fail.
 FILE *open_stream_for_writing(const char *path);
 
-// Size of an open stream; -1 on failure.
+// Size of an open stream, positioned at its end; -1 on failure.
 long long stream_size(FILE *fp);
+
+// Size of an open stream without moving it; -1 on failure.
+long long file_size(FILE *fp);
 
 // Cuts the file at `offset` and positions it there: nothing older than the
 // restart point survives behind new data.  False when either step failed.
