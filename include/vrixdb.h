@@ -289,6 +289,57 @@ VRIX_API int db_event_date_rec_init(EventQueryContext *ctx, struct tm *day, int 
 
 /* ---- Maintenance --------------------------------------------------------- */
 
+/* Space reclamation.  The library never deletes a file itself: for each stream
+ * file or day directory it sends a remove request (g_RmMsg: text byte 0 the
+ * command, bytes 1.. the zero-terminated path, at most 126 characters) on the
+ * queue with key 1221 and blocks until any reply arrives on the queue with key
+ * 1222.  Somebody must serve these queues (see vrix_rm_server_start) or the
+ * reductions block.  Requests come from one thread at a time.
+ *
+ * Pacing: the reductions and the prediction wait fixed times between their
+ * steps (an hour of 16 channels takes at least 224 s) so that recording keeps
+ * the disk.  Every one of these waits is divided by the waitDivisor of
+ * vrix_db_set_test_hooks; the default (no hooks, divisor 0 or 1) keeps them
+ * whole.  A divisor of 1000000 turns seconds into microseconds for tests and
+ * demos. */
+#define VRIX_RM_FILE 0 /* remove the file named by the path */
+#define VRIX_RM_DIR 1  /* remove the directory and everything in it */
+
+/* The last second of the oldest day's first hour with audio rows: the limit
+ * the next vrix_db_reduce_media will apply.  0 when date.db cannot be opened
+ * or holds no day; the oldest day + 3599 when it has no audio.db; the oldest
+ * day + 89999 when its audio.db has no rows. */
+VRIX_API int vrix_db_get_reduce_sec(const char *root);
+/* Deletes the oldest hour's index rows (every channel's video.db, then
+ * audio.db) and has each channel's stream file of that hour removed; returns
+ * the limit applied.  When the oldest day has no usable audio index the whole
+ * day directory is removed and the day unregistered from date.db: returns 0.
+ * *stop is read after each channel reduced (non-zero ends the reduction before
+ * audio.db is touched); *freeMB receives the free space above a 9 GiB reserve,
+ * in MiB, of the file system of `fd` after each even channel reduced.  Either
+ * pointer may be null. */
+VRIX_API int vrix_db_reduce_media(const char *root, int *stop, int *freeMB, int fd);
+/* Deletes the events of the local day of `sec` stamped at or before `sec`;
+ * a day left without events is removed as a whole (recordings included) and
+ * unregistered.  Always 0. */
+VRIX_API int vrix_db_reduce_event(const char *root, int sec);
+
+/* A server for the remove queues, for the application, tools and tests: a
+ * thread that takes requests off queue 1221, removes what they name when it
+ * lies inside `root` (links are removed, never followed), and answers every
+ * request on queue 1222 with text byte 0 the outcome, refused ones included,
+ * so the library never blocks.  Refusals and failures print one line.  `log`,
+ * when set, is called on the server thread for every request.  Null when the
+ * root does not exist or the queues cannot be had. */
+#define VRIX_RM_REMOVED 0
+#define VRIX_RM_REFUSED 1 /* outside the root, or not a known command */
+#define VRIX_RM_FAILED 2  /* nothing there, or removal failed */
+typedef struct VrixRmServer VrixRmServer;
+typedef void (*VrixRmLogFn)(int command, const char *path, int outcome, void *user);
+VRIX_API VrixRmServer *vrix_rm_server_start(const char *root, VrixRmLogFn log, void *user);
+/* Stops the thread (within about a millisecond) and frees the server. */
+VRIX_API void vrix_rm_server_stop(VrixRmServer *server);
+
 /* ---- Reporting ----------------------------------------------------------- */
 
 /* Bytes of the span [start, end] (local times) of one channel, from the

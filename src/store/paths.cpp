@@ -87,4 +87,22 @@ bool dir_event_db(Path &p, const char *dir) {
     return format_into(p.text, sizeof p.text, "%s/event.db", dir);
 }
 
+bool day_audio_db(Path &p, const char *root, const char *day) {
+    return format_into(p.text, sizeof p.text, "%s/%s/audio/audio.db", root, day);
+}
+bool day_event_db(Path &p, const char *root, const char *day) {
+    return format_into(p.text, sizeof p.text, "%s/%s/event.db", root, day);
+}
+bool repair_channel_dir(Path &p, const char *root, const std::tm &d, int ch) {
+    return format_into(p.text, sizeof p.text, "%s/%d%02d%02d/video/%d/", root, d.tm_year + 1900,
+                       d.tm_mon + 1, d.tm_mday, ch);
+}
+bool repair_audio_dir(Path &p, const char *root, const std::tm &d) {
+    return format_into(p.text, sizeof p.text, "%s/%d%02d%02d/audio/", root, d.tm_year + 1900,
+                       d.tm_mon + 1, d.tm_mday);
+}
+bool path_with_suffix(Path &p, const char *path, const char *suffix) {
+    return format_into(p.text, sizeof p.text, "%s%s", path, suffix);
+}
+
 } // namespace vrix

@@ -41,4 +41,16 @@ void make_dir(const char *path);
 // The day's event database inside a day directory given as a path: "%s/event.db".
 bool dir_event_db(Path &p, const char *dir);
 
+// Maintenance forms from the plain root and a day text "%d%02d%02d" (the
+// day directory, video.db and stream names are the writer forms above given
+// the plain root).
+bool day_audio_db(Path &p, const char *root, const char *day); // %s/%s/audio/audio.db
+bool day_event_db(Path &p, const char *root, const char *day); // %s/%s/event.db
+// The repair's directories of a calendar day: "%s/%d%02d%02d/video/%d/" and
+// "%s/%d%02d%02d/audio/".
+bool repair_channel_dir(Path &p, const char *root, const std::tm &day, int ch);
+bool repair_audio_dir(Path &p, const char *root, const std::tm &day);
+// A file beside another: "%s%s" (".sql" backup copies, "-journal").
+bool path_with_suffix(Path &p, const char *path, const char *suffix);
+
 } // namespace vrix

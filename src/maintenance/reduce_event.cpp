@@ -1,0 +1,69 @@
+// Event reduction: a day's events up to a second are deleted; a day left
+// without events goes as a whole, recordings included.
+#include "core/calendar.h"
+#include "core/pacing.h"
+#include "maintenance.h"
+#include "store/format.h"
+#include "store/paths.h"
+#include "store/schema.h"
+
+#include <cstdio>
+
+namespace vrix {
+namespace {
+
+void reduce_day(const char *root, int sec, const Db &date, Db &events, ResultTable &holder) {
+    std::tm tm{};
+    sec_to_tm(&tm, sec);
+    char day[12];
+    day_name(day, tm);
+    const int key = day_start(sec, tm);
+
+    Sql q;
+    format_into(q.text, sizeof q.text, sql::kFindDay, key);
+    int found;
+    if (!date.value(holder, q.text, found)) {
+        std::puts("event : no data in date");
+        return;
+    }
+    pace_sleep_s(1);
+    Path p;
+    if (!day_event_db(p, root, day) || !events.open(p.text)) return;
+    format_into(q.text, sizeof q.text, sql::kDeleteEventsUpTo, sec);
+    events.run(q.text);
+    pace_sleep_s(1);
+    int left;
+    const bool counted = events.value(holder, sql::kCountEvents, left);
+    pace_sleep_s(1);
+    if (counted && left > 0) {
+        std::printf("we have event yet on %d%02d%02d\n", tm.tm_year + 1900, tm.tm_mon + 1,
+                    tm.tm_mday);
+        return;
+    }
+    // No event left, or none could be counted (no h_all table): the day goes.
+    events.close();
+    pace_sleep_s(1);
+    if (writer_day_dir(p, root, day)) request_remove(kRemoveTree, p.text);
+    std::printf("delete event on %d%02d%02d\n", tm.tm_year + 1900, tm.tm_mon + 1, tm.tm_mday);
+    pace_sleep_s(10);
+    unregister_day(date, key);
+}
+
+} // namespace
+} // namespace vrix
+
+extern "C" int vrix_db_reduce_event(const char *root, int sec) {
+    using namespace vrix;
+    if (!root_fits(root, "event")) return 0;
+    refresh_timezone();
+    Holder holder;
+    if (!(holder.t = make_holder(1, kIntCell))) return 0;
+    Path p;
+    Db date(date_mutex()), events(event_mutex());
+    if (!reader_date_db(p, root) || !date.open(p.text)) return 0;
+    reduce_day(root, sec, date, events, holder.t);
+    events.close();
+    pace_sleep_s(1);
+    date.close();
+    return 0;
+}

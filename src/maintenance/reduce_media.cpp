@@ -1,0 +1,184 @@
+// Media reduction: the oldest recorded hour (or day) is taken out of every
+// index and its stream files are handed to the remove queue's server.
+#include "core/calendar.h"
+#include "core/flags.h"
+#include "core/pacing.h"
+#include "maintenance.h"
+#include "store/format.h"
+#include "store/paths.h"
+#include "store/schema.h"
+
+#include <sys/vfs.h>
+
+#include <cstdio>
+
+namespace vrix {
+
+unsigned free_space_figure(uint64_t bavail, uint64_t bsize) {
+    constexpr int32_t kReserveKiB = 9437184; // 9 GiB
+    const uint64_t bytes = (bavail & 0xffffffffu) * bsize;
+    const auto kib = static_cast<int32_t>((bytes + 512) / 1024);
+    const int32_t excess = kib > kReserveKiB ? kib - kReserveKiB : 0;
+    return static_cast<unsigned>(static_cast<float>(excess) * 0.0009765625f);
+}
+
+namespace {
+
+// The oldest registered day: its key, calendar fields and day text.
+struct Day {
+    int key = 0;
+    std::tm tm{};
+    char name[12] = {};
+};
+
+bool oldest_day(const Db &date, ResultTable &holder, Day &day) {
+    if (!date.value(holder, sql::kOldestDay, day.key)) return false;
+    sec_to_tm(&day.tm, day.key);
+    day_name(day.name, day.tm);
+    return true;
+}
+
+// The first hour of the day whose audio table holds a row, or -1.  Waits
+// `wait_us` after every hour without rows.
+int first_audio_hour(const Db &audio, ResultTable &holder, unsigned long wait_us) {
+    for (int h = 0; h < 24; ++h) {
+        Sql q;
+        format_into(q.text, sizeof q.text, sql::kCountHour, h);
+        int n;
+        if (audio.value(holder, q.text, n) && n > 0) return h;
+        pace_sleep_us(wait_us);
+    }
+    return -1;
+}
+
+int predict(const char *root, const Db &date, Db &audio, ResultTable &holder) {
+    pace_sleep_s(1);
+    Day day;
+    if (!oldest_day(date, holder, day)) return 0;
+    pace_sleep_s(1);
+    Path p;
+    if (!day_audio_db(p, root, day.name) || !audio.open(p.text)) return day.key + 3599;
+    const int h = first_audio_hour(audio, holder, 500000);
+    if (h < 0) {
+        std::puts("vrix_db_get_reduce_sec : no audio in this date !");
+        return day.key + 3599 + 24 * 3600;
+    }
+    return day.key + 3599 + 3600 * h;
+}
+
+// The whole day goes: its directory through the remove queue, its rows in
+// date.db by statement.
+void remove_day(const char *root, const Db &date, const Day &day) {
+    Path p;
+    if (writer_day_dir(p, root, day.name)) request_remove(kRemoveTree, p.text, true);
+    std::printf("delete date on %d%02d%02d\n", day.tm.tm_year + 1900, day.tm.tm_mon + 1,
+                day.tm.tm_mday);
+    unregister_day(date, day.key);
+}
+
+void store_free_space(int fd, int *freeMB) {
+    struct statfs64 st {};
+    if (fstatfs64(fd, &st) != 0) return; // the caller's figure stays as it was
+    flag_set(*freeMB, static_cast<int>(free_space_figure(static_cast<uint64_t>(st.f_bavail),
+                                                         static_cast<uint64_t>(st.f_bsize))));
+}
+
+// One channel's share of the hour: its index rows, then its stream file.
+// False when the caller's stop flag ends the reduction after it.
+bool reduce_channel(const char *root, const Day &day, int ch, int hour, int limit, int *stop,
+                    int *freeMB, int fd) {
+    Path p;
+    Db video(video_mutex(ch));
+    if (!writer_video_db(p, root, day.name, ch) || !video.open(p.text)) return true;
+    pace_sleep_s(1);
+    Sql rows, hours;
+    format_into(rows.text, sizeof rows.text, sql::kDeleteIndexUpTo, hour, limit);
+    format_into(hours.text, sizeof hours.text, sql::kDeleteHoursUpTo, hour);
+    video.transaction({rows.text, hours.text});
+    pace_sleep_s(1);
+    if (writer_video_stream(p, root, day.name, ch, hour)) request_remove(kRemoveFile, p.text);
+    pace_sleep_s(1);
+    video.close();
+    pace_sleep_s(10);
+    if (stop && flag_get(*stop)) return false;
+    if (ch % 2 == 0 && freeMB) store_free_space(fd, freeMB);
+    return true;
+}
+
+// Steps after the oldest day is known; returns the limit applied, 0 after a
+// day removal.
+int reduce(const char *root, const Db &date, Db &audio, ResultTable &holder, const Day &day,
+           int *stop, int *freeMB, int fd) {
+    pace_sleep_s(1);
+    Path p;
+    if (!day_audio_db(p, root, day.name) || !audio.open(p.text)) {
+        remove_day(root, date, day);
+        return 0;
+    }
+    const int hour = first_audio_hour(audio, holder, 1000000);
+    if (hour < 0) {
+        audio.close(); // not held open while its directory is removed
+        remove_day(root, date, day);
+        std::puts("rm : no video data");
+        return 0;
+    }
+    const int limit = day.key + 3599 + 3600 * hour;
+    std::printf("we got hour %d\n", hour);
+    for (int ch = 1; ch <= VRIX_VIDEO_CHANNELS; ++ch) {
+        if (!reduce_channel(root, day, ch, hour, limit, stop, freeMB, fd)) return limit;
+        pace_sleep_s(1);
+    }
+    Sql rows, hours;
+    format_into(rows.text, sizeof rows.text, sql::kDeleteIndexUpTo, hour, limit);
+    format_into(hours.text, sizeof hours.text, sql::kDeleteHoursUpTo, hour);
+    audio.transaction({rows.text, hours.text});
+    pace_sleep_s(1);
+    pace_sleep_s(1);
+    return limit;
+}
+
+} // namespace
+} // namespace vrix
+
+extern "C" int vrix_db_get_reduce_sec(const char *root) {
+    using namespace vrix;
+    if (!root_fits(root, "vrix_db_get_reduce_sec")) return 0;
+    refresh_timezone();
+    Holder holder;
+    if (!(holder.t = make_holder(1, kIntCell))) return 0;
+    Path p;
+    Db date(date_mutex()), audio(audio_mutex());
+    if (!reader_date_db(p, root) || !date.open(p.text)) return 0;
+    const int limit = predict(root, date, audio, holder.t);
+    date.close();
+    pace_sleep_us(500000);
+    audio.close();
+    return limit;
+}
+
+extern "C" int vrix_db_reduce_media(const char *root, int *stop, int *freeMB, int fd) {
+    using namespace vrix;
+    if (!root_fits(root, "media")) return 0;
+    refresh_timezone();
+    Holder holder;
+    if (!(holder.t = make_holder(1, kIntCell))) return 0;
+    Path p;
+    Db date(date_mutex()), audio(audio_mutex());
+    if (!reader_date_db(p, root) || !date.open(p.text)) {
+        std::puts("media : no date db");
+        return 0;
+    }
+    Day day;
+    if (!oldest_day(date, holder.t, day)) {
+        std::puts("media : no data in date");
+        return 0;
+    }
+    const int limit = reduce(root, date, audio, holder.t, day, stop, freeMB, fd);
+    date.close();
+    pace_sleep_s(1);
+    if (audio.is_open()) {
+        audio.close();
+        pace_sleep_s(1);
+    }
+    return limit;
+}

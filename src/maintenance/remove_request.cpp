@@ -1,0 +1,45 @@
+// The remove handshake on queues 1221/1222, and unregistering a removed day.
+#include "core/messages.h"
+#include "core/pacing.h"
+#include "maintenance.h"
+#include "store/format.h"
+#include "store/schema.h"
+
+#include <cstdio>
+#include <cstring>
+
+namespace vrix {
+
+void request_remove(unsigned char command, const char *path, bool announce) {
+    // g_RmMsg keeps the type of the last reply (1 from start-up on); only its
+    // text is filled here.
+    std::memset(g_RmMsg.mtext, 0, sizeof g_RmMsg.mtext);
+    // A cut path could name something else: such a request is not made.
+    if (!format_into(reinterpret_cast<char *>(g_RmMsg.mtext + 1), sizeof g_RmMsg.mtext - 1, "%s",
+                     path)) {
+        std::printf("rm : path too long %s\n", path);
+        return;
+    }
+    g_RmMsg.mtext[0] = command;
+    if (send_message(g_iRmMq, g_RmMsg) != 0) {
+        // Nobody will answer a request that never left.
+        std::printf("rm : send request fail %s\n", path);
+        return;
+    }
+    if (announce) std::puts("before wait");
+    receive_message(g_iRmAckMq, g_RmMsg);
+    if (announce) std::puts("after wait");
+}
+
+void unregister_day(const Db &date_db, int day) {
+    Sql q;
+    format_into(q.text, sizeof q.text, sql::kDeleteDay, day);
+    date_db.run(q.text);
+    for (int ch = 1; ch <= VRIX_VIDEO_CHANNELS; ++ch) {
+        format_into(q.text, sizeof q.text, sql::kDeleteChannelDay, ch, day);
+        date_db.run(q.text);
+        pace_sleep_s(1);
+    }
+}
+
+} // namespace vrix
