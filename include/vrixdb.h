@@ -13,6 +13,7 @@
 
 #include <pthread.h>
 #include <stdint.h>
+#include <stdio.h>
 #include <sys/time.h>
 #include <time.h>
 
@@ -323,6 +324,37 @@ VRIX_API int vrix_db_reduce_media(const char *root, int *stop, int *freeMB, int 
  * a day left without events is removed as a whole (recordings included) and
  * unregistered.  Always 0. */
 VRIX_API int vrix_db_reduce_event(const char *root, int sec);
+
+/* Backup: byte copies of <root>/date.db and <root>/<day>/event.db to
+ * "<file>.sql" beside them, each taken under its database's mutex.  A copy is
+ * made only when its source opens, so a missing source keeps an earlier copy.
+ * vrix_db_stop_backup holds further backups off and returns once a running one
+ * has finished; vrix_db_start_backup allows them again.  `day` is YYYYMMDD. */
+VRIX_API void vrix_db_start_backup(void);
+VRIX_API void vrix_db_stop_backup(void);
+VRIX_API void vrix_db_backup(const char *root, const char *day);
+
+/* Integrity check and repair, run before any context is opened (no mutex is
+ * taken; vrix_db_init is not needed).  Databases are tested with the sqlite3
+ * shell, which must be on PATH: when it cannot run, one line is printed and
+ * nothing is touched.  A damaged date.db or event.db is replaced by its .sql
+ * copy, or removed when there is none; a damaged video.db or audio.db is
+ * rebuilt from the stream files.  Progress goes to vrix_hdd_correct_step.
+ *
+ * vrix_db_correct_all: date.db, then the newest day of every channel (and the
+ * audio.db and event.db of the first such day).  Returns 0. */
+VRIX_API int vrix_db_correct_all(const char *root);
+/* 0 when the database at `path` is sound (table `table` readable) or was
+ * restored; otherwise the result of removing it (-1 as well when nothing could
+ * be checked). */
+VRIX_API int vrix_db_correct(const char *path, const char *table);
+/* `dir` is <root>/<day>/video/<ch>/ and <root>/<day>/audio/ (ending in "/"). */
+VRIX_API void vrix_db_correct_video(const char *dir);
+VRIX_API int vrix_db_correct_audio(const char *dir); /* always 0 */
+/* Rebuild one hour's index table and H row from an open stream file into an
+ * open database, up to the first record that is not whole and valid. */
+VRIX_API void vrix_db_repair_video(FILE *stream, SqlHandle db, int hour);
+VRIX_API void vrix_db_repair_audio(FILE *stream, SqlHandle db, int hour);
 
 /* A server for the remove queues, for the application, tools and tests: a
  * thread that takes requests off queue 1221, removes what they name when it
