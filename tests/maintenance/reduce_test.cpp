@@ -1,0 +1,143 @@
+// Media and event reduction against stores made by the real writers, with a
+// remove server serving the library's requests.
+#include "maint_store.h"
+#include "maintenance/maintenance.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace {
+
+using namespace vrix::test;
+
+constexpr int kHour4 = kDay + 4 * 3600, kHour5 = kDay + 5 * 3600, kHour6 = kDay + 6 * 3600;
+constexpr int kNextDay = kDay + 86400, kLimit5 = kDay + 21599;
+
+class Reduce : public ::testing::Test {
+  protected:
+    std::string root() const { return dir.path(); }
+    std::string day() const { return dir / kDayName; }
+    std::string video_db(int ch) const {
+        return day() + "/video/" + std::to_string(ch) + "/video.db";
+    }
+    std::string stream(int ch) const {
+        return day() + "/video/" + std::to_string(ch) + "/5.stream";
+    }
+    std::string audio_db() const { return day() + "/audio/audio.db"; }
+    // Channels 1 and 2 in hours 4 and 5; audio rows first in hour 5.
+    void hour_five_store() {
+        record_video(root(), {{1, {kHour4 + 10, kHour5 + 10, kHour5 + 20}}, {2, {kHour5 + 30}}});
+        write_audio_db(root(), {{4, {}}, {5, {kHour5, kHour5 + 1}}, {6, {kHour6}}});
+    }
+    int reduce(int stop = 0) {
+        const int fd = open(root().c_str(), O_RDONLY);
+        const int limit = vrix_db_reduce_media(root().c_str(), &stop, &free_mb, fd);
+        close(fd);
+        return limit;
+    }
+    static std::string count(const std::string &db, const char *table) {
+        return rows(db, std::string("select count(*) from ") + table).at(0);
+    }
+
+    Started started;
+    ScratchDir dir;
+    FastWaits fast;
+    RemoveServer server{dir.path()};
+    int free_mb = -7;
+};
+
+TEST_F(Reduce, FirstAudioHourGoesFromEveryIndexAndItsStreamsAreRemoved) {
+    hour_five_store();
+    EXPECT_EQ(vrix_db_get_reduce_sec(root().c_str()), kLimit5);
+    EXPECT_EQ(reduce(), kLimit5);
+    for (int ch : {1, 2}) {
+        EXPECT_EQ(count(video_db(ch), "h5"), "0") << ch;
+        EXPECT_TRUE(rows(video_db(ch), "select hour from H").empty()) << ch;
+        EXPECT_FALSE(exists(stream(ch))) << ch;
+    }
+    EXPECT_EQ(count(video_db(1), "h4"), "1");
+    EXPECT_EQ(count(audio_db(), "h5"), "0");
+    EXPECT_EQ(count(audio_db(), "h6"), "1");
+    EXPECT_EQ(rows(audio_db(), "select hour from H"), Rows{"6"});
+    // Only channels whose video.db opens are asked for.
+    const auto asked = server.take();
+    ASSERT_EQ(asked.size(), 2u);
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_EQ(asked[i].command, VRIX_RM_FILE);
+        EXPECT_EQ(asked[i].path, stream(i + 1));
+        EXPECT_EQ(asked[i].outcome, VRIX_RM_REMOVED);
+    }
+    EXPECT_GE(free_mb, 0); // written after channel 2
+}
+
+TEST_F(Reduce, StopFlagEndsAfterFirstChannelAndTheNextCallRepeatsTheHour) {
+    hour_five_store();
+    EXPECT_EQ(reduce(1), kLimit5);
+    EXPECT_EQ(count(video_db(1), "h5"), "0");
+    EXPECT_EQ(count(video_db(2), "h5"), "1");
+    EXPECT_EQ(count(audio_db(), "h5"), "2");
+    EXPECT_EQ(free_mb, -7);
+    EXPECT_EQ(server.take().size(), 1u);
+
+    EXPECT_EQ(reduce(), kLimit5);
+    EXPECT_EQ(count(video_db(2), "h5"), "0");
+    EXPECT_EQ(count(audio_db(), "h5"), "0");
+    EXPECT_EQ(server.take().size(), 2u);
+}
+
+// The oldest day goes whole when it has no audio.db, or one without rows.
+TEST_F(Reduce, DayWithoutUsableAudioGoesWholeAndIsUnregistered) {
+    for (bool empty_tables : {false, true}) {
+        SCOPED_TRACE(empty_tables);
+        record_video(root(), {{1, {kHour4}}, {3, {kNextDay + 100}}});
+        std::map<int, std::vector<int>> no_rows;
+        for (int h = 0; h < 24; ++h)
+            no_rows[h] = {};
+        if (empty_tables) write_audio_db(root(), no_rows);
+
+        EXPECT_EQ(vrix_db_get_reduce_sec(root().c_str()), kDay + (empty_tables ? 89999 : 3599));
+        EXPECT_EQ(reduce(), 0);
+        EXPECT_FALSE(exists(day()));
+        const Rows next{std::to_string(kNextDay)};
+        EXPECT_EQ(rows(dir / "date.db", "select date from H"), next);
+        EXPECT_TRUE(rows(dir / "date.db", "select date from ch1").empty());
+        EXPECT_EQ(rows(dir / "date.db", "select date from ch3"), next);
+        const auto asked = server.take();
+        ASSERT_EQ(asked.size(), 1u);
+        EXPECT_EQ(asked[0].command, VRIX_RM_DIR);
+        EXPECT_EQ(asked[0].path, day());
+        std::filesystem::remove_all(dir / "20240311");
+        std::filesystem::remove(dir / "date.db");
+    }
+}
+
+// The remove server keeps to its root and still answers every request.
+TEST_F(Reduce, RemoveServerRefusesAnythingOutsideItsRoot) {
+    ScratchDir outside;
+    write_file(outside / "keep", {1});
+    std::filesystem::create_directories(dir / "d");
+    std::filesystem::create_symlink(outside.path(), dir / "d/link");
+    for (const std::string &p : {outside / "keep", dir / "d/../../x", root(), dir / "d/link/keep"})
+        vrix::request_remove(vrix::kRemoveFile, p.c_str());
+    vrix::request_remove(vrix::kRemoveTree, (dir / "d/link").c_str()); // the link, not its target
+    EXPECT_TRUE(exists(outside / "keep"));
+    EXPECT_FALSE(std::filesystem::is_symlink(dir / "d/link"));
+    std::vector<int> outcomes;
+    for (const auto &r : server.take())
+        outcomes.push_back(r.outcome);
+    EXPECT_EQ(outcomes, (std::vector<int>{VRIX_RM_REFUSED, VRIX_RM_REFUSED, VRIX_RM_REFUSED,
+                                          VRIX_RM_REFUSED, VRIX_RM_REMOVED}));
+}
+
+TEST(FreeSpace, MegabytesAboveTheReserve) {
+    using vrix::free_space_figure;
+    constexpr uint64_t kGiB = (1u << 30) / 4096; // in 4 KiB blocks
+    EXPECT_EQ(free_space_figure(9 * kGiB, 4096), 0u);
+    EXPECT_EQ(free_space_figure(2 * kGiB, 4096), 0u);
+    EXPECT_EQ(free_space_figure(10 * kGiB, 4096), 1024u);
+    EXPECT_EQ(free_space_figure((uint64_t{1} << 32) + 10 * kGiB, 4096), 1024u); // low 32 bits
+    EXPECT_EQ(free_space_figure(9437184 + 1023, 1024), 0u);                     // truncated
+    EXPECT_EQ(free_space_figure((9437184 + 1024) * 2 - 1, 512), 1u);            // KiB rounded
+}
+
+} // namespace
