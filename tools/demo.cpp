@@ -1,0 +1,209 @@
+// vrixdb demo: the library's main job, end to end, on a store of its own.
+#include "demo.h"
+
+#include "cli.h"
+#include "library.h"
+#include "times.h"
+#include "vrixdb.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdarg>
+#include <filesystem>
+#include <fstream>
+
+namespace vrixtool {
+
+namespace fs = std::filesystem;
+
+std::string strf(const char *fmt, ...) {
+    char buf[1024];
+    va_list ap;
+    va_start(ap, fmt);
+    std::vsnprintf(buf, sizeof buf, fmt, ap);
+    va_end(ap);
+    return buf;
+}
+
+void Demo::result(const char *step, bool ok, const std::string &figures) {
+    ++checks;
+    if (!ok) ++failed;
+    std::fprintf(out, "  %-4s  %-11s %s\n", ok ? "ok" : "FAIL", step, figures.c_str());
+    std::fflush(out);
+}
+
+namespace {
+
+struct DemoOptions {
+    std::string root = "demo-root";
+    int minutes = 4;
+    unsigned scale = 0;
+};
+
+constexpr const char *kMarker = ".vrixdb-demo";
+
+// The demo records into a root of its own: a new or empty directory, or one
+// an earlier demo left (which it empties).  Anything else is refused.
+bool prepare_root(const std::string &root) {
+    std::error_code ec;
+    if (fs::exists(root, ec)) {
+        if (!fs::is_directory(root, ec)) {
+            std::fprintf(stderr, "vrixdb demo: %s is not a directory\n", root.c_str());
+            return false;
+        }
+        if (!fs::is_empty(root, ec) && !fs::exists(root + "/" + kMarker, ec)) {
+            std::fprintf(stderr,
+                         "vrixdb demo: %s holds files of something else; give an empty or new "
+                         "directory\n",
+                         root.c_str());
+            return false;
+        }
+        for (const auto &entry : fs::directory_iterator(root, ec))
+            fs::remove_all(entry.path(), ec);
+    }
+    fs::create_directories(root, ec);
+    std::ofstream(root + "/" + kMarker)
+        << "a store made by vrixdb demo; the next demo empties it\n";
+    if (ec || !fs::exists(root + "/" + kMarker)) {
+        std::fprintf(stderr, "vrixdb demo: cannot prepare %s\n", root.c_str());
+        return false;
+    }
+    return true;
+}
+
+// The library reports on standard output.  While the demo runs, those lines
+// go to a log in the root, and the report goes to the real standard output.
+class LibraryLog {
+  public:
+    explicit LibraryLog(const std::string &path) : path_(path) {
+        std::fflush(stdout);
+        const int report = dup(STDOUT_FILENO);
+        const int log = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        if (report < 0 || log < 0) {
+            if (report >= 0) close(report);
+            if (log >= 0) close(log);
+            report_ = stdout;
+            return;
+        }
+        saved_ = dup(STDOUT_FILENO);
+        dup2(log, STDOUT_FILENO);
+        close(log);
+        report_ = fdopen(report, "w");
+        setvbuf(report_, nullptr, _IOLBF, 0);
+    }
+    ~LibraryLog() { restore(); }
+    FILE *report() const { return report_; }
+    void restore() {
+        if (saved_ < 0) return;
+        std::fflush(stdout);
+        std::fflush(report_);
+        dup2(saved_, STDOUT_FILENO);
+        close(saved_);
+        saved_ = -1;
+        std::fclose(report_);
+        report_ = stdout;
+    }
+    std::vector<std::string> lines() const {
+        std::vector<std::string> out;
+        std::ifstream in(path_);
+        for (std::string line; std::getline(in, line);)
+            out.push_back(line);
+        return out;
+    }
+
+  private:
+    std::string path_;
+    FILE *report_ = stdout;
+    int saved_ = -1;
+};
+
+int virtual_clock() {
+    return virtual_now();
+}
+
+int run_demo(const DemoOptions &o) {
+    const auto began = std::chrono::steady_clock::now();
+    Demo d;
+    d.root = library_root(o.root, "demo");
+    if (d.root.empty() || !prepare_root(d.root)) return 1;
+
+    // A day in early summer, recording across 11:00 local time.
+    std::tm tm{};
+    tm.tm_year = 2024 - 1900;
+    tm.tm_mon = 5;
+    tm.tm_mday = 14;
+    tm.tm_hour = 11;
+    const long boundary = from_local(tm);
+    d.t0 = boundary - o.minutes * 30L;
+    d.t1 = d.t0 + o.minutes * 60L;
+    d.scale = o.scale;
+
+    LibraryLog log(d.root + "/demo.log");
+    if (!start_library()) return 1;
+    // Events are stamped with the virtual clock; the library's fixed waits
+    // (maintenance pacing) are cut to microseconds.
+    VrixTestHooks hooks{1000000, virtual_clock};
+    vrix_db_set_test_hooks(&hooks);
+
+    d.out = log.report();
+    std::fprintf(d.out, "vrixdb demo: store %s, local time UTC%s\n", d.root.c_str(),
+                 format_offset().c_str());
+    std::fprintf(d.out,
+                 "recording %s .. %s in virtual time: %d channels of video at %d frames/s, "
+                 "a key frame each second\n(ch 1-%d all the time, ch %d-%d on motion), scale %u; "
+                 "motion/alarm/manual events\n\n",
+                 format_time(d.t0).c_str(), format_clock(d.t1).c_str(), kDemoChannels, kDemoFps,
+                 kFirstMotionChannel - 1, kFirstMotionChannel, kDemoChannels, d.scale);
+
+    step_record(d);
+    step_index(d);
+    step_play_forward(d);
+    step_play_backward(d);
+    step_key_frames(d);
+    step_events(d);
+
+    const double secs =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count();
+    log.restore();
+    const auto said = log.lines();
+    FILE *out = stdout;
+    std::fprintf(out, "\n");
+    if (d.failed)
+        std::fprintf(out, "%d of %d checks FAILED (%.1f s)\n", d.failed, d.checks, secs);
+    else
+        std::fprintf(out, "all %d checks passed in %.1f s\n", d.checks, secs);
+    if (said.empty()) {
+        std::fprintf(out, "the library printed nothing\n");
+    } else {
+        std::fprintf(out, "the library printed %zu line%s (%s/demo.log), first:\n", said.size(),
+                     said.size() == 1 ? "" : "s", d.root.c_str());
+        for (size_t i = 0; i < said.size() && i < 5; ++i)
+            std::fprintf(out, "  | %s\n", said[i].c_str());
+    }
+    std::fprintf(out, "look around: vrixdb ls --root %s --day %s\n", d.root.c_str(),
+                 day_name(d.t0).c_str());
+    return d.failed ? 1 : 0;
+}
+
+} // namespace
+
+void add_demo(CLI::App &app, Status &status) {
+    auto o = std::make_shared<DemoOptions>();
+    auto *sub = app.add_subcommand(
+        "demo", "Record a synthetic 16-channel recorder across an hour boundary in virtual time,\n"
+                "play it back, query it and check everything against what was written");
+    add_root(sub, o->root, false)->capture_default_str();
+    sub->add_option("--minutes", o->minutes, "minutes of virtual recording")
+        ->check(CLI::Range(1, 20))
+        ->capture_default_str();
+    sub->add_option("--scale", o->scale,
+                    "scale word of the frames: the library commits a channel's index rows every "
+                    "g_iCommit[scale] + 1 key frames")
+        ->check(CLI::Range(0, VRIX_MAX_SCALE))
+        ->capture_default_str();
+    sub->callback([o, &status] { status = run_demo(*o); });
+}
+
+} // namespace vrixtool

@@ -1,0 +1,71 @@
+// Demo: recording 16 channels and a stream of events in virtual time.
+#include "demo.h"
+#include "library.h"
+#include "progress.h"
+#include "units.h"
+#include "vrixdb.h"
+
+#include <atomic>
+#include <chrono>
+
+namespace vrixtool {
+namespace {
+std::atomic<int> g_now{0};
+}
+
+void set_virtual_now(long sec) {
+    g_now.store(static_cast<int>(sec));
+}
+int virtual_now() {
+    return g_now.load();
+}
+
+void step_record(Demo &d) {
+    RecContext *rec = vrix_db_open_rec_video(d.root.c_str(), kDemoChannels + 1);
+    EventRecContext *ev = vrix_db_open_rec_event(d.root.c_str());
+    if (!rec || !ev) {
+        d.result("record", false, "the library refused to open the recording contexts");
+        vrix_db_close_rec_video(rec);
+        vrix_db_close_rec_event(ev);
+        return;
+    }
+    std::vector<uint8_t> frame;
+    const auto began = std::chrono::steady_clock::now();
+    {
+        Progress bar(d.out, "recording", d.seconds());
+        for (long s = 0; s < d.seconds(); ++s) {
+            const long sec = d.t0 + s;
+            set_virtual_now(sec);
+            for (const DemoEvent &e : events_of_second(d.t0, s)) {
+                vrix_db_rec_event(ev, e.ch, e.type, 0, 0);
+                d.events.push_back(e);
+            }
+            for (int i = 0; i < kDemoFps; ++i)
+                for (int ch = 1; ch <= kDemoChannels; ++ch) {
+                    if (!records(ch, sec)) continue;
+                    make_frame(frame, ch, sec, i, d.scale);
+                    vrix_db_rec_video(rec, frame.data(), static_cast<int>(frame.size()));
+                    ++d.frames;
+                    d.keys += i == 0;
+                    d.bytes += static_cast<int64_t>(frame.size());
+                    d.channelBytes[ch] += static_cast<int64_t>(frame.size());
+                }
+            bar.update(s + 1);
+        }
+    }
+    for (int ch = 1; ch <= kDemoChannels; ++ch)
+        vrix_db_rec_video_flush(rec, ch);
+    vrix_db_close_rec_video(rec);
+    vrix_db_close_rec_event(ev);
+    const double secs =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count();
+    const bool diskError = disk_error_reported();
+    d.result("record", !diskError,
+             strf("%ld frames (%ld key) on %d ch, %.1f MiB in %.2f s = %.0f MiB/s, %.0f "
+                  "frames/s; %zu events%s",
+                  d.frames, d.keys, kDemoChannels, mib(d.bytes), secs, mib(d.bytes) / secs,
+                  d.frames / secs, d.events.size(),
+                  diskError ? "; the library reported a failed disk write" : ""));
+}
+
+} // namespace vrixtool

@@ -1,0 +1,89 @@
+#include "library.h"
+
+#include "vrixdb.h"
+
+#include <sys/ipc.h>
+#include <sys/msg.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+
+namespace vrixtool {
+
+namespace fs = std::filesystem;
+
+namespace {
+int g_appQueue = -1;
+}
+
+bool start_library() {
+    static const bool started = [] {
+        g_appQueue = msgget(IPC_PRIVATE, IPC_CREAT | 0600);
+        if (g_appQueue < 0) {
+            std::fprintf(stderr, "vrixdb: cannot make the application queue\n");
+            return false;
+        }
+        std::atexit([] { msgctl(g_appQueue, IPC_RMID, nullptr); });
+        // Start-up reports on standard output (the submit thread's priority):
+        // kept aside, and shown only when start-up fails.
+        std::fflush(stdout);
+        FILE *said = std::tmpfile();
+        const int saved = said ? dup(STDOUT_FILENO) : -1;
+        if (saved >= 0) dup2(fileno(said), STDOUT_FILENO);
+        const int ok = vrix_db_init(g_appQueue);
+        std::fflush(stdout);
+        if (saved >= 0) {
+            dup2(saved, STDOUT_FILENO);
+            close(saved);
+        }
+        if (ok != 1) {
+            if (said) {
+                std::rewind(said);
+                for (int c; (c = std::fgetc(said)) != EOF;)
+                    std::fputc(c, stderr);
+            }
+            std::fprintf(stderr, "vrixdb: the library did not start\n");
+        }
+        if (said) std::fclose(said);
+        return ok == 1;
+    }();
+    return started;
+}
+
+bool disk_error_reported() {
+    bool seen = false;
+    NotifyMessage msg{};
+    while (g_appQueue >= 0 && msgrcv(g_appQueue, &msg, VRIX_MSG_TEXT_SIZE, 0, IPC_NOWAIT) >= 0)
+        if (msg.mtext[0] == VRIX_MSG_DISK_ERROR) seen = true;
+    return seen;
+}
+
+std::string library_root(const std::string &root, const char *command) {
+    std::error_code ec;
+    std::string abs = fs::absolute(root, ec).lexically_normal().string();
+    while (abs.size() > 1 && abs.back() == '/')
+        abs.pop_back();
+    if (ec || abs.empty()) {
+        std::fprintf(stderr, "vrixdb %s: bad root %s\n", command, root.c_str());
+        return {};
+    }
+    if (abs.size() > kMaxRoot) {
+        std::fprintf(stderr, "vrixdb %s: root %s is %zu characters long; the store allows %zu\n",
+                     command, abs.c_str(), abs.size(), kMaxRoot);
+        return {};
+    }
+    return abs;
+}
+
+bool require_store(const std::string &root, const char *command) {
+    std::error_code ec;
+    if (!fs::is_regular_file(root + "/date.db", ec)) {
+        std::fprintf(stderr, "vrixdb %s: no store at %s (no date.db)\n", command, root.c_str());
+        return false;
+    }
+    return true;
+}
+
+} // namespace vrixtool

@@ -1,0 +1,27 @@
+// Starting the library, as the recorder application does, and the checks
+// every subcommand makes on its root before it lets the library touch it.
+#pragma once
+
+#include <string>
+
+namespace vrixtool {
+
+// Longest root the library accepts (its paths are formed in 128 bytes).
+constexpr size_t kMaxRoot = 98;
+
+// Starts the library once for this process with a private application queue
+// (removed at exit).  False, with a message on stderr, when it cannot start.
+bool start_library();
+
+// True when the application queue holds a disk-write-error notice (the
+// library sends one when a stream write falls short); the queue is drained.
+bool disk_error_reported();
+
+// The root as the library will get it: absolute, without a trailing "/".
+// Empty, with a message on stderr, when it is too long for the library.
+std::string library_root(const std::string &root, const char *command);
+
+// A root the command only reads: it must exist and hold date.db.
+bool require_store(const std::string &root, const char *command);
+
+} // namespace vrixtool

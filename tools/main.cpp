@@ -1,0 +1,61 @@
+// vrixdb: the command-line program of the recording database.  It uses the
+// library the way the recorder application does, through its public header.
+#include "cli.h"
+#include "lists.h"
+#include "times.h"
+
+#include <cstdio>
+#include <exception>
+
+namespace vrixtool {
+
+const CLI::Validator TimeArg(
+    [](std::string &s) {
+        return parse_time(s) ? std::string()
+                             : "expected a local time YYYY-MM-DDTHH:MM:SS or seconds since "
+                               "1970, got '" +
+                                   s + "'";
+    },
+    "TIME", "time");
+
+const CLI::Validator DayArg(
+    [](std::string &s) {
+        return parse_day(s) ? std::string()
+                            : "expected a day YYYYMMDD or YYYY-MM-DD, got '" + s + "'";
+    },
+    "DAY", "day");
+
+const CLI::Validator ChannelArg = CLI::Range(1, 16).description("1..16");
+
+CLI::Option *add_root(CLI::App *sub, std::string &root, bool required) {
+    auto *opt = sub->add_option("--root", root, "the store's root directory");
+    if (required) opt->required();
+    return opt;
+}
+
+} // namespace vrixtool
+
+int main(int argc, char **argv) {
+    using namespace vrixtool;
+    CLI::App app{"vrixdb - record, play back and inspect a recorder's store\n"
+                 "Times are local (the zone of TZ): YYYY-MM-DDTHH:MM:SS or seconds since 1970."};
+    app.require_subcommand(1);
+    Status status = 0;
+    add_demo(app, status);
+    add_record_h264(app, status);
+    add_export_h264(app, status);
+    add_ls(app, status);
+    add_play(app, status);
+    add_events(app, status);
+    add_timeline(app, status);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError &e) {
+        return app.exit(e);
+    } catch (const std::exception &e) {
+        std::fflush(stdout);
+        std::fprintf(stderr, "vrixdb: %s\n", e.what());
+        return 1;
+    }
+    return status;
+}

@@ -1,0 +1,28 @@
+// Progress of a long step: a bar redrawn in place on a terminal, a few plain
+// lines otherwise (logs, pipes, CI).
+#pragma once
+
+#include <chrono>
+#include <cstdio>
+#include <string>
+
+namespace vrixtool {
+
+class Progress {
+  public:
+    Progress(FILE *out, std::string label, long total);
+    ~Progress();
+    void update(long done);
+    void finish();
+
+  private:
+    FILE *out_;
+    std::string label_;
+    long total_;
+    bool tty_;
+    bool finished_ = false;
+    int lastShown_ = -1; // percent (tty) or quarter (plain) last shown
+    std::chrono::steady_clock::time_point lastDraw_{};
+};
+
+} // namespace vrixtool

@@ -1,0 +1,87 @@
+#include "synth.h"
+
+#include "vrixdb.h"
+
+#include <cstring>
+
+namespace vrixtool {
+namespace {
+
+uint64_t mix(uint64_t x) {
+    x ^= x >> 33;
+    x *= 0xff51afd7ed558ccdULL;
+    x ^= x >> 33;
+    x *= 0xc4ceb9fe1a85ec53ULL;
+    x ^= x >> 33;
+    return x;
+}
+
+uint64_t seed_of(int ch, long sec, int index) {
+    return mix(static_cast<uint64_t>(sec) * 1000003ULL + static_cast<uint64_t>(ch) * 131ULL +
+               static_cast<uint64_t>(index));
+}
+
+// Key frames of 9-12 KiB, the others of 0.6-1.5 KiB: a low-rate stream.
+size_t payload_size(uint64_t seed, bool key) {
+    return key ? 9000 + seed % 3000 : 600 + seed % 900;
+}
+
+void fill_payload(uint8_t *p, size_t len, uint64_t seed, int ch, bool key) {
+    uint64_t x = seed | 1;
+    size_t i = 0;
+    for (; i + 8 <= len; i += 8) {
+        x ^= x << 13;
+        x ^= x >> 7;
+        x ^= x << 17;
+        std::memcpy(p + i, &x, 8);
+    }
+    for (; i < len; ++i)
+        p[i] = static_cast<uint8_t>(x >> (8 * (i % 8)));
+    p[VRIX_FRAME_KEY_BYTE] = key ? 0x05 : 0x41;
+    p[VRIX_FRAME_CHANNEL_BYTE] = static_cast<uint8_t>(ch - 1);
+}
+
+void put32(uint8_t *p, uint32_t v) {
+    for (int i = 0; i < 4; ++i)
+        p[i] = static_cast<uint8_t>(v >> (8 * i));
+}
+
+} // namespace
+
+void make_payload(std::vector<uint8_t> &out, int ch, long sec, int index) {
+    const uint64_t seed = seed_of(ch, sec, index);
+    const bool key = index == 0;
+    out.resize(payload_size(seed, key));
+    fill_payload(out.data(), out.size(), seed, ch, key);
+}
+
+bool records(int ch, long sec) {
+    return ch < kFirstMotionChannel ||
+           mix(static_cast<uint64_t>(sec / 20) * 31ULL + static_cast<uint64_t>(ch)) % 3 != 0;
+}
+
+void make_frame(std::vector<uint8_t> &out, int ch, long sec, int index, unsigned scale) {
+    const uint64_t seed = seed_of(ch, sec, index);
+    const bool key = index == 0;
+    const size_t len = payload_size(seed, key);
+    out.resize(VRIX_FRAME_HEADER_SIZE + len);
+    put32(out.data(), static_cast<uint32_t>(len));
+    put32(out.data() + 4, static_cast<uint32_t>(sec));
+    put32(out.data() + 8, static_cast<uint32_t>(index * (1000 / kDemoFps)));
+    put32(out.data() + 12, scale);
+    fill_payload(out.data() + VRIX_FRAME_HEADER_SIZE, len, seed, ch, key);
+}
+
+std::vector<DemoEvent> events_of_second(long start, long s) {
+    std::vector<DemoEvent> out;
+    const long sec = start + s;
+    const uint64_t h = mix(static_cast<uint64_t>(sec) ^ 0x5eedULL);
+    if (s == 5) out.push_back({sec, 1, VRIX_EVENT_MANUAL});
+    if (h % 3 == 0)
+        out.push_back({sec, static_cast<int>(1 + (h >> 8) % kDemoChannels), VRIX_EVENT_MOTION});
+    if (s % 17 == 3)
+        out.push_back({sec, static_cast<int>(1 + (s / 17) % kDemoChannels), VRIX_EVENT_ALARM});
+    return out;
+}
+
+} // namespace vrixtool

@@ -1,0 +1,38 @@
+// The demo's synthetic recorder: frames and events that can be generated
+// again at any time, so that whatever the store hands back can be compared
+// byte for byte with what was written.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+namespace vrixtool {
+
+constexpr int kDemoChannels = 16;
+constexpr int kDemoFps = 25;
+
+// Channels 1..12 record all the time; 13..16 record on motion, in blocks of
+// 20 seconds, so the store has gaps like a real recorder's.
+constexpr int kFirstMotionChannel = 13;
+bool records(int ch, long sec);
+
+// Frame `index` (0..24, 0 = the second's key frame) of channel `ch` in second
+// `sec`: the whole frame record.  The second time word is the frame's
+// millisecond within its second; `scale` goes into the scale word.
+void make_frame(std::vector<uint8_t> &out, int ch, long sec, int index, unsigned scale);
+// The payload only, for comparing what playback delivers.
+void make_payload(std::vector<uint8_t> &out, int ch, long sec, int index);
+// The frame index of a second time word.
+inline int frame_index(int sec2) {
+    return sec2 / (1000 / kDemoFps);
+}
+
+struct DemoEvent {
+    long sec;
+    int ch;
+    int type;
+};
+// The events of second `s` of the recording (0 from the start), at most a few.
+std::vector<DemoEvent> events_of_second(long start, long s);
+
+} // namespace vrixtool
