@@ -65,10 +65,6 @@ inline constexpr char kEventLastIdUpTo[] = "select max(id) from h_all where sec 
 inline constexpr char kBegin[] = "BEGIN TRANSACTION;";
 inline constexpr char kCommit[] = "COMMIT TRANSACTION;";
 
-// transactions
-inline constexpr char kBegin[] = "BEGIN TRANSACTION;";
-inline constexpr char kCommit[] = "COMMIT TRANSACTION;";
-
 // space reclamation
 inline constexpr char kOldestDay[] = "select min(date) from H;";
 inline constexpr char kCountHour[] = "select count() from h%d;";
