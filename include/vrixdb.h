@@ -137,7 +137,7 @@ VRIX_API void db_free_sqlite(ResultTable table, int rows);
  * The library's fixed waits (reclamation and event reduction pacing, the
  * reduction prediction) are divided by waitDivisor; `now`, when set, replaces
  * the real clock where the library stamps the current time (events).  Null
- * hooks, a divisor of 0 or 1 and a null clock keep the specified behaviour;
+ * hooks, a divisor of 0 or 1 and a null clock keep the waits and the clock as documented;
  * that is also the state before the first call.  For tests and demos only. */
 typedef struct VrixTestHooks {
     unsigned waitDivisor;
