@@ -10,6 +10,8 @@
 #include "store_access.h"
 #include "video/rec_context.h"
 
+#include <unistd.h>
+
 #include <atomic>
 #include <climits>
 #include <cstdio>
@@ -22,7 +24,9 @@ namespace {
 // stop request that someone else put on the 0666 queue, or one left from an
 // earlier run, cannot end the service before the messages queued ahead of
 // the real one are handled.
-std::atomic<int> g_stop_seq{0};
+// The numbers start from the process id, so a stop request left behind by an
+// earlier process never matches one of this process.
+std::atomic<int> g_stop_seq{static_cast<int>(static_cast<unsigned>(getpid()) << 12)};
 
 void park() {
     while (flag_get(g_iDbSubmitThreadStop) != 0) {
@@ -177,7 +181,8 @@ extern "C" void vrix_db_rec_open_thread(RecContext *ctx) {
     wait_flag(g_iDbSubmitThreadStopAck);
     g_pVrixDbRec = ctx;
     flag_set(g_iDbSubmitThreadStop, 0);
-    while (flag_get(g_iDbSubmitThreadStopAck) != 0) poll_pause();
+    while (flag_get(g_iDbSubmitThreadStopAck) != 0)
+        poll_pause();
 }
 
 // A thread that is parked already (no context handed over, or an open that
