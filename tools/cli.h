@@ -17,6 +17,11 @@ void add_ls(CLI::App &app, Status &status);
 void add_play(CLI::App &app, Status &status);
 void add_events(CLI::App &app, Status &status);
 void add_timeline(CLI::App &app, Status &status);
+void add_size(CLI::App &app, Status &status);
+void add_range(CLI::App &app, Status &status);
+void add_reduce(CLI::App &app, Status &status);
+void add_backup(CLI::App &app, Status &status);
+void add_repair(CLI::App &app, Status &status);
 
 // Validators for option values.
 extern const CLI::Validator TimeArg;    // local YYYY-MM-DDTHH:MM:SS or epoch seconds

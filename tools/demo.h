@@ -25,6 +25,8 @@ struct Demo {
     long keys = 0;
     int64_t bytes = 0;
     int64_t channelBytes[kDemoChannels + 1] = {};
+    long audioBlocks = 0;
+    int audioCh = 2; // the audio channel played back
     std::vector<DemoEvent> events;
 
     int checks = 0;
@@ -45,7 +47,12 @@ void step_index(Demo &d);
 void step_play_forward(Demo &d);
 void step_play_backward(Demo &d);
 void step_key_frames(Demo &d);
+void step_audio(Demo &d);
 void step_events(Demo &d);
+void step_sizes(Demo &d);
+void step_ranges(Demo &d);
+void step_backup_repair(Demo &d);
+void step_reduce(Demo &d);
 
 // printf into a std::string.
 std::string strf(const char *fmt, ...) __attribute__((format(printf, 1, 2)));

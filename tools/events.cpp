@@ -48,25 +48,25 @@ int run_events(const EventsOptions &o) {
                      root.c_str());
         return 1;
     }
-    std::printf("# events from %s %s, channels %s, types %s, pages of %d\n",
-                format_time(from).c_str(), o.reverse ? "backward" : "forward", o.channels.c_str(),
-                o.types.c_str(), o.page);
+    std::fprintf(out(), "# events from %s %s, channels %s, types %s, pages of %d\n",
+                 format_time(from).c_str(), o.reverse ? "backward" : "forward", o.channels.c_str(),
+                 o.types.c_str(), o.page);
     long total = 0;
     int pageNo = 0;
     while (!o.pages || pageNo < o.pages) {
         const int n = o.reverse ? vrix_db_pre_event(q) : vrix_db_next_event(q);
         if (n <= 0) break;
         ++pageNo;
-        std::printf("# page %d: %d event%s\n", pageNo, n, n == 1 ? "" : "s");
+        std::fprintf(out(), "# page %d: %d event%s\n", pageNo, n, n == 1 ? "" : "s");
         const EventRecord *rec = vrix_db_get_event(q);
         for (int i = 0; i < n; ++i)
-            std::printf("  %-19s  ch %2d  %s\n", format_time(rec[i].iSec).c_str(), rec[i].iCh,
-                        type_name(rec[i].iType).c_str());
+            std::fprintf(out(), "  %-19s  ch %2d  %s\n", format_time(rec[i].iSec).c_str(),
+                         rec[i].iCh, type_name(rec[i].iType).c_str());
         total += n;
     }
     vrix_db_close_get_event(q);
-    std::printf("# %ld event%s in %d page%s\n", total, total == 1 ? "" : "s", pageNo,
-                pageNo == 1 ? "" : "s");
+    std::fprintf(out(), "# %ld event%s in %d page%s\n", total, total == 1 ? "" : "s", pageNo,
+                 pageNo == 1 ? "" : "s");
     return 0;
 }
 

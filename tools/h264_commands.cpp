@@ -88,9 +88,10 @@ int run_record(const RecordOptions &o) {
         std::fprintf(stderr, "vrixdb record-h264: the library reported a failed disk write\n");
         return 1;
     }
-    std::printf("recorded %zu access units (%zu IDR, %s) of %s to ch %d, %s .. %s at %d fps\n",
-                units.size(), idr, format_bytes(static_cast<int64_t>(stream.size())).c_str(),
-                o.file.c_str(), o.ch, format_time(start).c_str(), format_time(last).c_str(), o.fps);
+    std::fprintf(
+        out(), "recorded %zu access units (%zu IDR, %s) of %s to ch %d, %s .. %s at %d fps\n",
+        units.size(), idr, format_bytes(static_cast<int64_t>(stream.size())).c_str(),
+        o.file.c_str(), o.ch, format_time(start).c_str(), format_time(last).c_str(), o.fps);
     return 0;
 }
 
@@ -105,13 +106,13 @@ int run_export(const ExportOptions &o) {
         return 1;
     }
     const std::string tmp = o.out + ".part";
-    FILE *out = std::fopen(tmp.c_str(), "wb");
-    if (!out) {
+    FILE *file = std::fopen(tmp.c_str(), "wb");
+    if (!file) {
         std::fprintf(stderr, "vrixdb export-h264: cannot write %s\n", o.out.c_str());
         return 1;
     }
     if (!start_library()) {
-        std::fclose(out);
+        std::fclose(file);
         std::remove(tmp.c_str());
         return 1;
     }
@@ -132,7 +133,7 @@ int run_export(const ExportOptions &o) {
             ++foreign;
             continue;
         }
-        if (std::fwrite(au->au, 1, au->size, out) != au->size) {
+        if (std::fwrite(au->au, 1, au->size, file) != au->size) {
             written = false;
             break;
         }
@@ -143,7 +144,7 @@ int run_export(const ExportOptions &o) {
         bytes += static_cast<long long>(au->size);
     }
     if (ctx) vrix_db_close_get_video(ctx);
-    written = std::fclose(out) == 0 && written;
+    written = std::fclose(file) == 0 && written;
     if (!written || units == 0) {
         std::remove(tmp.c_str());
         if (!ctx)
@@ -162,10 +163,10 @@ int run_export(const ExportOptions &o) {
         std::fprintf(stderr, "vrixdb export-h264: cannot write %s\n", o.out.c_str());
         return 1;
     }
-    std::printf("exported %ld access units (%ld IDR, %s) of ch %d, %s .. %s, to %s\n", units, idr,
-                format_bytes(bytes).c_str(), o.ch, format_time(first).c_str(),
-                format_time(last).c_str(), o.out.c_str());
-    if (foreign) std::printf("skipped %ld frames that carry no H.264 prefix\n", foreign);
+    std::fprintf(out(), "exported %ld access units (%ld IDR, %s) of ch %d, %s .. %s, to %s\n",
+                 units, idr, format_bytes(bytes).c_str(), o.ch, format_time(first).c_str(),
+                 format_time(last).c_str(), o.out.c_str());
+    if (foreign) std::fprintf(out(), "skipped %ld frames that carry no H.264 prefix\n", foreign);
     return 0;
 }
 

@@ -16,6 +16,27 @@ namespace fs = std::filesystem;
 
 namespace {
 int g_appQueue = -1;
+FILE *g_out = nullptr;
+
+} // namespace
+
+// Standard output stays the program's; the library's lines move to standard
+// error, where a user sees them and a pipe does not get them.
+void separate_library_output() {
+    if (g_out) return;
+    std::fflush(stdout);
+    const int fd = dup(STDOUT_FILENO);
+    FILE *f = fd >= 0 ? fdopen(fd, "w") : nullptr;
+    if (!f) {
+        if (fd >= 0) close(fd);
+        return;
+    }
+    dup2(STDERR_FILENO, STDOUT_FILENO);
+    g_out = f;
+}
+
+FILE *out() {
+    return g_out ? g_out : stdout;
 }
 
 bool start_library() {
@@ -47,6 +68,7 @@ bool start_library() {
             std::fprintf(stderr, "vrixdb: the library did not start\n");
         }
         if (said) std::fclose(said);
+        if (ok == 1) separate_library_output();
         return ok == 1;
     }();
     return started;

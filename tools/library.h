@@ -2,6 +2,7 @@
 // every subcommand makes on its root before it lets the library touch it.
 #pragma once
 
+#include <cstdio>
 #include <string>
 
 namespace vrixtool {
@@ -11,7 +12,15 @@ constexpr size_t kMaxRoot = 98;
 
 // Starts the library once for this process with a private application queue
 // (removed at exit).  False, with a message on stderr, when it cannot start.
+// From then on the library's own lines (it reports on standard output) go to
+// standard error, and the program writes its results to out().
 bool start_library();
+
+// Where the program's results go: standard output.
+FILE *out();
+// Sends the library's lines to standard error from now on (start_library
+// does this; commands that use the library without starting it call it).
+void separate_library_output();
 
 // True when the application queue holds a disk-write-error notice (the
 // library sends one when a stream write falls short); the queue is drained.

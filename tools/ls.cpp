@@ -64,10 +64,10 @@ std::string event_summary(const std::vector<EventRow> &events) {
 
 int list_days(StoreIndex &store) {
     const auto days = store.days();
-    std::printf("store %s: %zu day%s (times at UTC%s)\n", store.root().c_str(), days.size(),
-                days.size() == 1 ? "" : "s", format_offset().c_str());
+    std::fprintf(out(), "store %s: %zu day%s (times at UTC%s)\n", store.root().c_str(), days.size(),
+                 days.size() == 1 ? "" : "s", format_offset().c_str());
     if (days.empty()) return 0;
-    std::printf("%-10s  %-38s  %-18s  %s\n", "day", "video", "audio", "events");
+    std::fprintf(out(), "%-10s  %-38s  %-18s  %s\n", "day", "video", "audio", "events");
     for (long day : days) {
         const VideoTotals v = video_totals(store, day);
         const auto audio = store.audio(day);
@@ -82,17 +82,17 @@ int list_days(StoreIndex &store) {
         else
             std::snprintf(sound, sizeof sound, "%zu h %lld s", audio.size(),
                           static_cast<long long>(seconds));
-        std::printf("%-10s  %-38s  %-18s  %zu\n", day_name(day).c_str(), video, sound,
-                    store.events(day).size());
+        std::fprintf(out(), "%-10s  %-38s  %-18s  %zu\n", day_name(day).c_str(), video, sound,
+                     store.events(day).size());
     }
     return 0;
 }
 
 int list_day(StoreIndex &store, long day) {
-    std::printf("day %s in %s (times at UTC%s)\n", day_name(day).c_str(), store.root().c_str(),
-                format_offset().c_str());
-    std::printf("video\n  %-3s %-24s %10s %12s  %s\n", "ch", "hours", "key frames", "bytes",
-                "first .. last key frame");
+    std::fprintf(out(), "day %s in %s (times at UTC%s)\n", day_name(day).c_str(),
+                 store.root().c_str(), format_offset().c_str());
+    std::fprintf(out(), "video\n  %-3s %-24s %10s %12s  %s\n", "ch", "hours", "key frames", "bytes",
+                 "first .. last key frame");
     bool any = false;
     for (int ch = 1; ch <= 16; ++ch) {
         auto hours = store.video(day, ch);
@@ -108,11 +108,11 @@ int list_day(StoreIndex &store, long day) {
                 last = h.keys.back().sec;
             }
         }
-        std::printf("  %-3d %-24s %10lld %12s  %s\n", ch, hour_list(hours).c_str(),
-                    static_cast<long long>(keys), format_bytes(bytes).c_str(),
-                    first ? (format_clock(first) + " .. " + format_clock(last)).c_str() : "-");
+        std::fprintf(out(), "  %-3d %-24s %10lld %12s  %s\n", ch, hour_list(hours).c_str(),
+                     static_cast<long long>(keys), format_bytes(bytes).c_str(),
+                     first ? (format_clock(first) + " .. " + format_clock(last)).c_str() : "-");
     }
-    if (!any) std::printf("  (none)\n");
+    if (!any) std::fprintf(out(), "  (none)\n");
 
     const auto audio = store.audio(day);
     int64_t seconds = 0, bytes = 0;
@@ -122,12 +122,12 @@ int list_day(StoreIndex &store, long day) {
     }
     const int channels = store.audio_channels(day);
     if (audio.empty())
-        std::printf("audio  (none)\n");
+        std::fprintf(out(), "audio  (none)\n");
     else
-        std::printf("audio  hours %s, %lld s indexed, %d ch, %s per channel\n",
-                    hour_list(audio).c_str(), static_cast<long long>(seconds), channels,
-                    format_bytes(bytes).c_str());
-    std::printf("events %s\n", event_summary(store.events(day)).c_str());
+        std::fprintf(out(), "audio  hours %s, %lld s indexed, %d ch, %s per channel\n",
+                     hour_list(audio).c_str(), static_cast<long long>(seconds), channels,
+                     format_bytes(bytes).c_str());
+    std::fprintf(out(), "events %s\n", event_summary(store.events(day)).c_str());
     return 0;
 }
 

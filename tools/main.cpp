@@ -48,6 +48,11 @@ int main(int argc, char **argv) {
     add_play(app, status);
     add_events(app, status);
     add_timeline(app, status);
+    add_size(app, status);
+    add_range(app, status);
+    add_reduce(app, status);
+    add_backup(app, status);
+    add_repair(app, status);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError &e) {

@@ -53,12 +53,12 @@ int run_play(const PlayOptions &o) {
     // Backward steps always move STEP key frames; the mode is for forward play.
     if (o.iframes > 0) vrix_db_video_set_i_mode(ctx, o.reverse ? 0 : 1, o.iframes);
 
-    std::printf("# ch %d from %s %s%s\n", o.ch, format_time(from).c_str(),
-                o.reverse ? "backward" : "forward",
-                o.iframes > 0
-                    ? (", key frames only, " + std::to_string(o.iframes) + " a step").c_str()
-                    : "");
-    std::printf("# %-19s %5s %9s  %s\n", "time", "sub", "bytes", "kind");
+    std::fprintf(out(), "# ch %d from %s %s%s\n", o.ch, format_time(from).c_str(),
+                 o.reverse ? "backward" : "forward",
+                 o.iframes > 0
+                     ? (", key frames only, " + std::to_string(o.iframes) + " a step").c_str()
+                     : "");
+    std::fprintf(out(), "# %-19s %5s %9s  %s\n", "time", "sub", "bytes", "kind");
     long frames = 0;
     long long bytes = 0;
     while (!o.count || frames < o.count) {
@@ -69,13 +69,13 @@ int run_play(const PlayOptions &o) {
         int sec = 0, sub = 0;
         vrix_db_video_get_current_time(ctx, &sec, &sub);
         if (to && (o.reverse ? sec < to : sec > to)) break;
-        std::printf("  %-19s %5d %9d  %s\n", format_time(sec).c_str(), sub, len,
-                    is_key(static_cast<const unsigned char *>(buf), len) ? "key" : "-");
+        std::fprintf(out(), "  %-19s %5d %9d  %s\n", format_time(sec).c_str(), sub, len,
+                     is_key(static_cast<const unsigned char *>(buf), len) ? "key" : "-");
         ++frames;
         bytes += len;
     }
     vrix_db_close_get_video(ctx);
-    std::printf("# %ld frame%s, %lld bytes\n", frames, frames == 1 ? "" : "s", bytes);
+    std::fprintf(out(), "# %ld frame%s, %lld bytes\n", frames, frames == 1 ? "" : "s", bytes);
     return 0;
 }
 

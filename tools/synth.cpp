@@ -72,6 +72,30 @@ void make_frame(std::vector<uint8_t> &out, int ch, long sec, int index, unsigned
     fill_payload(out.data() + VRIX_FRAME_HEADER_SIZE, len, seed, ch, key);
 }
 
+namespace {
+void audio_piece(uint8_t *p, int ch, long sec, int index) {
+    uint64_t x = seed_of(100 + ch, sec, index);
+    for (int i = 0; i < VRIX_AUDIO_PIECE_SIZE; i += 8) {
+        x = mix(x + 0x9e3779b97f4a7c15ULL);
+        std::memcpy(p + i, &x, 8);
+    }
+}
+} // namespace
+
+void make_audio_block(uint8_t block[200], long sec, int index) {
+    for (int ch = 1; ch <= kDemoAudioChannels; ++ch)
+        audio_piece(block + (ch - 1) * VRIX_AUDIO_PIECE_SIZE, ch, sec, index);
+    put32(block + 192, static_cast<uint32_t>(sec));
+    put32(block + 196, static_cast<uint32_t>(index * (1000 / kDemoAudioBlocks)));
+}
+
+void make_audio_record(uint8_t record[60], int ch, long sec, int index) {
+    put32(record, VRIX_AUDIO_PIECE_SIZE);
+    put32(record + 4, static_cast<uint32_t>(sec));
+    put32(record + 8, static_cast<uint32_t>(index * (1000 / kDemoAudioBlocks)));
+    audio_piece(record + 12, ch, sec, index);
+}
+
 std::vector<DemoEvent> events_of_second(long start, long s) {
     std::vector<DemoEvent> out;
     const long sec = start + s;

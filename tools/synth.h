@@ -27,6 +27,14 @@ inline int frame_index(int sec2) {
     return sec2 / (1000 / kDemoFps);
 }
 
+// Audio: 4 channels, a block every 40 ms, each piece derived from its
+// channel, second and index.  The second time word is the millisecond.
+constexpr int kDemoAudioChannels = 4;
+constexpr int kDemoAudioBlocks = 25; // a second
+void make_audio_block(uint8_t block[200], long sec, int index);
+// The 60-byte record the store keeps of channel `ch` (1..4) for that block.
+void make_audio_record(uint8_t record[60], int ch, long sec, int index);
+
 struct DemoEvent {
     long sec;
     int ch;

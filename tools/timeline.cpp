@@ -275,9 +275,9 @@ int run_timeline(const TimelineOptions &o) {
         std::remove(tmp.c_str());
         return 1;
     }
-    std::printf("timeline of %s: %ld recorded span%s, %zu events, written to %s\n",
-                day_name(data.day).c_str(), spans, spans == 1 ? "" : "s", data.events.size(),
-                o.out.c_str());
+    std::fprintf(out(), "timeline of %s: %ld recorded span%s, %zu events, written to %s\n",
+                 day_name(data.day).c_str(), spans, spans == 1 ? "" : "s", data.events.size(),
+                 o.out.c_str());
     return 0;
 }
 
