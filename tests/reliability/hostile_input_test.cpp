@@ -1,0 +1,306 @@
+// Hostile input at the boundary: what the application (or anybody else on
+// the machine-wide submit queue) may hand the library by mistake.  Each case
+// must end in a safe outcome and, where the library reports it, in exactly
+// one line naming the function.
+#include "support/frames.h"
+#include "support/queues.h"
+
+#include <sys/msg.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <climits>
+#include <cstdio>
+#include <functional>
+
+namespace {
+
+using namespace vrix::test;
+
+constexpr int kHour10 = 1710064800; // 2024-03-10 10:00 UTC
+
+// Everything written to standard output while `f` runs, as lines.
+std::vector<std::string> output_of(const std::function<void()> &f) {
+    std::fflush(stdout);
+    const int saved = dup(1);
+    FILE *tmp = std::tmpfile();
+    dup2(fileno(tmp), 1);
+    f();
+    std::fflush(stdout);
+    dup2(saved, 1);
+    close(saved);
+    std::rewind(tmp);
+    std::vector<std::string> lines;
+    char buf[512];
+    while (std::fgets(buf, sizeof buf, tmp)) {
+        std::string l(buf);
+        if (!l.empty() && l.back() == '\n') l.pop_back();
+        lines.push_back(l);
+    }
+    std::fclose(tmp);
+    return lines;
+}
+
+#define EXPECT_ONE_LINE(lines, who)                                                                \
+    do {                                                                                           \
+        const auto &l_ = (lines);                                                                  \
+        ASSERT_EQ(l_.size(), 1u) << ::testing::PrintToString(l_);                                  \
+        EXPECT_EQ(l_[0].rfind(std::string(who) + " : ", 0), 0u) << l_[0];                          \
+    } while (0)
+
+class Hostile : public ::testing::Test {
+  protected:
+    void SetUp() override { start_library(); }
+    std::string stream(int ch, int hour) const {
+        return dir /
+               ("20240310/video/" + std::to_string(ch) + "/" + std::to_string(hour) + ".stream");
+    }
+    static std::tm at(int sec) {
+        const time_t t = sec;
+        std::tm tm{};
+        gmtime_r(&t, &tm);
+        return tm;
+    }
+    ScratchDir dir;
+};
+
+// Every close, flush and step that accepts a null context ignores it.
+TEST_F(Hostile, NullContextsAreIgnored) {
+    const auto f = make_frame(1, kHour10, true, 100);
+    std::tm t = at(kHour10);
+    int a = 0, b = 0, c = 0;
+    const auto out = output_of([&] {
+        vrix_db_close_rec_video(nullptr);
+        vrix_db_rec_video(nullptr, f.data(), static_cast<int>(f.size()));
+        vrix_db_rec_video_flush(nullptr, 1);
+        EXPECT_EQ(db_chech_video_dir(nullptr, "20240310", kHour10), -1);
+        vrix_db_close_get_video(nullptr);
+        EXPECT_EQ(vrix_db_next_video(nullptr), 0);
+        EXPECT_EQ(vrix_db_pre_video(nullptr), 0);
+        EXPECT_EQ(db_video_get_new(nullptr, kHour10, 1), 0);
+        EXPECT_EQ(db_video_date_rec_init(nullptr, &t, &a, &b, &c), -1);
+        vrix_db_video_reset_start_time(nullptr, kHour10, 1);
+        vrix_db_video_set_end_time_forever(nullptr);
+        vrix_db_close_rec_event(nullptr);
+        EXPECT_EQ(vrix_db_rec_event(nullptr, 1, 1, 0, 0), 0);
+        db_chech_event_dir(nullptr, "20240310", t, kHour10);
+        EXPECT_LT(db_insert_event(nullptr, 0, 0, &t, kHour10, 0, 1, 1), 0);
+        EXPECT_EQ(db_create_event(nullptr, dir.path().c_str()), 0);
+        vrix_db_close_get_event(nullptr);
+        EXPECT_EQ(vrix_db_next_event(nullptr), 0);
+        EXPECT_EQ(vrix_db_pre_event(nullptr), 0);
+        EXPECT_EQ(vrix_db_get_event(nullptr), nullptr);
+        EXPECT_EQ(db_event_get_new(nullptr, kHour10, 1), 0);
+        sec_to_tm(nullptr, kHour10);
+        db_free_sqlite(nullptr, 3);
+    });
+    EXPECT_TRUE(out.empty()) << ::testing::PrintToString(out);
+}
+
+// Roots: null or longer than 98 characters are refused, with one line where
+// the library reports it; a
+// root of exactly 98 characters records and plays back.
+TEST_F(Hostile, RootsAtAndBeyondTheLimit) {
+    const std::string longest = dir.path() + "/" + std::string(97 - dir.path().size(), 'r');
+    ASSERT_EQ(longest.size(), 98u);
+    ASSERT_EQ(mkdir(longest.c_str(), 0700), 0);
+    const std::string over = longest + "x";
+    std::tm t = at(kHour10);
+    for (const char *root : {static_cast<const char *>(nullptr), over.c_str()}) {
+        EXPECT_ONE_LINE(output_of([&] { EXPECT_EQ(vrix_db_open_rec_video(root, 17), nullptr); }),
+                        "vrix_db_open_rec_video");
+        EXPECT_ONE_LINE(output_of([&] { EXPECT_EQ(vrix_db_open_rec_event(root), nullptr); }),
+                        "vrix_db_open_rec_event");
+    }
+    // Playback refuses a null root without a word, as it is specified to.
+    EXPECT_EQ(vrix_db_open_get_video(&t, nullptr, 1, 4096, nullptr), nullptr);
+    EXPECT_ONE_LINE(output_of([&] {
+                        EXPECT_EQ(vrix_db_open_get_video(&t, nullptr, 1, 4096, over.c_str()),
+                                  nullptr);
+                    }),
+                    "vrix_db_open_get_video");
+    EXPECT_ONE_LINE(output_of([&] {
+                        EXPECT_EQ(vrix_db_open_get_event(&t, 1, 0, 0, 1, over.c_str(), 10, 0, 0),
+                                  nullptr);
+                    }),
+                    "vrix_db_open_get_event");
+
+    RecContext *ctx = vrix_db_open_rec_video(longest.c_str(), 17);
+    ASSERT_NE(ctx, nullptr);
+    const auto f = make_frame(16, kHour10, true, 100);
+    record(ctx, f);
+    vrix_db_rec_video_flush(ctx, 16);
+    vrix_db_close_rec_video(ctx);
+    PlayContext *p = vrix_db_open_get_video(&t, nullptr, 16, 4096, longest.c_str());
+    ASSERT_NE(p, nullptr);
+    ASSERT_EQ(vrix_db_next_video(p), 1);
+    void *buf = nullptr;
+    ASSERT_EQ(vrix_db_get_video(p, &buf), 100);
+    EXPECT_EQ(std::memcmp(buf, f.data() + 16, 100), 0);
+    vrix_db_close_get_video(p);
+}
+
+// Channel numbers, channel counts and bufSize out of range when opening.
+TEST_F(Hostile, OpeningArgumentsOutOfRange) {
+    std::tm t = at(kHour10);
+    for (int ch : {0, -1, 17, INT_MAX})
+        EXPECT_ONE_LINE(output_of([&] {
+                            EXPECT_EQ(
+                                vrix_db_open_get_video(&t, nullptr, ch, 4096, dir.path().c_str()),
+                                nullptr);
+                        }),
+                        "vrix_db_open_get_video");
+    for (int size : {0, -1, INT_MIN})
+        EXPECT_ONE_LINE(output_of([&] {
+                            EXPECT_EQ(
+                                vrix_db_open_get_video(&t, nullptr, 1, size, dir.path().c_str()),
+                                nullptr);
+                        }),
+                        "vrix_db_open_get_video");
+    for (int count : {-1, 18, INT_MAX})
+        EXPECT_ONE_LINE(output_of([&] {
+                            EXPECT_EQ(vrix_db_open_rec_video(dir.path().c_str(), count), nullptr);
+                        }),
+                        "vrix_db_open_rec_video");
+    // Refused query arguments return null (the query prints nothing for them).
+    EXPECT_EQ(vrix_db_open_get_event(&t, 1, 0, 0, 1, dir.path().c_str(), 0, 0, 0), nullptr);
+    EXPECT_EQ(vrix_db_open_get_event(&t, 1, 0, 0, 1, dir.path().c_str(), -4, 0, 0), nullptr);
+    EXPECT_EQ(vrix_db_open_get_event(nullptr, 1, 0, 0, 1, dir.path().c_str(), 10, 0, 0), nullptr);
+}
+
+// Frames the writer cannot trust are dropped with one line each and leave
+// no trace in the store; the next good frame is recorded as usual.
+TEST_F(Hostile, MalformedFramesAreDropped) {
+    RecContext *ctx = vrix_db_open_rec_video(dir.path().c_str(), 5);
+    ASSERT_NE(ctx, nullptr);
+    auto with_word = [](std::vector<unsigned char> f, int word, uint32_t v) {
+        std::memcpy(f.data() + 4 * word, &v, 4);
+        return f;
+    };
+    // Each bad frame lies in a buffer of exactly its size, so that reading
+    // past it is caught by the address sanitizer.
+    auto cut = [](const std::vector<unsigned char> &f, size_t n) {
+        return std::vector<unsigned char>(f.begin(), f.begin() + static_cast<long>(n));
+    };
+    const auto good = make_frame(1, kHour10, true, 100);
+    std::vector<std::pair<std::vector<unsigned char>, int>> bad = {
+        {good, 0},                                 // size 0
+        {cut(good, 15), 15},                       // shorter than a header
+        {good, -1},                                // negative size
+        {cut(good, 60), 60},                       // shorter than its header says
+        {with_word(good, 0, 10000), 116},          // payload word far beyond the frame
+        {with_word(good, 0, 0xFFFFFFFFu), 116},    // payload word that wraps
+        {with_word(good, 1, 0), 116},              // time 0
+        {with_word(good, 3, 11), 116},             // scale 11
+        {with_word(good, 3, 0xFFFF), 116},         // scale 65535
+        {make_frame(5, kHour10, true, 100), 116},  // channel 5 of a 5-slot context
+        {make_frame(17, kHour10, true, 100), 116}, // channel 17
+    };
+    std::vector<unsigned char> tiny = cut(good, 26); // no channel byte
+    tiny[0] = 10;
+    tiny[1] = tiny[2] = tiny[3] = 0;
+    bad.push_back({tiny, 26});
+    for (const auto &[f, size] : bad)
+        EXPECT_ONE_LINE(output_of([&] { vrix_db_rec_video(ctx, f.data(), size); }),
+                        "vrix_db_rec_video");
+    EXPECT_ONE_LINE(output_of([&] { vrix_db_rec_video(ctx, nullptr, 116); }), "vrix_db_rec_video");
+    for (int ch : {0, 5, -3})
+        EXPECT_ONE_LINE(output_of([&] { vrix_db_rec_video_flush(ctx, ch); }),
+                        "vrix_db_rec_video_flush");
+    struct stat st {};
+    EXPECT_NE(stat((dir / "20240310").c_str(), &st), 0) << "a dropped frame made the day";
+
+    // The scale is the low half of its word: a high half does no harm.
+    const auto scaled = with_word(good, 3, 0x00050000u);
+    EXPECT_TRUE(output_of([&] { record(ctx, scaled); }).empty());
+    vrix_db_rec_video_flush(ctx, 1);
+    vrix_db_close_rec_video(ctx);
+    EXPECT_EQ(file_bytes(stream(1, 10)), scaled);
+}
+
+// Payloads longer than the player's buffer are never delivered; play goes
+// on at the next key frame.
+TEST_F(Hostile, FramesLongerThanThePlayersBuffer) {
+    RecContext *ctx = vrix_db_open_rec_video(dir.path().c_str(), 3);
+    ASSERT_NE(ctx, nullptr);
+    const std::vector<std::vector<unsigned char>> frames = {
+        make_frame(2, kHour10, true, 100, 0, 0), make_frame(2, kHour10, false, 5000, 0, 1),
+        make_frame(2, kHour10, false, 100, 0, 2), make_frame(2, kHour10 + 1, true, 999, 0, 3),
+        make_frame(2, kHour10 + 1, false, 1000, 0, 4)};
+    for (const auto &f : frames)
+        record(ctx, f);
+    vrix_db_rec_video_flush(ctx, 2);
+    vrix_db_close_rec_video(ctx);
+    std::tm t = at(kHour10);
+    PlayContext *p = vrix_db_open_get_video(&t, nullptr, 2, 1000, dir.path().c_str());
+    ASSERT_NE(p, nullptr);
+    std::vector<int> seqs;
+    while (vrix_db_next_video(p) == 1) {
+        void *buf = nullptr;
+        const int len = vrix_db_get_video(p, &buf);
+        int sec = 0, seq = 0;
+        vrix_db_video_get_current_time(p, &sec, &seq);
+        ASSERT_LE(len, 1000);
+        ASSERT_EQ(std::memcmp(buf, frames[static_cast<size_t>(seq)].data() + 16,
+                              static_cast<size_t>(len)),
+                  0);
+        seqs.push_back(seq);
+    }
+    vrix_db_close_get_video(p);
+    EXPECT_EQ(seqs, (std::vector<int>{0, 3, 4}));
+}
+
+// Garbage and foreign messages on the submit queue, which any process on the
+// machine may write to: one line each, and the thread goes on serving.
+TEST_F(Hostile, GarbageOnTheSubmitQueue) {
+    RecContext *ctx = vrix_db_open_rec_video(dir.path().c_str(), 5);
+    ASSERT_NE(ctx, nullptr);
+    auto msg = [](unsigned char kind, int ch, int hour, int day) {
+        NotifyMessage m{};
+        m.mtype = 1;
+        m.mtext[0] = kind;
+        m.mtext[1] = static_cast<unsigned char>(ch);
+        m.mtext[2] = static_cast<unsigned char>(hour);
+        std::memcpy(m.mtext + 4, &day, 4);
+        return m;
+    };
+    const int day = 1710028800;
+    const std::vector<std::pair<NotifyMessage, size_t>> garbage = {
+        {msg(0, 0, 0, 0), 128},
+        {msg('x', 1, 2, day), 128},
+        {msg(255, 255, 255, -1), 128},
+        {msg(VRIX_MSG_HOUR, 0, 10, day), 128}, // channel 0
+        {msg(VRIX_MSG_HOUR, 5, 10, day), 128}, // no slot 5 in a 5-slot context
+        {msg(VRIX_MSG_HOUR, 200, 10, day), 128},
+        {msg(VRIX_MSG_HOUR, 1, 24, day), 128}, // hour 24
+        {msg(VRIX_MSG_HOUR, 1, 255, day), 128},
+        {msg(VRIX_MSG_HOUR, 1, 10, -86400), 128},
+        {msg(VRIX_MSG_DAY, 0, 0, INT_MAX), 128},
+        {msg(VRIX_MSG_DAY, 0, 0, INT_MIN), 128},
+        {msg(VRIX_MSG_STOP, 0, 0, 0), 128}, // a stop request nobody made
+        {msg(VRIX_MSG_STOP, 0, 0, 12345), 128},
+        {msg('x', 0, 0, 0), 1}, // short messages
+        {msg(VRIX_MSG_HOUR, 9, 0, 0), 2},
+    };
+    NotifyMessage odd = msg('q', 0, 0, 0);
+    odd.mtype = 7; // a foreign message type
+    const auto out = output_of([&] {
+        for (const auto &[m, size] : garbage)
+            ASSERT_EQ(msgsnd(g_iSubmitMq, &m, size, 0), 0);
+        ASSERT_EQ(msgsnd(g_iSubmitMq, &odd, 128, 0), 0);
+        // Still serving: the hour of a real frame gets registered.
+        record(ctx, make_frame(2, kHour10, true, 100));
+        vrix_db_close_rec_video(ctx);
+    });
+    ASSERT_EQ(out.size(), garbage.size() + 1) << ::testing::PrintToString(out);
+    for (const std::string &l : out)
+        EXPECT_EQ(l.rfind("submit thread : ", 0), 0u) << l;
+    EXPECT_EQ(rows(dir / "20240310/video/2/video.db", "select hour from H"),
+              std::vector<std::string>{"10"});
+    EXPECT_EQ(rows(dir / "date.db", "select date from ch2"),
+              std::vector<std::string>{std::to_string(day)});
+    EXPECT_TRUE(
+        rows(dir / "date.db", "select date from H where date < 0 or date > 1800000000").empty());
+}
+
+} // namespace
