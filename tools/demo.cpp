@@ -3,6 +3,8 @@
 
 #include "cli.h"
 #include "library.h"
+#include "store_index.h"
+#include "timeline.h"
 #include "times.h"
 #include "vrixdb.h"
 
@@ -118,6 +120,17 @@ int virtual_clock() {
     return virtual_now();
 }
 
+// The day as recorded, before maintenance takes its oldest hour away.
+void draw_picture(Demo &d) {
+    StoreIndex store(d.root);
+    long spans = 0;
+    size_t events = 0;
+    const std::string path = d.root + "/timeline-" + day_name(d.t0) + ".svg";
+    std::ofstream(path) << draw_day(store, day_start(d.t0), 10, false, spans, events);
+    std::fprintf(d.out, "  %-4s  %-11s %s: %ld recorded spans, %zu events\n", "", "picture",
+                 path.c_str(), spans, events);
+}
+
 int run_demo(const DemoOptions &o) {
     const auto began = std::chrono::steady_clock::now();
     Demo d;
@@ -160,6 +173,7 @@ int run_demo(const DemoOptions &o) {
     step_events(d);
     step_sizes(d);
     step_ranges(d);
+    draw_picture(d);
     step_backup_repair(d);
     step_reduce(d);
 

@@ -231,6 +231,27 @@ std::string render_timeline(const TimelineData &data) {
     return svg;
 }
 
+std::string draw_day(StoreIndex &store, long day, long gap, bool fullDay, long &spans,
+                     size_t &events) {
+    TimelineData data;
+    data.day = day;
+    data.gap = gap;
+    data.fullDay = fullDay;
+    data.keys.resize(17);
+    spans = 0;
+    for (int ch = 1; ch <= 16; ++ch) {
+        auto &keys = data.keys[static_cast<size_t>(ch)];
+        for (const HourIndex &h : store.video(day, ch))
+            for (const KeyFrame &k : h.keys)
+                keys.push_back(k.sec);
+        std::sort(keys.begin(), keys.end());
+        spans += static_cast<long>(spans_of(ch, keys, gap).size());
+    }
+    data.events = store.events(day);
+    events = data.events.size();
+    return render_timeline(data);
+}
+
 namespace {
 
 struct TimelineOptions {
@@ -245,25 +266,14 @@ int run_timeline(const TimelineOptions &o) {
     const std::string root = library_root(o.root, "timeline");
     if (root.empty() || !require_store(root, "timeline")) return 1;
     StoreIndex store(root);
-    TimelineData data;
-    data.day = *parse_day(o.day);
-    data.gap = o.gap;
-    data.fullDay = o.fullDay;
-    data.keys.resize(17);
+    const long day = *parse_day(o.day);
     long spans = 0;
-    for (int ch = 1; ch <= 16; ++ch) {
-        for (const HourIndex &h : store.video(data.day, ch))
-            for (const KeyFrame &k : h.keys)
-                data.keys[static_cast<size_t>(ch)].push_back(k.sec);
-        auto &keys = data.keys[static_cast<size_t>(ch)];
-        std::sort(keys.begin(), keys.end());
-        spans += static_cast<long>(spans_of(ch, keys, o.gap).size());
-    }
-    data.events = store.events(data.day);
+    size_t events = 0;
+    const std::string svg = draw_day(store, day, o.gap, o.fullDay, spans, events);
     const std::string tmp = o.out + ".part";
     {
         std::ofstream f(tmp, std::ios::binary);
-        f << render_timeline(data);
+        f << svg;
         if (!f.good()) {
             std::fprintf(stderr, "vrixdb timeline: cannot write %s\n", o.out.c_str());
             std::remove(tmp.c_str());
@@ -276,8 +286,7 @@ int run_timeline(const TimelineOptions &o) {
         return 1;
     }
     std::fprintf(out(), "timeline of %s: %ld recorded span%s, %zu events, written to %s\n",
-                 day_name(data.day).c_str(), spans, spans == 1 ? "" : "s", data.events.size(),
-                 o.out.c_str());
+                 day_name(day).c_str(), spans, spans == 1 ? "" : "s", events, o.out.c_str());
     return 0;
 }
 

@@ -31,4 +31,8 @@ struct TimelineData {
 
 std::string render_timeline(const TimelineData &data);
 
+// The day `day` of a store as SVG; `spans` receives the number of spans drawn.
+std::string draw_day(StoreIndex &store, long day, long gap, bool fullDay, long &spans,
+                     size_t &events);
+
 } // namespace vrixtool
