@@ -1,0 +1,46 @@
+# Shared by the end-to-end tests of the vrixdb program: sourced with the
+# program's path in VRIXDB.
+set -u
+
+fail() {
+    echo "FAIL: $*" >&2
+    exit 1
+}
+
+# A scratch directory removed when the test ends.
+SCRATCH=$(mktemp -d "${TMPDIR:-/tmp}/vrixdb-tool-XXXXXX")
+trap 'rm -rf "$SCRATCH"' EXIT
+
+# The library's queues are machine-wide: whatever an earlier run left in them
+# would be handed to this one.
+clear_queues() {
+    local key
+    for key in 1220 1221 1222; do ipcrm -Q "$key" 2>/dev/null || true; done
+}
+
+# Runs the program; its standard output is in $OUT, standard error in $ERR.
+OUT=$SCRATCH/.out
+ERR=$SCRATCH/.err
+run() {
+    "$VRIXDB" "$@" >"$OUT" 2>"$ERR" || fail "vrixdb $* exited $?: $(cat "$ERR")"
+}
+
+# The program must refuse the arguments: non-zero exit, a message on
+# standard error, and nothing written under $SCRATCH/work.
+refused() {
+    local before after
+    mkdir -p "$SCRATCH/work"
+    before=$(cd "$SCRATCH/work" && find . | sort)
+    if (cd "$SCRATCH/work" && "$VRIXDB" "$@") >"$OUT" 2>"$ERR"; then
+        fail "accepted: vrixdb $*"
+    fi
+    [ -s "$ERR" ] || fail "no message for: vrixdb $*"
+    after=$(cd "$SCRATCH/work" && find . | sort)
+    [ "$before" = "$after" ] || fail "vrixdb $* wrote: $(diff <(echo "$before") <(echo "$after"))"
+}
+
+# One value of a query on an index database.
+sql() { sqlite3 -readonly "$1" "$2"; }
+
+# Frame lines of `vrixdb play` (comments start with #).
+frames() { grep -v '^#' "$OUT"; }

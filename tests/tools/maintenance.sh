@@ -1,0 +1,38 @@
+#!/usr/bin/env bash
+# backup, repair and reduce on a copy of the demo's store.
+VRIXDB=$1
+. "$(dirname "$0")/lib.sh"
+clear_queues
+ROOT=$SCRATCH/store
+cp -a "$2" "$ROOT"
+DAY=$ROOT/20240614
+rm -f "$ROOT/date.db.sql" "$DAY/event.db.sql"
+
+# Backup: byte copies beside the databases.
+run backup --root "$ROOT" --day 2024-06-14
+cmp "$ROOT/date.db" "$ROOT/date.db.sql" || fail "date.db.sql"
+cmp "$DAY/event.db" "$DAY/event.db.sql" || fail "event.db.sql"
+refused backup --root "$ROOT" --day 20240613
+
+# Repair after damage: a video index is rebuilt from its stream, the events
+# come back from the copy.
+rows=$(sql "$DAY/video/5/video.db" "select group_concat(sec || ':' || offset) from h11;")
+events=$(sql "$DAY/event.db" "select count(*) from h_all;")
+for db in "$DAY/video/5/video.db" "$DAY/event.db"; do
+    dd if=/dev/urandom of="$db" bs=1024 count=4 conv=notrunc status=none
+done
+run repair --root "$ROOT"
+grep -q "done" "$OUT" || fail "repair: $(cat "$OUT")"
+[ "$(sql "$DAY/video/5/video.db" "select group_concat(sec || ':' || offset) from h11;")" = "$rows" ] ||
+    fail "ch 5's index was not rebuilt as it was"
+[ "$(sql "$DAY/event.db" "select count(*) from h_all;")" = "$events" ] || fail "events not restored"
+
+# Reduce the oldest hour, the only one left in this store: its streams go,
+# and with the events up to its end the day goes too.
+run reduce --root "$ROOT" --fast
+grep -q "^reduced up to 2024-06-14T11:59:59: 17 files removed" "$OUT" || fail "reduce: $(cat "$OUT")"
+[ ! -e "$DAY" ] || fail "the emptied day is still there"
+[ -z "$(sql "$ROOT/date.db" "select date from H;")" ] || fail "the day is still registered"
+run reduce --root "$ROOT" --fast
+grep -q "nothing to reduce" "$OUT" || fail "reduce of an empty store: $(cat "$OUT")"
+echo "maintenance: ok"
