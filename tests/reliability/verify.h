@@ -79,6 +79,33 @@ inline Walk play(const std::string &root, int ch, int from_sec, Mode mode,
     return w;
 }
 
+// Plays audio channel `ch` forward from `from_sec` to the end: every record
+// must be the generator's, written, and later than the one before.
+inline Walk play_audio(const std::string &root, int ch, int from_sec,
+                       const std::function<bool(uint32_t round)> &written) {
+    Walk w;
+    std::tm start = local(from_sec);
+    AudioPlayContext *p = vrix_db_open_get_audio(&start, nullptr, ch, 64, root.c_str());
+    if (!p) return w;
+    w.opened = true;
+    long long last = -1;
+    while (w.wrong < 100 && vrix_db_next_audio(p) == 1) {
+        void *buf = nullptr;
+        const int len = vrix_db_get_audio(p, &buf);
+        const auto r = identify_audio(ch, static_cast<const unsigned char *>(buf), len);
+        const std::string what = "audio ch" + std::to_string(ch) + ": record of time " +
+                                 std::to_string(vrix_get_audio_sec(p));
+        if (!r || !written(*r))
+            w.fault(what + (r ? " was never written" : " is not a record that was written"));
+        else if (*r <= last)
+            w.fault(what + " comes out of order after round " + std::to_string(last));
+        else
+            w.rounds.push_back(static_cast<uint32_t>(last = *r));
+    }
+    vrix_db_close_get_audio(p);
+    return w;
+}
+
 struct EventWalk {
     std::vector<uint32_t> rounds; // forward pages, in order
     uint64_t pages = 0;

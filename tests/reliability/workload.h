@@ -92,6 +92,38 @@ inline std::optional<uint32_t> identify_event(const EventRecord &e) {
     return u;
 }
 
+// Audio: one block per round, each channel's piece from the channel and
+// round; the second time word carries the round.
+constexpr int kAudioChannels = VRIX_AUDIO_CHANNELS;
+inline void audio_piece(int ch, uint32_t r, unsigned char *out) {
+    uint32_t x = mix(100u + static_cast<uint32_t>(ch), r);
+    for (int i = 0; i < VRIX_AUDIO_PIECE_SIZE; ++i) {
+        x = x * 1103515245u + 12345u;
+        out[i] = static_cast<unsigned char>(x >> 16);
+    }
+}
+inline VrixAudioBlock audio_block(uint32_t r) {
+    VrixAudioBlock b{};
+    for (int ch = 1; ch <= kAudioChannels; ++ch)
+        audio_piece(ch, r, b.piece[ch - 1]);
+    b.iSec = static_cast<uint32_t>(round_sec(r));
+    b.iSec2 = r;
+    return b;
+}
+// The round of a 60-byte record playback delivered, if it is exactly the
+// generator's record.
+inline std::optional<uint32_t> identify_audio(int ch, const unsigned char *rec, int len) {
+    if (len != VRIX_AUDIO_RECORD_SIZE) return std::nullopt;
+    uint32_t w[3];
+    std::memcpy(w, rec, sizeof w);
+    unsigned char piece[VRIX_AUDIO_PIECE_SIZE];
+    audio_piece(ch, w[2], piece);
+    if (w[0] != VRIX_AUDIO_PIECE_SIZE || round_of_sec(static_cast<int32_t>(w[1])) != w[2] ||
+        std::memcmp(rec + 12, piece, sizeof piece) != 0)
+        return std::nullopt;
+    return w[2];
+}
+
 inline std::tm local(int sec) {
     const time_t t = sec;
     std::tm tm{};
