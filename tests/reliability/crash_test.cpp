@@ -33,6 +33,7 @@ namespace {
 // Shared between the harness and one recorder.
 struct Progress {
     std::atomic<int64_t> attempt;       // frame index (round * 16 + ch - 1) last handed over
+    std::atomic<int64_t> audio_attempt; // round of the last audio block handed over
     std::atomic<int64_t> event_attempt; // round of the last event handed over
     std::atomic<int64_t> event_done;    // round of the last event that returned
     std::atomic<int> closed;            // contexts closed cleanly
@@ -99,7 +100,8 @@ void record_events(const char *root, Progress *p, uint32_t first, const std::ato
     const VrixTestHooks hooks{0, event_clock};
     vrix_db_set_test_hooks(&hooks);
     RecContext *rec = vrix_db_open_rec_video(root, kChannels + 1);
-    if (!rec) _exit(4);
+    AudioRecContext *audio = vrix_db_open_rec_audio(root, kAudioChannels);
+    if (!rec || !audio) _exit(4);
     std::atomic<int64_t> video{static_cast<int64_t>(start) - 1};
     std::atomic<bool> stop{false};
     std::thread events(record_events, root, p, start, std::cref(video), std::cref(stop));
@@ -110,12 +112,17 @@ void record_events(const char *root, Progress *p, uint32_t first, const std::ato
             p->attempt.store(frame_index(ch, r));
             vrix_db_rec_video(rec, f.data(), static_cast<int>(f.size()));
         }
+        const VrixAudioBlock block = audio_block(r);
+        p->audio_attempt.store(r);
+        vrix_db_rec_audio(audio, &block);
     }
     stop.store(true);
     events.join();
     for (int ch = 1; ch <= kChannels; ++ch)
         vrix_db_rec_video_flush(rec, ch);
+    vrix_db_rec_audio_flush(audio);
     vrix_db_close_rec_video(rec);
+    vrix_db_close_rec_audio(audio);
     p->closed.store(1);
     std::fflush(stdout);
     _exit(0);
@@ -132,7 +139,7 @@ void record_events(const char *root, Progress *p, uint32_t first, const std::ato
 struct Recorder {
     uint32_t start = 0;
     int64_t attempt = -1; // last frame index handed over; -1 none
-    int64_t event_attempt = -1, event_done = -1;
+    int64_t audio_attempt = -1, event_attempt = -1, event_done = -1;
     int delay_ms = 0;
     bool clean = false;
     int64_t first_index() const { return frame_index(1, start); }
@@ -167,6 +174,7 @@ class CrashHarness : public ::testing::Test {
 
     pid_t spawn(uint32_t start, uint32_t rounds) {
         p->attempt.store(-1);
+        p->audio_attempt.store(-1);
         p->event_attempt.store(-1);
         p->event_done.store(-1);
         p->closed.store(0);
@@ -196,6 +204,7 @@ class CrashHarness : public ::testing::Test {
         Recorder r;
         r.start = start;
         r.attempt = p->attempt.load();
+        r.audio_attempt = p->audio_attempt.load();
         r.event_attempt = p->event_attempt.load();
         r.event_done = p->event_done.load();
         r.delay_ms = delay_ms;
@@ -207,6 +216,11 @@ class CrashHarness : public ::testing::Test {
         const int64_t i = frame_index(ch, r);
         for (const Recorder &run : runs)
             if (i >= run.first_index() && i <= run.attempt) return true;
+        return false;
+    }
+    bool audio_written(uint32_t r) const {
+        for (const Recorder &run : runs)
+            if (r >= run.start && static_cast<int64_t>(r) <= run.audio_attempt) return true;
         return false;
     }
     bool event_written(uint32_t r) const {
@@ -330,10 +344,12 @@ class CrashHarness : public ::testing::Test {
         uint64_t wrong = 0;
         std::map<int, std::vector<uint32_t>> delivered; // forward play, per channel
         std::vector<uint32_t> events;
+        uint64_t audio = 0; // audio records delivered, all channels
     };
 
     // Reads the store back through the library from `from_sec`: forward play
-    // and key-frame play of every channel, some backward steps, every event.
+    // and key-frame play of every channel, some backward steps, every audio
+    // channel, every event.
     Checked check(int from_sec, uint64_t backward_steps) {
         Checked c;
         const FrameWritten w = [this](int ch, uint32_t r) { return written(ch, r); };
@@ -349,6 +365,13 @@ class CrashHarness : public ::testing::Test {
             const Walk back = play(root, ch, 0x7FFF0000, Mode::Backward, w, backward_steps);
             count(back, ch, "backward");
             c.delivered[ch] = std::move(fwd.rounds);
+        }
+        for (int ch = 1; ch <= kAudioChannels; ++ch) {
+            const Walk a =
+                play_audio(root, ch, from_sec, [this](uint32_t r) { return audio_written(r); });
+            if (a.wrong) std::printf("audio ch%d: %s\n", ch, a.first_fault.c_str());
+            c.wrong += a.wrong;
+            c.audio += a.rounds.size();
         }
         const EventWalk ev =
             page_events(root, kT0, [this](uint32_t r) { return event_written(r); });
@@ -423,6 +446,13 @@ TEST_F(CrashHarness, KillsLoseOnlyFramesBehindTheLastCommittedRow) {
     runs.push_back(take(next, 0, true));
     const Checked all = check(kT0, UINT64_MAX);
     wrong += all.wrong;
+    uint64_t audio_handed = 0;
+    for (const Recorder &run : runs)
+        if (run.audio_attempt >= run.start)
+            audio_handed += kAudioChannels * (run.audio_attempt - run.start + 1);
+    std::printf("audio records: %llu handed over, %llu delivered\n",
+                static_cast<unsigned long long>(audio_handed),
+                static_cast<unsigned long long>(all.audio));
 
     // Every frame handed over and not delivered now is charged to a kill: to
     // the kill that ended its recorder, or, for the non-key frames a resume
@@ -502,6 +532,20 @@ TEST_F(CrashHarness, KillsLoseOnlyFramesBehindTheLastCommittedRow) {
                 static_cast<unsigned long long>(missing), static_cast<unsigned long long>(stranded),
                 static_cast<unsigned long long>(events_missing),
                 static_cast<unsigned long long>(bad_rows + bad_records), seed);
+    // Reclaiming the oldest hour of the crashed store works, and what is
+    // left still reads back right.
+    VrixRmServer *rm = vrix_rm_server_start(root.c_str(), nullptr, nullptr);
+    ASSERT_NE(rm, nullptr);
+    const VrixTestHooks fast{1000000, nullptr};
+    vrix_db_set_test_hooks(&fast);
+    const int limit = vrix_db_get_reduce_sec(root.c_str());
+    vrix_db_reduce_media(root.c_str(), nullptr, nullptr, -1);
+    vrix_db_reduce_event(root.c_str(), limit);
+    vrix_db_set_test_hooks(nullptr);
+    vrix_rm_server_stop(rm);
+    const Checked rest = check(limit + 1, 100);
+    EXPECT_EQ(rest.wrong, 0u) << "after reclaiming up to " << limit;
+
     RecordProperty("kills", kills);
     RecordProperty("wrong_frames", static_cast<int>(wrong));
     RecordProperty("lost_per_kill_max", static_cast<int>(lost_max));
