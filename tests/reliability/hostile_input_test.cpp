@@ -11,6 +11,7 @@
 
 #include <climits>
 #include <cstdio>
+#include <fstream>
 #include <functional>
 
 namespace {
@@ -301,6 +302,50 @@ TEST_F(Hostile, GarbageOnTheSubmitQueue) {
               std::vector<std::string>{std::to_string(day)});
     EXPECT_TRUE(
         rows(dir / "date.db", "select date from H where date < 0 or date > 1800000000").empty());
+}
+
+// Remove requests that name anything outside the root, directly, through
+// "..", or through a link, are refused with one line each and touch nothing
+// there; a link inside the root goes, its target stays.
+TEST_F(Hostile, RemoveRequestsOutsideTheRoot) {
+    const std::string root = dir / "root", outside = dir / "outside";
+    ASSERT_EQ(mkdir(root.c_str(), 0700), 0);
+    ASSERT_EQ(mkdir(outside.c_str(), 0700), 0);
+    const std::string victim = outside + "/victim";
+    { std::ofstream(victim) << "keep"; }
+    ASSERT_EQ(symlink(outside.c_str(), (root + "/link").c_str()), 0);
+    VrixRmServer *rm = vrix_rm_server_start(root.c_str(), nullptr, nullptr);
+    ASSERT_NE(rm, nullptr);
+    auto ask = [](int command, const std::string &path) {
+        NotifyMessage m{};
+        m.mtype = 1;
+        m.mtext[0] = static_cast<unsigned char>(command);
+        std::memcpy(m.mtext + 1, path.data(), std::min<size_t>(path.size(), 126));
+        EXPECT_EQ(msgsnd(g_iRmMq, &m, VRIX_MSG_TEXT_SIZE, 0), 0);
+        NotifyMessage reply{};
+        EXPECT_EQ(msgrcv(g_iRmAckMq, &reply, VRIX_MSG_TEXT_SIZE, 0, 0), VRIX_MSG_TEXT_SIZE);
+        return static_cast<int>(reply.mtext[0]);
+    };
+    const std::vector<std::pair<int, std::string>> refused = {
+        {VRIX_RM_FILE, victim},
+        {VRIX_RM_DIR, outside},
+        {VRIX_RM_FILE, root + "/../outside/victim"},
+        {VRIX_RM_DIR, root + "/.."},
+        {VRIX_RM_FILE, root + "/link/victim"},
+        {VRIX_RM_DIR, root},
+        {7, root + "/anything"},
+        {VRIX_RM_FILE, ""},
+    };
+    for (const auto &[command, path] : refused) {
+        int outcome = -1;
+        const auto out = output_of([&] { outcome = ask(command, path); });
+        EXPECT_EQ(outcome, VRIX_RM_REFUSED) << command << " " << path;
+        EXPECT_ONE_LINE(out, "rm server");
+    }
+    EXPECT_EQ(file_bytes(victim).size(), 4u);
+    EXPECT_EQ(ask(VRIX_RM_FILE, root + "/link"), VRIX_RM_REMOVED);
+    EXPECT_EQ(file_bytes(victim).size(), 4u);
+    vrix_rm_server_stop(rm);
 }
 
 } // namespace
