@@ -41,7 +41,6 @@ void Progress::update(long done) {
 
 void Progress::finish() {
     if (finished_) return;
-    update(total_);
     finished_ = true;
     if (tty_) {
         // Clear the bar: the step's result line takes its place.

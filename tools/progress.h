@@ -13,6 +13,7 @@ class Progress {
     Progress(FILE *out, std::string label, long total);
     ~Progress();
     void update(long done);
+    // Takes the bar off the terminal; the step's own line follows.
     void finish();
 
   private:
