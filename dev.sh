@@ -9,7 +9,7 @@ set -euo pipefail
 cd "$(dirname "$0")"
 
 packages=(cmake make g++ gcc binutils pkg-config libsqlite3-dev sqlite3 libgtest-dev
-  libbenchmark-dev tzdata)
+  libbenchmark-dev libcli11-dev libxml2-utils tzdata)
 
 deps() {
   local missing=() p

@@ -382,7 +382,10 @@ VRIX_API unsigned vrix_db_get_video_total_size(struct tm *start, struct tm *end,
 VRIX_API unsigned vrix_db_get_audio_total_size(struct tm *start, struct tm *end, const char *root,
                                                int ch);
 /* The first recorded time at or after `sec` / the last at or before it, 0
- * when there is none. */
+ * when there is none.  Video answers with key frames.  Audio's start is the
+ * first recorded second at or after `sec`; its end is the recorded second one
+ * index row before the last one at or before `sec` (the backward audio step
+ * moves back one row on its first call). */
 VRIX_API int vrix_dvd_video_get_start_time(int ch, int sec, const char *root, int bufSize);
 VRIX_API int vrix_dvd_video_get_end_time(int ch, int sec, const char *root, int bufSize);
 VRIX_API int vrix_dvd_audio_get_start_time(int ch, int sec, const char *root, int bufSize);
