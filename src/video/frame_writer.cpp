@@ -105,6 +105,13 @@ int query_retrying(SqlHandle db, int n, const char *sql, const char *format, Res
 
 constexpr long long kUnknown = -1;
 
+// A one-value query into the writer's own holder (pIntResult belongs to the
+// submit thread): the value read as a 64-bit cell.
+bool writer_value(RecContext &ctx, SqlHandle db, int n, const char *sql, long long &out) {
+    return query_retrying(db, n, sql, "%u", ctx.pOffsetResult) > 0 &&
+           holder_offset(ctx.pOffsetResult, out);
+}
+
 // The newest indexed key frame below `bound`: its offset, 0 when the hour has
 // no such row or no table, kUnknown when the index cannot be read.
 long long newest_row_below(RecContext &ctx, RecChannel &c, int n, long long bound, int &sec) {
@@ -115,17 +122,14 @@ long long newest_row_below(RecContext &ctx, RecChannel &c, int n, long long boun
     if (rows > 0) {
         if (!holder_offset(ctx.pOffsetResult, found)) return 0; // max() over no row
         format_into(q.text, sizeof q.text, sql::kSecAtOffset, c.iHour, found);
-        if (query_retrying(c.pVideoDb, n, q.text, "%d", ctx.pIntResult) <= 0 ||
-            !holder_int(ctx.pIntResult, sec))
-            sec = 0;
+        long long s = 0;
+        sec = writer_value(ctx, c.pVideoDb, n, q.text, s) ? static_cast<int>(s) : 0;
         return found;
     }
     // A failed query means no table only when the table is truly missing.
     format_into(q.text, sizeof q.text, sql::kTableExists, c.iHour);
-    int tables = -1;
-    if (query_retrying(c.pVideoDb, n, q.text, "%d", ctx.pIntResult) > 0 &&
-        holder_int(ctx.pIntResult, tables) && tables == 0)
-        return 0;
+    long long tables = -1;
+    if (writer_value(ctx, c.pVideoDb, n, q.text, tables) && tables == 0) return 0;
     return kUnknown;
 }
 
