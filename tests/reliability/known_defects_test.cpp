@@ -19,9 +19,6 @@ using namespace vrix::test;
 constexpr int kHour10 = 1710064800; // 2024-03-10 10:00 UTC
 constexpr int kDay = 1710028800;
 
-std::string stream(const std::string &root, int ch, int hour) {
-    return root + "/20240310/video/" + std::to_string(ch) + "/" + std::to_string(hour) + ".stream";
-}
 std::string video_db(const std::string &root, int ch) {
     return root + "/20240310/video/" + std::to_string(ch) + "/video.db";
 }
@@ -91,50 +88,6 @@ TEST(KnownDefect, DISABLED_HourRegistrationLostWithTheProcess) {
     vrix_db_close_get_video(p);
     EXPECT_EQ(sec, kHour10) << "hour 10 of channel 2 is not found";
     (void)kDay;
-}
-
-// Resuming an hour reads the time of its newest row through the context's
-// one-slot result holder, the one the submit thread fills for its own
-// queries under other mutexes.  When the thread answers an hour or day
-// message at that moment, the writer reads the thread's value, takes the
-// newest row for one that disagrees with the file, and restarts at an older
-// key frame: frames before the last committed row are cut away (the crash
-// harness sees "frames lost after a kill left them protected").
-// ThreadSanitizer reports the race at the first resume; without it the loss
-// shows now and then.
-TEST(KnownDefect, DISABLED_ResumeSharesTheSubmitThreadsResultHolder) {
-    start_library();
-    ScratchDir dir;
-    const std::string root = dir.path();
-    const auto a = make_frame(1, kHour10, true, 200);
-    RecContext *ctx = vrix_db_open_rec_video(root.c_str(), 3);
-    ASSERT_NE(ctx, nullptr);
-    record(ctx, a);
-    record(ctx, make_frame(1, kHour10 + 1, true, 200, 0, 1));
-    record(ctx, make_frame(2, kHour10, true, 200)); // channel 2's hour is registered
-    vrix_db_rec_video_flush(ctx, 1);
-    vrix_db_close_rec_video(ctx);
-
-    NotifyMessage hour{};
-    hour.mtype = 1;
-    hour.mtext[0] = VRIX_MSG_HOUR;
-    hour.mtext[1] = 2;
-    hour.mtext[2] = 10;
-    std::memcpy(hour.mtext + 4, &kDay, 4);
-    for (int i = 2; i < 60; ++i) {
-        for (int m = 0; m < 40; ++m)
-            ASSERT_EQ(msgsnd(g_iSubmitMq, &hour, VRIX_MSG_TEXT_SIZE, 0), 0);
-        ctx = vrix_db_open_rec_video(root.c_str(), 3);
-        ASSERT_NE(ctx, nullptr);
-        // Resuming restarts at the newest row; the first frame must survive.
-        record(ctx, make_frame(1, kHour10 + i, true, 200, 0, static_cast<unsigned>(i)));
-        vrix_db_rec_video_flush(ctx, 1);
-        vrix_db_close_rec_video(ctx);
-        const auto bytes = file_bytes(stream(root, 1, 10));
-        ASSERT_GE(bytes.size(), a.size());
-        ASSERT_TRUE(std::equal(a.begin(), a.end(), bytes.begin()))
-            << "the first key frame was cut away at resume " << i;
-    }
 }
 
 // The writer stores frames of any size (131072 bytes and more go to the file
