@@ -4,12 +4,13 @@
 #   ./dev.sh test    install what is missing, build, run the tests
 #   ./dev.sh asan    the tests built with AddressSanitizer + UBSan
 #   ./dev.sh tsan    the concurrency tests built with ThreadSanitizer
+#   ./dev.sh fuzz    the libFuzzer targets (clang), a few seconds each
 #   ./dev.sh bench   build and run the benchmarks
 set -euo pipefail
 cd "$(dirname "$0")"
 
 packages=(cmake make g++ gcc binutils pkg-config libsqlite3-dev sqlite3 libgtest-dev
-  libbenchmark-dev libcli11-dev libxml2-utils tzdata)
+  libbenchmark-dev libcli11-dev libxml2-utils tzdata clang libclang-rt-14-dev)
 
 deps() {
   local missing=() p
@@ -53,13 +54,20 @@ tsan)
   build build-tsan -DVRIX_SANITIZE=thread -DVRIX_BENCH=OFF
   ctest --test-dir build-tsan --output-on-failure -j"$jobs" -L concurrency
   ;;
+fuzz)
+  deps
+  cmake -S . -B build-fuzz -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
+    -DVRIX_BENCH=OFF >/dev/null
+  cmake --build build-fuzz -j"$(nproc)" --target fuzz_targets
+  ctest --test-dir build-fuzz -L fuzz --output-on-failure
+  ;;
 bench)
   deps
   build build -DCMAKE_BUILD_TYPE=Release
   for b in build/bench/bench_*; do [ -x "$b" ] && "$b"; done
   ;;
 *)
-  sed -n '2,8p' "$0"
+  sed -n '2,9p' "$0"
   exit 2
   ;;
 esac
