@@ -24,24 +24,53 @@ void close_hour_file(RecChannel &c, int) {
     c.llOffset = 0;
 }
 
-void commit_channel(RecChannel &c, int n) {
-    Sql create[25];
-    const char *parts[26] = {};
-    int k = 0;
+namespace {
+
+// The day of the channel's rows in date.db (H and ch<N>), found or added
+// through the writer's own holder.  The submit thread does the same from the
+// queue; doing it here too, before the rows are committed, means that rows
+// never stand in an index that playback cannot reach, even when the process
+// dies with the thread's registration still in the queue.
+void register_day(RecContext &ctx, int n, int day) {
+    Sql q;
+    SqlLock hold(date_mutex());
+    format_into(q.text, sizeof q.text, sql::kFindChannelDay, n, day);
+    if (sql_submit(ctx.pDateDb, q.text, "%u", &ctx.pOffsetResult) == 0) {
+        format_into(q.text, sizeof q.text, sql::kInsertChannelDay, n, day);
+        sql_submit(ctx.pDateDb, q.text, "");
+    }
+    format_into(q.text, sizeof q.text, sql::kFindDay, day);
+    if (sql_submit(ctx.pDateDb, q.text, "%u", &ctx.pOffsetResult) == 0) {
+        format_into(q.text, sizeof q.text, sql::kInsertDay, day);
+        sql_submit(ctx.pDateDb, q.text, "");
+    }
+}
+
+// The hour's table and its row in the day's H, inside the commit.
+void prepare_hour(RecContext &ctx, SqlHandle db, int hour) {
+    Sql q;
+    format_into(q.text, sizeof q.text, sql::kCreateIndex, hour);
+    sql_submit(db, q.text, "");
+    format_into(q.text, sizeof q.text, sql::kFindHour, hour);
+    if (sql_submit(db, q.text, "%u", &ctx.pOffsetResult) == 0) {
+        format_into(q.text, sizeof q.text, sql::kInsertHour, hour);
+        sql_submit(db, q.text, "");
+    }
+}
+
+} // namespace
+
+void commit_channel(RecContext &ctx, RecChannel &c, int n) {
     unsigned hours = c.iPendingTables;
     if (c.iNewTable && c.iHour >= 0) hours |= 1u << c.iHour;
-    for (int h = 0; h < 24; ++h) {
-        if (!(hours & (1u << h))) continue;
-        format_into(create[k].text, sizeof create[k].text, sql::kCreateIndex, h);
-        parts[k] = create[k].text;
-        ++k;
-    }
-    parts[k] = c.pSqlBuf;
+    if (hours && c.pVideoDb) register_day(ctx, n, message_word(c.HourMsg, 4));
     {
         SqlLock hold(video_mutex(n));
         sql_submit(c.pVideoDb, sql::kBegin, "");
-        for (int i = 0; i <= k; ++i)
-            sql_submit(c.pVideoDb, parts[i], "");
+        if (hours) sql_submit(c.pVideoDb, sql::kCreateHourH, "");
+        for (int h = 0; h < 24; ++h)
+            if (hours & (1u << h)) prepare_hour(ctx, c.pVideoDb, h);
+        sql_submit(c.pVideoDb, c.pSqlBuf, "");
         sql_submit(c.pVideoDb, sql::kCommit, "");
     }
     c.iNewTable = 0;
@@ -63,7 +92,7 @@ void keep_pending_table(RecChannel &c) {
 // old day go into the old database first.  The day text and the handle change
 // together under the channel's mutex: the submit thread reads both.
 void move_to_day(RecContext &ctx, RecChannel &c, int n) {
-    if (c.pVideoDb && c.iSqlRows) commit_channel(c, n);
+    if (c.pVideoDb && c.iSqlRows) commit_channel(ctx, c, n);
     Path p;
     writer_video_db(p, ctx.strRoot, ctx.strDay, n);
     bool opened;
@@ -141,7 +170,7 @@ long long resume_point(RecContext &ctx, RecChannel &c, int n, long long size) {
     if (!c.pVideoDb) return kUnknown;
     // Rows still waiting for this very hour (the clock went back) must be in
     // the table before it is read.
-    if (c.iSqlRows) commit_channel(c, n);
+    if (c.iSqlRows) commit_channel(ctx, c, n);
     long long bound = size;
     long long offset;
     for (;;) {
@@ -220,15 +249,15 @@ void store_frame(RecChannel &c, int n, const unsigned char *frame, int size) {
     if (w < static_cast<size_t>(size)) report_short_write(n, w, size);
 }
 
-void index_key_frame(RecChannel &c, int n, int sec, unsigned scale) {
+void index_key_frame(RecContext &ctx, RecChannel &c, int n, int sec, unsigned scale) {
     if (!append_index_row(c.pSqlBuf, kSqlBufSize, c.iSqlLen, c.iHour, sec, c.llOffset)) {
         // Only a threshold raised far beyond its defaults fills the batch:
         // commit what is there and start the batch again with this row.
-        commit_channel(c, n);
+        commit_channel(ctx, c, n);
         append_index_row(c.pSqlBuf, kSqlBufSize, c.iSqlLen, c.iHour, sec, c.llOffset);
     }
     ++c.iSqlRows;
-    if (c.iSqlRows > g_iCommit[scale]) commit_channel(c, n);
+    if (c.iSqlRows > g_iCommit[scale]) commit_channel(ctx, c, n);
 }
 
 // The frame's own checks: size, header, scale and channel slot.
@@ -297,7 +326,7 @@ extern "C" void vrix_db_rec_video(RecContext *ctx, const void *frame, int size) 
     }
     if (!c.fpStream) return;
     store_frame(c, n, bytes, size);
-    if (f.key) index_key_frame(c, n, f.sec, frame_scale(f));
+    if (f.key) index_key_frame(*ctx, c, n, f.sec, frame_scale(f));
     c.llOffset += size;
 }
 
@@ -309,7 +338,7 @@ extern "C" void vrix_db_rec_video_flush(RecContext *ctx, int ch) {
         return;
     }
     RecChannel &c = ctx->pChannels[ch];
-    if (c.pVideoDb && c.iSqlRows) commit_channel(c, ch);
+    if (c.pVideoDb && c.iSqlRows) commit_channel(*ctx, c, ch);
     c.iSqlRows = 0;
     if (c.fpStream && c.iBufLen) {
         write_bytes(c.fpStream, c.pFrameBuf, static_cast<size_t>(c.iBufLen));

@@ -10,7 +10,8 @@ namespace vrix {
 void close_hour_file(RecChannel &c, int n);
 
 // Commits the channel's waiting rows in one transaction under its mutex,
-// creating first the tables they need that were not created yet.
-void commit_channel(RecChannel &c, int n);
+// creating first the tables they need that were not created yet and
+// registering their day and hours.
+void commit_channel(RecContext &ctx, RecChannel &c, int n);
 
 } // namespace vrix

@@ -508,13 +508,10 @@ TEST_F(CrashHarness, KillsLoseOnlyFramesBehindTheLastCommittedRow) {
             if (has_event(static_cast<uint32_t>(r)) && !events.count(static_cast<uint32_t>(r)))
                 ++events_missing;
 
-    // A known library defect loses frames that must survive, now and then: a
-    // kill can take with it a day or hour registration the submit thread had
-    // taken off its queue but not stored.  The hour's frames stay on disk,
-    // indexed, and playback never finds them ("stranded"; reproduced by
-    // KnownDefect.DISABLED_HourRegistrationLostWithTheProcess).  Until it is
-    // fixed they are reported, and fatal only with VRIX_STRICT=1.
-    const bool strict = env.get("VRIX_STRICT", 0) != 0;
+    // Frames in an hour that playback cannot reach ("stranded") would mean a
+    // day or hour registration lost with a killed process; the writer
+    // registers its rows' day and hour before it commits them, so there must
+    // be none.
 
     uint64_t lost_max = 0, lost_sum = 0, frames = 0;
     for (size_t i = 0; i + 1 < runs.size(); ++i) {
@@ -551,9 +548,7 @@ TEST_F(CrashHarness, KillsLoseOnlyFramesBehindTheLastCommittedRow) {
     RecordProperty("lost_per_kill_max", static_cast<int>(lost_max));
     EXPECT_EQ(wrong, 0u);
     EXPECT_EQ(missing, 0u);
-    if (strict) {
-        EXPECT_EQ(stranded, 0u);
-    }
+    EXPECT_EQ(stranded, 0u);
     EXPECT_EQ(events_missing, 0u);
     EXPECT_EQ(bad_rows + bad_records, 0u);
 }

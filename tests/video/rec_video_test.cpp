@@ -184,6 +184,38 @@ TEST_F(RecVideo, GarbageOnTheSubmitQueueIsDropped) {
     EXPECT_TRUE(rows(date_db(), "select date from ch2").empty());
 }
 
+// Rows never stand in an index that playback cannot reach: the writer
+// registers their day and hour itself before committing them, so losing the
+// submit thread's queue (a process killed with registrations still queued)
+// loses no footage.
+TEST_F(RecVideo, CommittedRowsAreRegisteredWithoutTheSubmitThread) {
+    vrix_db_rec_close_thread(); // the thread serves nothing from here on
+    for (int s = 0; s < 3; ++s)
+        record(ctx, make_frame(2, kHour10 + s, true, 100));
+    record(ctx, make_frame(2, kHour10 + 3600, true, 100));
+    NotifyMessage m{};
+    int dropped = 0;
+    while (msgrcv(g_iSubmitMq, &m, 128, 0, IPC_NOWAIT) >= 0)
+        ++dropped; // the queue is lost
+    EXPECT_GE(dropped, 3);
+    const std::string day = std::to_string(kDay);
+    EXPECT_EQ(rows(date_db(), "select date from ch2"), std::vector<std::string>{day});
+    EXPECT_EQ(rows(date_db(), "select date from H"), std::vector<std::string>{day});
+    EXPECT_EQ(rows(video_db(2), "select hour from H order by hour"),
+              (std::vector<std::string>{"10", "11"}));
+    close();
+    const time_t t = kHour10;
+    std::tm start{};
+    localtime_r(&t, &start);
+    PlayContext *p = vrix_db_open_get_video(&start, nullptr, 2, 4096, root().c_str());
+    ASSERT_NE(p, nullptr);
+    int n = 0;
+    while (vrix_db_next_video(p) == 1)
+        ++n;
+    vrix_db_close_get_video(p);
+    EXPECT_EQ(n, 4);
+}
+
 TEST_F(RecVideo, OpenRefusals) {
     testing::internal::CaptureStdout();
     EXPECT_EQ(vrix_db_open_rec_video(root().c_str(), 17), nullptr); // one is open
