@@ -51,10 +51,10 @@ TEST(KnownDefect, DISABLED_RebuiltIndexStopsAtLargeFrames) {
     EXPECT_EQ(seqs, (std::vector<int>{0, 1, 2, 3}));
 }
 
-// Repair takes the sqlite3 shell's exit status for the integrity check, but
-// the shell exits 0 when the check runs and reports damage: a database whose
-// rows are out of order is kept instead of being restored from its copy.
-TEST(KnownDefect, DISABLED_IntegrityReportIsNotReadByRepair) {
+// Found by the damaged-files test, fixed: the sqlite3 shell exits 0 when the
+// integrity check runs and reports damage, so a database whose rows are out
+// of order was kept instead of being restored from its copy.
+TEST(Fixed, IntegrityReportIsReadByRepair) {
     ScratchDir dir;
     const std::string db = dir / "event.db";
     sqlite3 *h = nullptr;
