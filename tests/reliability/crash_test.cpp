@@ -88,12 +88,12 @@ void record_events(const char *root, Progress *p, uint32_t first, const std::ato
 
 // Records from round `start` for `rounds` rounds (0: until killed), then
 // flushes and closes as an application does at a clean stop.
-[[noreturn]] void recorder_main(const char *spec) {
+[[noreturn]] void recorder_main(const char *recipe) {
     char root[256], progress[256];
     unsigned start = 0, rounds = 0;
     int queue = -1;
-    if (std::sscanf(spec, "%255[^|]|%255[^|]|%u|%u|%d", root, progress, &start, &rounds, &queue) !=
-        5)
+    if (std::sscanf(recipe, "%255[^|]|%255[^|]|%u|%u|%d", root, progress, &start, &rounds,
+                    &queue) != 5)
         _exit(2);
     Progress *p = map_progress(progress, false);
     if (!p || vrix_db_init(queue) != 1) _exit(3);
@@ -130,7 +130,7 @@ void record_events(const char *root, Progress *p, uint32_t first, const std::ato
 
 // The recorder runs before main(): nothing of the test framework is needed.
 [[maybe_unused]] const bool g_is_recorder = [] {
-    if (const char *spec = std::getenv("VRIX_CRASH_RECORDER")) recorder_main(spec);
+    if (const char *recipe = std::getenv("VRIX_CRASH_RECORDER")) recorder_main(recipe);
     return false;
 }();
 
@@ -180,13 +180,13 @@ class CrashHarness : public ::testing::Test {
         p->closed.store(0);
         // Everything the child needs is made before fork: this process has
         // threads, so the child may only call exec-safe functions.
-        const std::string spec = "VRIX_CRASH_RECORDER=" + root + "|" + progress_path + "|" +
-                                 std::to_string(start) + "|" + std::to_string(rounds) + "|" +
-                                 std::to_string(test::app_queue());
+        const std::string recipe = "VRIX_CRASH_RECORDER=" + root + "|" + progress_path + "|" +
+                                   std::to_string(start) + "|" + std::to_string(rounds) + "|" +
+                                   std::to_string(test::app_queue());
         std::vector<char *> env;
         for (char **e = environ; *e; ++e)
             if (std::strncmp(*e, "VRIX_CRASH_RECORDER=", 20) != 0) env.push_back(*e);
-        env.push_back(const_cast<char *>(spec.c_str()));
+        env.push_back(const_cast<char *>(recipe.c_str()));
         env.push_back(nullptr);
         char self[] = "/proc/self/exe";
         char *argv[] = {self, nullptr};
