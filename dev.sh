@@ -25,18 +25,21 @@ deps() {
   DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y --no-install-recommends "${missing[@]}"
 }
 
+# build DIR [cmake options...] [-- build targets...]
 build() {
-  local dir=$1
+  local dir=$1 configure=() targets=()
   shift
-  cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo "$@" >/dev/null
-  cmake --build "$dir" -j"$(nproc)"
+  while [ $# -gt 0 ] && [ "$1" != "--" ]; do configure+=("$1"); shift; done
+  [ $# -gt 0 ] && shift && targets=(--target "$@")
+  cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo "${configure[@]}" >/dev/null
+  cmake --build "$dir" -j"$(nproc)" "${targets[@]}"
 }
 
 jobs=$(nproc)
 case "${1:-}" in
 demo)
   deps
-  build build
+  build build -- vrixdb_tool
   ./build/tools/vrixdb demo --root "${2:-$PWD/demo-root}"
   ;;
 test)
