@@ -26,36 +26,49 @@ void close_hour_file(RecChannel &c, int) {
 
 namespace {
 
+constexpr int kBusyTries = 20; // with SQLite's own busy wait, about a second
+
 // The day of the channel's rows in date.db (H and ch<N>), found or added
 // through the writer's own holder.  The submit thread does the same from the
 // queue; doing it here too, before the rows are committed, means that rows
 // never stand in an index that playback cannot reach, even when the process
 // dies with the thread's registration still in the queue.
+// A statement repeated while the database is busy (about a second with
+// SQLite's own wait), so that a reader in another process holding a lock for
+// a moment costs no registration and leaves no transaction open.
+int submit_busy(SqlHandle db, const char *sql, const char *format = "",
+                ResultTable *holder = nullptr) {
+    int r = -1;
+    for (int i = 0; i < kBusyTries && r == -1; ++i)
+        r = holder ? sql_submit(db, sql, format, holder) : sql_submit(db, sql, format);
+    return r;
+}
+
+// Adds the row unless the lookup found it; a lookup that failed adds it too
+// (a second row does no harm, a missing one hides footage).
+void ensure_row(RecContext &ctx, SqlHandle db, const Sql &find, const Sql &insert) {
+    if (submit_busy(db, find.text, "%u", &ctx.pOffsetResult) <= 0) submit_busy(db, insert.text);
+}
+
 void register_day(RecContext &ctx, int n, int day) {
-    Sql q;
+    Sql find, insert;
     SqlLock hold(date_mutex());
-    format_into(q.text, sizeof q.text, sql::kFindChannelDay, n, day);
-    if (sql_submit(ctx.pDateDb, q.text, "%u", &ctx.pOffsetResult) == 0) {
-        format_into(q.text, sizeof q.text, sql::kInsertChannelDay, n, day);
-        sql_submit(ctx.pDateDb, q.text, "");
-    }
-    format_into(q.text, sizeof q.text, sql::kFindDay, day);
-    if (sql_submit(ctx.pDateDb, q.text, "%u", &ctx.pOffsetResult) == 0) {
-        format_into(q.text, sizeof q.text, sql::kInsertDay, day);
-        sql_submit(ctx.pDateDb, q.text, "");
-    }
+    format_into(find.text, sizeof find.text, sql::kFindChannelDay, n, day);
+    format_into(insert.text, sizeof insert.text, sql::kInsertChannelDay, n, day);
+    ensure_row(ctx, ctx.pDateDb, find, insert);
+    format_into(find.text, sizeof find.text, sql::kFindDay, day);
+    format_into(insert.text, sizeof insert.text, sql::kInsertDay, day);
+    ensure_row(ctx, ctx.pDateDb, find, insert);
 }
 
 // The hour's table and its row in the day's H, inside the commit.
 void prepare_hour(RecContext &ctx, SqlHandle db, int hour) {
-    Sql q;
+    Sql q, insert;
     format_into(q.text, sizeof q.text, sql::kCreateIndex, hour);
     sql_submit(db, q.text, "");
     format_into(q.text, sizeof q.text, sql::kFindHour, hour);
-    if (sql_submit(db, q.text, "%u", &ctx.pOffsetResult) == 0) {
-        format_into(q.text, sizeof q.text, sql::kInsertHour, hour);
-        sql_submit(db, q.text, "");
-    }
+    format_into(insert.text, sizeof insert.text, sql::kInsertHour, hour);
+    ensure_row(ctx, db, q, insert);
 }
 
 } // namespace
@@ -66,12 +79,12 @@ void commit_channel(RecContext &ctx, RecChannel &c, int n) {
     if (hours && c.pVideoDb) register_day(ctx, n, message_word(c.HourMsg, 4));
     {
         SqlLock hold(video_mutex(n));
-        sql_submit(c.pVideoDb, sql::kBegin, "");
+        submit_busy(c.pVideoDb, sql::kBegin);
         if (hours) sql_submit(c.pVideoDb, sql::kCreateHourH, "");
         for (int h = 0; h < 24; ++h)
             if (hours & (1u << h)) prepare_hour(ctx, c.pVideoDb, h);
-        sql_submit(c.pVideoDb, c.pSqlBuf, "");
-        sql_submit(c.pVideoDb, sql::kCommit, "");
+        submit_busy(c.pVideoDb, c.pSqlBuf);
+        submit_busy(c.pVideoDb, sql::kCommit);
     }
     c.iNewTable = 0;
     c.iPendingTables = 0;
@@ -120,12 +133,10 @@ void move_to_day(RecContext &ctx, RecChannel &c, int n) {
     c.iPendingTables = 0;
 }
 
-constexpr int kBusyRetries = 20; // with SQLite's own busy wait, about a second
-
 // A query into the context's holder, repeated while the database is busy.
 int query_retrying(SqlHandle db, int n, const char *sql, const char *format, ResultTable &holder) {
     int rows = -1;
-    for (int i = 0; i < kBusyRetries && rows == -1; ++i) {
+    for (int i = 0; i < kBusyTries && rows == -1; ++i) {
         SqlLock hold(video_mutex(n));
         rows = sql_submit(db, sql, format, &holder);
     }
