@@ -35,12 +35,11 @@ void insert_row(SqlHandle db, int hour, int sec, long long offset) {
     sql_submit(db, q.text, "");
 }
 
-} // namespace
-} // namespace vrix
-
-extern "C" void vrix_db_repair_video(FILE *fp, SqlHandle db, int hour) {
-    using namespace vrix;
-    Buffer buf(static_cast<unsigned char *>(std::malloc(kMaxPayload)));
+// The scan both rebuilds share: a buffer of `size` bytes, the hour opened,
+// `next(buffer, offset)` called record after record until it returns 0 (the
+// bytes it consumed otherwise), the hour committed.
+template <class Next> void rebuild(FILE *fp, SqlHandle db, int hour, size_t size, Next next) {
+    Buffer buf(static_cast<unsigned char *>(std::malloc(size)));
     if (!buf) {
         std::puts("vrix_db_repair_video : not enough memory !");
         return;
@@ -48,45 +47,43 @@ extern "C" void vrix_db_repair_video(FILE *fp, SqlHandle db, int hour) {
     if (!fp) return;
     fseeko(fp, 0, SEEK_SET);
     begin_hour(db, hour);
-    long long offset = 0;
-    for (;;) {
+    for (long long offset = 0, n; (n = next(buf.get(), offset)) > 0;)
+        offset += n;
+    sql_submit(db, sql::kCommit, "");
+}
+
+} // namespace
+} // namespace vrix
+
+extern "C" void vrix_db_repair_video(FILE *fp, SqlHandle db, int hour) {
+    using namespace vrix;
+    rebuild(fp, db, hour, kMaxPayload, [&](unsigned char *buf, long long offset) -> long long {
         unsigned char head[VRIX_FRAME_HEADER_SIZE];
         FrameInfo f{};
         if (std::fread(head, 1, sizeof head, fp) != sizeof head ||
             !parse_frame(head, sizeof head, f) || f.len < 1 || f.len > kMaxPayload || f.sec == 0)
-            break;
-        if (std::fread(buf.get(), 1, f.len, fp) != f.len) break;
-        if (f.len > VRIX_FRAME_KEY_BYTE &&
-            (buf.get()[VRIX_FRAME_KEY_BYTE] & VRIX_FRAME_KEY_MASK) == 0)
+            return 0;
+        if (std::fread(buf, 1, f.len, fp) != f.len) return 0;
+        if (f.len > VRIX_FRAME_KEY_BYTE && (buf[VRIX_FRAME_KEY_BYTE] & VRIX_FRAME_KEY_MASK) == 0)
             insert_row(db, hour, f.sec, offset);
-        offset += VRIX_FRAME_HEADER_SIZE + static_cast<long long>(f.len);
-    }
-    sql_submit(db, sql::kCommit, "");
+        return VRIX_FRAME_HEADER_SIZE + static_cast<long long>(f.len);
+    });
 }
 
 extern "C" void vrix_db_repair_audio(FILE *fp, SqlHandle db, int hour) {
     using namespace vrix;
-    Buffer rec(static_cast<unsigned char *>(std::malloc(VRIX_AUDIO_RECORD_SIZE)));
-    if (!rec) {
-        std::puts("vrix_db_repair_video : not enough memory !");
-        return;
-    }
-    if (!fp) return;
-    fseeko(fp, 0, SEEK_SET);
-    begin_hour(db, hour);
-    long long offset = 0;
     int last = 0;
-    for (;;) {
-        int32_t sec;
-        uint32_t sec2;
-        if (std::fread(rec.get(), 1, VRIX_AUDIO_RECORD_SIZE, fp) != VRIX_AUDIO_RECORD_SIZE ||
-            !parse_audio_record(rec.get(), sec, sec2))
-            break;
-        if (last == 0 || sec != last) {
-            last = sec;
-            insert_row(db, hour, sec, offset);
-        }
-        offset += VRIX_AUDIO_RECORD_SIZE;
-    }
-    sql_submit(db, sql::kCommit, "");
+    rebuild(fp, db, hour, VRIX_AUDIO_RECORD_SIZE,
+            [&](unsigned char *rec, long long offset) -> long long {
+                int32_t sec;
+                uint32_t sec2;
+                if (std::fread(rec, 1, VRIX_AUDIO_RECORD_SIZE, fp) != VRIX_AUDIO_RECORD_SIZE ||
+                    !parse_audio_record(rec, sec, sec2))
+                    return 0;
+                if (last == 0 || sec != last) {
+                    last = sec;
+                    insert_row(db, hour, sec, offset);
+                }
+                return VRIX_AUDIO_RECORD_SIZE;
+            });
 }
