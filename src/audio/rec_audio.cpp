@@ -1,5 +1,6 @@
 // Recording the audio block of every audio channel.
 #include "core/calendar.h"
+#include "core/file_io.h"
 #include "core/messages.h"
 #include "core/store_access.h"
 #include "rec_context.h"
@@ -101,7 +102,7 @@ bool open_hour_files(AudioRecContext &c, const char *audio_dir, int hour) {
         AudioRecChannel &ch = c.pChannels[k];
         Path dir, p;
         format_into(dir.text, sizeof dir.text, "%s/%d", audio_dir, k + 1);
-        make_dir(dir.text);
+        io::make_dir(dir.text);
         close_channel_file(ch);
         ch.llOffset = 0;
         format_into(p.text, sizeof p.text, "%s/%d.stream", dir.text, hour);
@@ -144,10 +145,10 @@ bool new_hour(AudioRecContext &c, const std::tm &tm, bool date_changed, uint32_t
     if (date_changed) {
         day_name(c.strDay, tm);
         writer_day_dir(day, c.strRoot, c.strDay);
-        make_dir(day.text);
+        io::make_dir(day.text);
     }
     format_into(audio.text, sizeof audio.text, "%s/%s/audio", c.strRoot, c.strDay);
-    if (date_changed) make_dir(audio.text);
+    if (date_changed) io::make_dir(audio.text);
     if (c.pAudioDb) {
         commit_rows(c);
         close_db(audio_mutex(), c.pAudioDb);

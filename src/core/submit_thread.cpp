@@ -1,6 +1,7 @@
 // The submit thread: day and hour bookkeeping for the video writer, taken off
 // the submit queue so the writer never stalls on it.
 #include "calendar.h"
+#include "file_io.h"
 #include "flags.h"
 #include "messages.h"
 #include "store/format.h"
@@ -54,12 +55,12 @@ void prepare_next_day(RecContext &ctx, int day) {
     day_name(name, tm);
     Path p;
     if (!writer_day_dir(p, ctx.strRoot, name)) return;
-    make_dir(p.text);
+    io::make_dir(p.text);
     if (!writer_video_dir(p, ctx.strRoot, name)) return;
-    make_dir(p.text);
+    io::make_dir(p.text);
     for (int n = 1; n < ctx.iChannelCount; ++n) {
         if (!writer_channel_dir(p, ctx.strRoot, name, n)) continue;
-        make_dir(p.text);
+        io::make_dir(p.text);
         if (!writer_video_db(p, ctx.strRoot, name, n)) continue;
         SqlHandle db = nullptr;
         if (open_db(video_mutex(n), p.text, db)) close_db(video_mutex(n), db);

@@ -1,6 +1,7 @@
 // Event recording: one row per event in the event.db of the event's local
 // day, the day registered in date.db at its first event.
 #include "core/calendar.h"
+#include "core/file_io.h"
 #include "core/pacing.h"
 #include "core/store_access.h"
 #include "event/event_context.h"
@@ -116,7 +117,7 @@ extern "C" void db_chech_event_dir(EventRecContext *ctx, const char *day, struct
 
     Path dir, db;
     const bool named = writer_day_dir(dir, ctx->strRoot, ctx->strDay) && dir_event_db(db, dir.text);
-    if (named) make_dir(dir.text);
+    if (named) io::make_dir(dir.text);
     open_day(*ctx, named ? db.text : nullptr, "db_chech_event_dir");
 }
 
@@ -132,7 +133,7 @@ extern "C" int db_insert_event(EventRecContext *ctx, int, int, struct tm *, time
 extern "C" int db_create_event(EventRecContext *ctx, const char *dir) {
     using namespace vrix;
     if (!ctx || !dir) return 0;
-    make_dir(dir);
+    io::make_dir(dir);
     Path p;
     if (!dir_event_db(p, dir)) return open_day(*ctx, nullptr, "db_create_event_db");
     return db_create_event_db(ctx, p.text);

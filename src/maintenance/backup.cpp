@@ -1,5 +1,6 @@
 // Byte copies of date.db and a day's event.db beside them, each taken under
 // its database's mutex, and the stop / acknowledge protocol around them.
+#include "core/file_io.h"
 #include "core/flags.h"
 #include "maintenance.h"
 #include "store/format.h"
@@ -21,9 +22,9 @@ void copy_aside(pthread_mutex_t *m, const Path &source) {
     Path copy;
     if (!source.text[0] || !path_with_suffix(copy, source.text, ".sql")) return;
     SqlLock hold(m);
-    File in(std::fopen(source.text, "r"));
+    File in(io::open_file(source.text, "r"));
     if (!in) return;
-    File out(std::fopen(copy.text, "w"));
+    File out(io::open_file(copy.text, "w"));
     if (!out) return;
     size_t n;
     do {

@@ -3,6 +3,7 @@
 // copy, a damaged video or audio index is rebuilt from the stream files.
 // Repair takes no database mutex: it runs before any context is opened.
 #include "core/calendar.h"
+#include "core/file_io.h"
 #include "maintenance.h"
 #include "store/format.h"
 #include "store/paths.h"
@@ -97,7 +98,7 @@ void correct_video(const char *dir) {
         Path stream;
         if (!format_into(stream.text, sizeof stream.text, "%s/%d.stream", dir, h)) continue;
         std::printf("open %s\n", stream.text);
-        File fp(std::fopen(stream.text, "rb+"));
+        File fp(io::open_file(stream.text, "rb+"));
         if (!fp) continue;
         if (!index.is_open()) {
             if (!index.open(db.text)) return;
@@ -125,7 +126,7 @@ void correct_audio(const char *dir) {
     for (int h = 0; h < 24; ++h) {
         Path stream;
         if (!format_into(stream.text, sizeof stream.text, "%s/1/%d.stream", dir, h)) continue;
-        File fp(std::fopen(stream.text, "rb+"));
+        File fp(io::open_file(stream.text, "rb+"));
         if (fp) vrix_db_repair_audio(fp.get(), index.get(), h);
     }
 }

@@ -1,7 +1,5 @@
 #include "paths.h"
 
-#include <sys/stat.h>
-
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -77,10 +75,6 @@ bool reader_audio_stream(Path &p, const char *root, const std::tm &d, int ch, in
 bool reader_event_db(Path &p, const char *root, const std::tm &d) {
     return format_into(p.text, sizeof p.text, "%s/%04d%02d%02d/event.db", root, d.tm_year + 1900,
                        d.tm_mon + 1, d.tm_mday);
-}
-
-void make_dir(const char *path) {
-    mkdir(path, 0700);
 }
 
 bool dir_event_db(Path &p, const char *dir) {

@@ -35,9 +35,6 @@ bool reader_audio_db(Path &p, const char *root, const std::tm &day);
 bool reader_audio_stream(Path &p, const char *root, const std::tm &day, int ch, int hour);
 bool reader_event_db(Path &p, const char *root, const std::tm &day);
 
-// mkdir with mode 0700; an existing directory is no error.
-void make_dir(const char *path);
-
 // The day's event database inside a day directory given as a path: "%s/event.db".
 bool dir_event_db(Path &p, const char *dir);
 

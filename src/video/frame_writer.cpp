@@ -1,5 +1,6 @@
 // The frame writer: every frame of every channel goes through here.
 #include "core/calendar.h"
+#include "core/file_io.h"
 #include "core/messages.h"
 #include "core/store_access.h"
 #include "rec_context.h"
@@ -117,7 +118,7 @@ void move_to_day(RecContext &ctx, RecChannel &c, int n) {
         if (!opened) {
             Path dir;
             writer_channel_dir(dir, ctx.strRoot, ctx.strDay, n);
-            make_dir(dir.text);
+            io::make_dir(dir.text);
             opened = sql_open(p.text, &c.pVideoDb) == 0;
         }
         if (opened)
@@ -365,8 +366,8 @@ extern "C" int db_chech_video_dir(RecContext *ctx, const char *day, int dayStart
     std::memset(ctx->strDay, 0, sizeof ctx->strDay);
     std::memcpy(ctx->strDay, day, strnlen(day, 8));
     Path p;
-    if (writer_day_dir(p, ctx->strRoot, ctx->strDay)) make_dir(p.text);
-    if (writer_video_dir(p, ctx->strRoot, ctx->strDay)) make_dir(p.text);
+    if (writer_day_dir(p, ctx->strRoot, ctx->strDay)) io::make_dir(p.text);
+    if (writer_video_dir(p, ctx->strRoot, ctx->strDay)) io::make_dir(p.text);
     prepare_message(ctx->DayMsg, VRIX_MSG_DAY);
     put_message_word(ctx->DayMsg, 4, dayStart);
     send_message(g_iSubmitMq, ctx->DayMsg);

@@ -16,6 +16,7 @@
 #pragma once
 
 #include "core/calendar.h"
+#include "core/file_io.h"
 #include "core/store_access.h"
 #include "store/format.h"
 #include "store/paths.h"
@@ -126,7 +127,8 @@ int locate_in_day(typename Media::Context &c, std::tm *t, int *pos, int *endPos,
         t->tm_min = t->tm_sec = fwd ? 0 : 59;
     }
     Stream stream;
-    if (!Media::stream(p, c, *t, t->tm_hour) || !(stream.fp = std::fopen(p.text, "rb"))) return 0;
+    if (!Media::stream(p, c, *t, t->tm_hour) || !(stream.fp = io::open_file(p.text, "rb")))
+        return 0;
 
     // The last row to play: up to the end time when it lies in this hour.
     const std::tm e = fields_of(c.iEndSec);

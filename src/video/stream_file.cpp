@@ -1,17 +1,15 @@
 #include "stream_file.h"
 
+#include "core/file_io.h"
 #include "core/messages.h"
 #include "store/records.h"
 #include "store/schema.h"
 
-#include <sys/stat.h>
-#include <unistd.h>
-
 namespace vrix {
 
 FILE *open_stream_for_writing(const char *path) {
-    FILE *fp = std::fopen(path, "rb+");
-    if (!fp) fp = std::fopen(path, "wb+");
+    FILE *fp = io::open_file(path, "rb+");
+    if (!fp) fp = io::open_file(path, "wb+");
     if (fp) std::setvbuf(fp, nullptr, _IONBF, 0);
     return fp;
 }
@@ -22,13 +20,11 @@ long long stream_size(FILE *fp) {
 }
 
 long long file_size(FILE *fp) {
-    struct stat st {};
-    return fstat(fileno(fp), &st) == 0 ? static_cast<long long>(st.st_size) : -1;
+    return io::file_size(fp);
 }
 
 bool cut_stream(FILE *fp, long long offset) {
-    std::fflush(fp);
-    const bool cut = ftruncate(fileno(fp), offset) == 0;
+    const bool cut = io::truncate_file(fp, offset);
     return fseeko(fp, offset, SEEK_SET) == 0 && cut;
 }
 

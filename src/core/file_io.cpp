@@ -1,0 +1,252 @@
+#include "file_io.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <mutex>
+#include <new>
+#include <shared_mutex>
+#include <string>
+#include <unordered_map>
+
+namespace vrix::io {
+namespace {
+
+std::atomic<Observer *> g_observer{nullptr};
+
+// What a stream of ours reads and writes through: the descriptor, the
+// position (positioned I/O, so seeks cost no system call) and the name the
+// observer is told.
+struct Cookie {
+    int fd;
+    long long pos;
+    std::string path;
+    FILE *fp = nullptr;
+};
+
+// Streams of ours by their FILE*, for the operations that need the
+// descriptor.  Made on first use and never destroyed: streams are opened from
+// static initializers and closed at exit.
+struct Streams {
+    std::shared_mutex mutex;
+    std::unordered_map<FILE *, Cookie *> by_file;
+};
+Streams &streams() {
+    static Streams *s = new Streams;
+    return *s;
+}
+
+ssize_t cookie_read(void *c, char *buf, size_t n) {
+    auto *f = static_cast<Cookie *>(c);
+    const Access a{Op::Read, f->path.c_str(), f->pos, n};
+    const Notice notice(observer(), a);
+    ssize_t r;
+    do
+        r = pread(f->fd, buf, n, f->pos);
+    while (r < 0 && errno == EINTR);
+    if (r < 0 && errno == ESPIPE) r = read(f->fd, buf, n); // a pipe has no positions
+    if (r > 0) f->pos += r;
+    return r;
+}
+
+// Returns the bytes written; 0 (errno kept) when nothing could be.
+ssize_t cookie_write(void *c, const char *buf, size_t n) {
+    auto *f = static_cast<Cookie *>(c);
+    const Access a{Op::Write, f->path.c_str(), f->pos, n, buf};
+    const Notice notice(observer(), a);
+    ssize_t r;
+    do
+        r = pwrite(f->fd, buf, n, f->pos);
+    while (r < 0 && errno == EINTR);
+    if (r < 0 && errno == ESPIPE) r = write(f->fd, buf, n);
+    if (r <= 0) return 0;
+    f->pos += r;
+    return r;
+}
+
+int cookie_seek(void *c, off64_t *to, int whence) {
+    auto *f = static_cast<Cookie *>(c);
+    long long base = 0;
+    if (whence == SEEK_CUR) {
+        base = f->pos;
+    } else if (whence == SEEK_END) {
+        struct stat st {};
+        if (fstat(f->fd, &st) != 0) return -1;
+        base = st.st_size;
+    } else if (whence != SEEK_SET) {
+        errno = EINVAL;
+        return -1;
+    }
+    if (*to < -base) {
+        errno = EINVAL;
+        return -1;
+    }
+    f->pos = base + *to;
+    *to = f->pos;
+    return 0;
+}
+
+int cookie_close(void *c) {
+    auto *f = static_cast<Cookie *>(c);
+    {
+        const std::unique_lock hold(streams().mutex);
+        streams().by_file.erase(f->fp);
+    }
+    const int rc = close(f->fd);
+    delete f;
+    return rc;
+}
+
+// The open(2) flags of an fopen mode; false for a mode we do not make.
+bool open_flags(const char *mode, int &flags, bool &truncate, const char *&cookie_mode) {
+    std::string m;
+    for (const char *p = mode; *p; ++p)
+        if (*p != 'b') m += *p;
+    truncate = false;
+    if (m == "r") {
+        flags = O_RDONLY;
+        cookie_mode = "r";
+    } else if (m == "r+") {
+        flags = O_RDWR;
+        cookie_mode = "r+";
+    } else if (m == "w" || m == "w+") {
+        flags = (m == "w" ? O_WRONLY : O_RDWR) | O_CREAT;
+        truncate = true;
+        cookie_mode = m == "w" ? "w" : "w+";
+    } else {
+        return false;
+    }
+    return true;
+}
+
+Cookie *cookie_of(FILE *fp) {
+    Streams &s = streams();
+    const std::shared_lock hold(s.mutex);
+    const auto it = s.by_file.find(fp);
+    return it == s.by_file.end() ? nullptr : it->second;
+}
+
+// The descriptor and name of a stream: ours, or any other C stream.
+int fd_of(FILE *fp, const char *&path) {
+    if (const Cookie *c = cookie_of(fp)) {
+        path = c->path.c_str();
+        return c->fd;
+    }
+    path = "";
+    return fileno(fp);
+}
+
+} // namespace
+
+Observer *observer() {
+    return g_observer.load(std::memory_order_acquire);
+}
+
+void set_observer(Observer *o) {
+    g_observer.store(o, std::memory_order_release);
+    use_database_layer(o != nullptr);
+}
+
+FILE *open_file(const char *path, const char *mode) {
+    int flags = 0;
+    bool truncate = false;
+    const char *cookie_mode = nullptr;
+    if (!path || !mode || !open_flags(mode, flags, truncate, cookie_mode)) {
+        errno = EINVAL;
+        return nullptr;
+    }
+    int fd;
+    {
+        Access a{Op::Open, path};
+        a.create = (flags & O_CREAT) != 0;
+        const Notice notice(observer(), a);
+        fd = open(path, flags | O_CLOEXEC, 0666);
+    }
+    if (fd < 0) return nullptr;
+    if (truncate) {
+        const Access a{Op::Truncate, path, 0};
+        const Notice notice(observer(), a);
+        if (ftruncate(fd, 0) != 0) {
+            close(fd);
+            return nullptr;
+        }
+    }
+    auto *c = new (std::nothrow) Cookie{fd, 0, path};
+    FILE *fp =
+        c ? fopencookie(c, cookie_mode,
+                        cookie_io_functions_t{cookie_read, cookie_write, cookie_seek, cookie_close})
+          : nullptr;
+    if (!fp) {
+        const int e = c ? errno : ENOMEM;
+        close(fd);
+        delete c;
+        errno = e;
+        return nullptr;
+    }
+    c->fp = fp;
+    const std::unique_lock hold(streams().mutex);
+    streams().by_file[fp] = c;
+    return fp;
+}
+
+long long file_size(FILE *fp) {
+    const char *path;
+    struct stat st {};
+    return fstat(fd_of(fp, path), &st) == 0 ? static_cast<long long>(st.st_size) : -1;
+}
+
+bool truncate_file(FILE *fp, long long size) {
+    std::fflush(fp);
+    const char *path;
+    const int fd = fd_of(fp, path);
+    const Access a{Op::Truncate, path, size};
+    const Notice notice(observer(), a);
+    return ftruncate(fd, size) == 0;
+}
+
+bool sync_file(FILE *fp) {
+    if (std::fflush(fp) != 0) return false;
+    const char *path;
+    const int fd = fd_of(fp, path);
+    const Access a{Op::Sync, path};
+    const Notice notice(observer(), a);
+    return fdatasync(fd) == 0;
+}
+
+void make_dir(const char *path) {
+    const Access a{Op::MakeDir, path};
+    const Notice notice(observer(), a);
+    mkdir(path, 0700);
+}
+
+namespace {
+
+// fsync or syncfs on a directory opened for it.
+bool sync_through_dir(const char *path, Op op) {
+    const int fd = open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0) return false;
+    bool ok;
+    {
+        const Access a{op, path};
+        const Notice notice(observer(), a);
+        ok = (op == Op::SyncAll ? syncfs(fd) : fsync(fd)) == 0;
+    }
+    close(fd);
+    return ok;
+}
+
+} // namespace
+
+bool sync_dir(const char *path) {
+    return sync_through_dir(path, Op::SyncDir);
+}
+
+bool sync_all(const char *path) {
+    return sync_through_dir(path, Op::SyncAll);
+}
+
+} // namespace vrix::io

@@ -1,0 +1,100 @@
+// The library's file operations: stream files, directories and syncs, and
+// (through the SQLite file layer in sql_vfs.cpp) the databases.  By default
+// each is the plain system call.  A test installs an Observer that is told of
+// every operation before it runs and after it returned, so that it can keep
+// the bytes a power cut would lose, count reads, or hold all I/O still.
+//
+// Streams opened here are C library streams over the library's own
+// read/write/seek, so every byte moved through them is seen.  They have no
+// descriptor for fileno(): use file_size / truncate_file / sync_file.
+#pragma once
+
+#include <cstddef>
+#include <cstdio>
+
+namespace vrix::io {
+
+enum class Op : unsigned char {
+    Open,     // a file is opened; `create`: it is made when missing
+    Read,     // `length` bytes at `offset`
+    Write,    // `length` bytes of `data` at `offset`
+    Truncate, // the file is cut (or extended) to `offset` bytes
+    Sync,     // the file's data and size are made durable
+    Remove,   // the file's name is removed
+    MakeDir,  // a directory is made when missing
+    SyncDir,  // the names in directory `path` are made durable
+    SyncAll,  // everything on the file system holding `path` is made durable
+};
+
+struct Access {
+    Op op;
+    const char *path; // the file or directory
+    long long offset = 0;
+    size_t length = 0;
+    const void *data = nullptr;
+    bool create = false;    // Open: the file is made when missing
+    bool with_name = false; // Sync: the names in the file's directory too
+};
+
+// Told of every operation.  before() runs first and may block (a gate that
+// freezes all I/O at one instant); after() runs once the operation returned,
+// whatever its outcome.  Both may be called from any thread.
+class Observer {
+  public:
+    virtual ~Observer() = default;
+    virtual void before(const Access &a) = 0;
+    virtual void after(const Access &) {}
+};
+
+// Installs `o` for every later operation, null for none; while one is
+// installed the library's databases go through it too.  Not for use while
+// other threads are inside an operation.
+void set_observer(Observer *o);
+
+// Opens a stream with an fopen mode ("r", "rb", "rb+", "w", "wb", "wb+"; any
+// other is refused).  Null with errno set on failure.
+FILE *open_file(const char *path, const char *mode);
+
+// Size of an open file without moving it; -1 on failure.
+long long file_size(FILE *fp);
+
+// Writes the stream's buffer, then cuts the file at `size`.  The position is
+// left as it was.
+bool truncate_file(FILE *fp, long long size);
+
+// Writes the stream's buffer and makes the file's data durable (fdatasync).
+bool sync_file(FILE *fp);
+
+// mkdir with mode 0700; an existing directory is no error.
+void make_dir(const char *path);
+
+// Makes the names in a directory durable (fsync of the directory).
+bool sync_dir(const char *path);
+
+// Makes everything on the file system holding `path` durable (syncfs).
+bool sync_all(const char *path);
+
+// Used by the database layer: the installed observer, or null.
+Observer *observer();
+
+// Tells the observer (if any) of one operation for the scope of the guard.
+class Notice {
+  public:
+    Notice(Observer *o, const Access &a) : o_(o), a_(a) {
+        if (o_) o_->before(a_);
+    }
+    ~Notice() {
+        if (o_) o_->after(a_);
+    }
+    Notice(const Notice &) = delete;
+    Notice &operator=(const Notice &) = delete;
+
+  private:
+    Observer *o_;
+    const Access &a_;
+};
+
+// Registers or withdraws the database layer as SQLite's default (sql_vfs.cpp).
+void use_database_layer(bool on);
+
+} // namespace vrix::io

@@ -1,0 +1,193 @@
+#include "power_cut.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <filesystem>
+#include <random>
+
+namespace vrix::test {
+namespace {
+
+// One spelling per file: absolute, no "//", ".", or trailing "/".
+std::string normal(const char *path) {
+    if (!path || !*path) return {};
+    std::string s = std::filesystem::absolute(path).lexically_normal().string();
+    while (s.size() > 1 && s.back() == '/')
+        s.pop_back();
+    return s;
+}
+
+std::string parent_of(const std::string &path) {
+    const size_t slash = path.rfind('/');
+    return slash == 0 ? "/" : path.substr(0, slash == std::string::npos ? 0 : slash);
+}
+
+bool exists(const std::string &path) {
+    struct stat st {};
+    return lstat(path.c_str(), &st) == 0;
+}
+
+long long size_of(int fd) {
+    struct stat st {};
+    return fstat(fd, &st) == 0 ? static_cast<long long>(st.st_size) : 0;
+}
+
+// The bytes of [offset, end) that exist in a file of `size` bytes.
+std::vector<unsigned char> bytes_at(int fd, long long offset, long long end, long long size) {
+    std::vector<unsigned char> b;
+    end = std::min(end, size);
+    if (offset >= end) return b;
+    b.resize(static_cast<size_t>(end - offset));
+    const ssize_t n = pread(fd, b.data(), b.size(), offset);
+    b.resize(n > 0 ? static_cast<size_t>(n) : 0);
+    return b;
+}
+
+} // namespace
+
+PowerCut::PowerCut() {
+    io::set_observer(this);
+}
+
+PowerCut::~PowerCut() {
+    io::set_observer(nullptr);
+    for (auto &[path, t] : files_)
+        if (t.fd >= 0) close(t.fd);
+}
+
+PowerCut::Tracked *PowerCut::track(const std::string &path) {
+    auto it = files_.find(path);
+    if (it != files_.end()) return &it->second;
+    const int fd = open(path.c_str(), O_RDWR | O_CLOEXEC);
+    if (fd < 0) return nullptr;
+    struct stat st {};
+    fstat(fd, &st);
+    Tracked &t = files_[path];
+    t.fd = fd;
+    t.ino = st.st_ino;
+    return &t;
+}
+
+void PowerCut::forget(const std::string &path) {
+    const auto it = files_.find(path);
+    if (it == files_.end()) return;
+    if (it->second.fd >= 0) close(it->second.fd);
+    files_.erase(it);
+}
+
+void PowerCut::names_durable_in(const std::string &dir) {
+    for (auto it = new_names_.begin(); it != new_names_.end();)
+        it = parent_of(*it) == dir ? new_names_.erase(it) : std::next(it);
+}
+
+void PowerCut::before(const io::Access &a) {
+    gate_.lock();
+    const std::string path = normal(a.path);
+    if (path.empty()) return;
+    switch (a.op) {
+    case io::Op::Open:
+        if (const auto it = files_.find(path); it != files_.end()) {
+            // Replaced behind the layer's back (removed by the remove server):
+            // what was kept belongs to a file that is gone.
+            struct stat st {};
+            if (stat(path.c_str(), &st) != 0 || st.st_ino != it->second.ino) forget(path);
+        }
+        if (a.create && !exists(path)) new_names_.insert(path);
+        break;
+    case io::Op::MakeDir:
+        if (!exists(path)) new_names_.insert(path);
+        break;
+    case io::Op::Write:
+    case io::Op::Truncate: {
+        Tracked *t = track(path);
+        if (!t) break;
+        const long long size = size_of(t->fd);
+        const long long end =
+            a.op == io::Op::Write ? a.offset + static_cast<long long>(a.length) : size;
+        t->undo.push_back({a.offset, bytes_at(t->fd, a.offset, end, size), size});
+        if (a.op == io::Op::Write) {
+            const auto *d = static_cast<const unsigned char *>(a.data);
+            last_ = {path, a.offset, {d, d + a.length}};
+        }
+        break;
+    }
+    case io::Op::Sync:
+        if (Tracked *t = track(path)) t->undo.clear();
+        if (last_.path == path) last_ = {};
+        if (a.with_name) names_durable_in(parent_of(path));
+        break;
+    case io::Op::Remove:
+        forget(path);
+        new_names_.erase(path);
+        if (last_.path == path) last_ = {};
+        break;
+    case io::Op::SyncDir:
+        names_durable_in(path);
+        break;
+    case io::Op::SyncAll:
+        for (auto &[p, t] : files_)
+            t.undo.clear();
+        new_names_.clear();
+        last_ = {};
+        break;
+    case io::Op::Read:
+        break;
+    }
+}
+
+void PowerCut::after(const io::Access &) {
+    gate_.unlock();
+}
+
+void PowerCut::put_back(bool tear, uint32_t seed) {
+    for (auto &[path, t] : files_) {
+        for (auto u = t.undo.rbegin(); u != t.undo.rend(); ++u) {
+            const bool ok =
+                ftruncate(t.fd, u->size_before) == 0 &&
+                (u->old.empty() || pwrite(t.fd, u->old.data(), u->old.size(), u->offset) ==
+                                       static_cast<ssize_t>(u->old.size()));
+            if (!ok) std::perror(path.c_str());
+        }
+        t.undo.clear();
+    }
+    if (tear && !last_.data.empty()) {
+        if (Tracked *t = track(last_.path)) {
+            std::mt19937 rng(seed);
+            const size_t keep = rng() % last_.data.size();
+            if (keep && pwrite(t->fd, last_.data.data(), keep, last_.offset) < 0)
+                std::perror(last_.path.c_str());
+        }
+    }
+    last_ = {};
+    // Deepest first, so that a directory is emptied of its own new names
+    // before it goes itself.
+    std::vector<std::string> names(new_names_.begin(), new_names_.end());
+    std::sort(names.begin(), names.end(),
+              [](const std::string &x, const std::string &y) { return x.size() > y.size(); });
+    for (const std::string &n : names) {
+        forget(n);
+        std::error_code ec;
+        std::filesystem::remove_all(n, ec);
+    }
+    new_names_.clear();
+}
+
+void PowerCut::cut(int status, bool tear, uint32_t seed) {
+    gate_.lock(); // never given back: every other thread's I/O waits here
+    put_back(tear, seed);
+    _exit(status);
+}
+
+void PowerCut::restore(bool tear, uint32_t seed) {
+    const std::lock_guard<std::mutex> hold(gate_);
+    put_back(tear, seed);
+    for (auto &[path, t] : files_)
+        if (t.fd >= 0) close(t.fd);
+    files_.clear();
+}
+
+} // namespace vrix::test
