@@ -2,6 +2,7 @@
 #include "core/calendar.h"
 #include "core/file_io.h"
 #include "core/messages.h"
+#include "core/root_lock.h"
 #include "core/store_access.h"
 #include "rec_context.h"
 #include "store/format.h"
@@ -196,6 +197,7 @@ extern "C" AudioRecContext *vrix_db_open_rec_audio(const char *root, int count) 
     auto *raw = static_cast<AudioRecContext *>(std::calloc(1, sizeof(AudioRecContext)));
     if (!raw) return nullptr;
     std::unique_ptr<AudioRecContext, CloseAudio> ctx(raw);
+    if (!(ctx->pRootClaim = claim_root(root, "vrix_db_open_rec_audio"))) return nullptr;
     ctx->iRecSize = VRIX_AUDIO_RECORD_SIZE;
     ctx->iHour = -1;
     if (!(ctx->strRoot = make_writer_root(root))) return nullptr;
@@ -225,6 +227,7 @@ extern "C" void vrix_db_close_rec_audio(AudioRecContext *ctx) {
     }
     std::free(ctx->pChannels);
     close_db(audio_mutex(), ctx->pAudioDb);
+    release_root(ctx->pRootClaim);
     std::free(ctx);
 }
 

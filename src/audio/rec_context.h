@@ -6,6 +6,10 @@
 
 #include <cstdio>
 
+namespace vrix {
+struct RootClaim;
+}
+
 constexpr int kAudioBufSize = 2048; // write-behind buffer per channel
 constexpr int kAudioSqlBufSize = 2048;
 constexpr int kAudioBatchRows = 5; // a batch commits once it holds more rows
@@ -38,4 +42,6 @@ struct AudioRecContext {
     int iMon;
     int iMday;
     int iHour; // hour of the open files; -1 = none
+    // This process's claim on the root: one recording process per store.
+    vrix::RootClaim *pRootClaim;
 };

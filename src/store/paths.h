@@ -47,6 +47,8 @@ bool day_event_db(Path &p, const char *root, const char *day); // %s/%s/event.db
 // "%s/%d%02d%02d/audio/".
 bool repair_channel_dir(Path &p, const char *root, const std::tm &day, int ch);
 bool repair_audio_dir(Path &p, const char *root, const std::tm &day);
+// The lock file of one recording process per store: "%s/.vrixdb.lock".
+bool root_lock_file(Path &p, const char *root);
 // A file beside another: "%s%s" (".sql" backup copies, "-journal").
 bool path_with_suffix(Path &p, const char *path, const char *suffix);
 

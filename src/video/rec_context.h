@@ -6,6 +6,10 @@
 
 #include <cstdio>
 
+namespace vrix {
+struct RootClaim;
+}
+
 constexpr int kFrameBufSize = 131072; // write-behind buffer per channel
 constexpr int kSqlBufSize = 2048;     // index rows waiting for a commit
 constexpr int kMaxRecSlots = VRIX_VIDEO_CHANNELS + 1;
@@ -41,4 +45,6 @@ struct RecContext {
     ResultTable pOffsetResult; // one "%u" slot: the resume query
     ResultTable pIntResult;    // one "%d" slot: the submit thread's queries
     NotifyMessage DayMsg;      // 'd': day start
+    // This process's claim on the root: one recording process per store.
+    vrix::RootClaim *pRootClaim;
 };

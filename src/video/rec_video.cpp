@@ -1,5 +1,6 @@
 // Opening and closing the video recording context.
 #include "core/calendar.h"
+#include "core/root_lock.h"
 #include "core/store_access.h"
 #include "rec_context.h"
 #include "rec_writer.h"
@@ -67,13 +68,16 @@ extern "C" RecContext *vrix_db_open_rec_video(const char *root, int count) {
         std::puts("vrix_db_open_rec_video : a recording context is open already");
         return nullptr;
     }
-    refresh_timezone();
-    auto *raw = static_cast<RecContext *>(std::calloc(1, sizeof(RecContext)));
+    RootClaim *claim = claim_root(root, "vrix_db_open_rec_video");
+    auto *raw = claim ? static_cast<RecContext *>(std::calloc(1, sizeof(RecContext))) : nullptr;
     if (!raw) {
+        release_root(claim);
         g_rec_open.store(false);
         return nullptr;
     }
+    refresh_timezone();
     std::unique_ptr<RecContext, CloseRec> ctx(raw);
+    ctx->pRootClaim = claim;
     if (!(ctx->strRoot = make_writer_root(root))) return nullptr;
     if (!(ctx->pOffsetResult = make_holder(1, kOffsetCell))) return nullptr;
     if (!(ctx->pIntResult = make_holder(1, kIntCell))) return nullptr;
@@ -105,6 +109,7 @@ extern "C" void vrix_db_close_rec_video(RecContext *ctx) {
     }
     std::free(ctx->pChannels);
     close_db(date_mutex(), ctx->pDateDb);
+    release_root(ctx->pRootClaim);
     std::free(ctx);
     g_rec_open.store(false);
 }
