@@ -188,6 +188,11 @@ FILE *open_file(const char *path, const char *mode) {
         return nullptr;
     }
     c->fp = fp;
+    // The C library's own streams buffer one block of the file system; ours
+    // would take BUFSIZ, which costs backward play its seeks.
+    struct stat st {};
+    if (fstat(fd, &st) == 0 && st.st_blksize > 0)
+        std::setvbuf(fp, nullptr, _IOFBF, static_cast<size_t>(st.st_blksize));
     const std::unique_lock hold(streams().mutex);
     streams().by_file[fp] = c;
     return fp;

@@ -8,7 +8,6 @@
 
 #include <sqlite3.h>
 
-#include <cstring>
 #include <string>
 
 namespace vrix::io {

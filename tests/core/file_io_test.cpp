@@ -144,11 +144,5 @@ TEST_F(PowerCutModel, DatabasesKeepWhatTheyCommittedDurably) {
     EXPECT_FALSE(exists(day));
 }
 
-TEST(FileIo, ModesItDoesNotMakeAreRefused) {
-    EXPECT_EQ(io::open_file("/tmp/x", "a"), nullptr);
-    EXPECT_EQ(io::open_file("/tmp/x", "rw"), nullptr);
-    EXPECT_EQ(io::open_file(nullptr, "r"), nullptr);
-}
-
 } // namespace
 } // namespace vrix
