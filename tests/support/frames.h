@@ -55,8 +55,10 @@ inline std::vector<std::string> rows(const std::string &db, const std::string &s
             h, sql.c_str(),
             [](void *p, int n, char **v, char **) {
                 std::string row;
-                for (int i = 0; i < n; ++i)
-                    row += (i ? "," : "") + std::string(v[i] ? v[i] : "NULL");
+                for (int i = 0; i < n; ++i) {
+                    if (i) row += ',';
+                    row += v[i] ? v[i] : "NULL";
+                }
                 static_cast<std::vector<std::string> *>(p)->push_back(row);
                 return 0;
             },
