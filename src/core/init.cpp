@@ -32,8 +32,17 @@ pthread_mutex_t *new_mutex() {
 
 constexpr int kQueueFlags = IPC_CREAT | 0666;
 
+#define VRIX_TEXT(x) #x
+#define VRIX_VERSION_TEXT(a, b, c) VRIX_TEXT(a) "." VRIX_TEXT(b) "." VRIX_TEXT(c)
+constexpr const char *kVersion =
+    VRIX_VERSION_TEXT(VRIX_VERSION_MAJOR, VRIX_VERSION_MINOR, VRIX_VERSION_PATCH);
+
 } // namespace
 } // namespace vrix
+
+extern "C" const char *vrix_db_version(void) {
+    return vrix::kVersion;
+}
 
 extern "C" int vrix_db_init(int send_queue) {
     using namespace vrix;

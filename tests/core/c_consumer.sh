@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Installs the library into a scratch prefix and builds a C99 application
-# against it twice: with pkg-config and with find_package(VrixDB).
+# against it twice: with pkg-config and with find_package(VrixDB).  The
+# version the header and the library give is the packages' (CMake's) version.
 set -euo pipefail
 build=$1 source=$2 cmake_project=$3
 prefix=$(mktemp -d)
@@ -12,7 +13,9 @@ for q in 1220 1221 1222; do ipcrm -Q $q 2>/dev/null || true; done
 
 gcc -std=c99 -Wall -Wextra -Werror -pedantic $(pkg-config --cflags vrixdb) "$source" \
   -o "$prefix/consumer" $(pkg-config --libs vrixdb) ${CONSUMER_LDFLAGS:-}
-LD_LIBRARY_PATH=$libdir "$prefix/consumer"
+version=$(pkg-config --modversion vrixdb)
+LD_LIBRARY_PATH=$libdir "$prefix/consumer" | tee "$prefix/out"
+grep -qx "consumer ok $version" "$prefix/out" || { echo "header or library version is not $version"; exit 1; }
 
 for q in 1220 1221 1222; do ipcrm -Q $q 2>/dev/null || true; done
 cmake -S "$cmake_project" -B "$prefix/cm" -DCMAKE_PREFIX_PATH="$prefix/usr" \
