@@ -61,7 +61,6 @@ TEST(LockRules, TheDatabaseMutexesAreErrorChecking) {
     ASSERT_EQ(pthread_mutex_lock(g_pDateSqlMutex), 0);
     EXPECT_EQ(pthread_mutex_lock(g_pDateSqlMutex), EDEADLK);
     EXPECT_EQ(pthread_mutex_unlock(g_pDateSqlMutex), 0);
-    EXPECT_EQ(pthread_mutex_unlock(g_pDateSqlMutex), EPERM);
 }
 
 #else
