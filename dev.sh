@@ -3,7 +3,7 @@
 #   ./dev.sh demo    install what is missing, build, run the demo
 #   ./dev.sh test    install what is missing, build, run the tests
 #   ./dev.sh asan    the tests built with AddressSanitizer + UBSan
-#   ./dev.sh tsan    the concurrency tests built with ThreadSanitizer
+#   ./dev.sh tsan    the concurrency tests built with ThreadSanitizer and checked lock rules
 #   ./dev.sh fuzz    the libFuzzer targets (clang), a few seconds each
 #   ./dev.sh release everything built in Release (tests, benchmarks), the quick tests run
 #   ./dev.sh bench   build in Release and run the benchmarks
@@ -58,7 +58,7 @@ asan)
   ;;
 tsan)
   deps
-  build build-tsan -DVRIX_SANITIZE=thread -DVRIX_BENCH=OFF
+  build build-tsan -DVRIX_SANITIZE=thread -DVRIX_DEBUG_LOCKS=ON -DVRIX_BENCH=OFF
   ctest --test-dir build-tsan --output-on-failure -j"$jobs" -L concurrency
   ;;
 fuzz)

@@ -2,13 +2,15 @@
 // every subcommand makes on its root before it lets the library touch it.
 #pragma once
 
+#include "vrixdb.h"
+
 #include <cstdio>
 #include <string>
 
 namespace vrixtool {
 
 // Longest root the library accepts (its paths are formed in 128 bytes).
-constexpr size_t kMaxRoot = 98;
+constexpr size_t kMaxRoot = VRIX_MAX_ROOT_LENGTH;
 
 // Starts the library once for this process with a private application queue
 // (removed at exit).  False, with a message on stderr, when it cannot start.

@@ -53,7 +53,7 @@ Row seek_row(AudioPlayContext &c, int id) {
     format_into(q.text, sizeof q.text, sql::kRowOfId, c.iHour, id);
     int rows = -1;
     for (int i = 0; i < kStoreAttempts && rows < 0; ++i) {
-        if (i) usleep(1);
+        if (i) poll_pause();
         SqlLock hold(audio_mutex());
         rows = sql_submit(c.pAudioDb, q.text, "%u %d", &c.pOffsetResult, &c.pIntResult);
         if (rows < 0)

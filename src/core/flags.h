@@ -12,7 +12,8 @@ inline void flag_set(int &word, int value) {
     std::atomic_ref<int>(word).store(value);
 }
 
-// Sleeps one poll interval (1 microsecond) between reads of a flag.
+// Sleeps one poll interval (1 microsecond) between reads of a flag or tries
+// of a busy store.  No database mutex may be held.
 void poll_pause();
 
 // Waits until `word` is non-zero.

@@ -1,5 +1,6 @@
 #include "messages.h"
 
+#include "lock_check.h"
 #include "store/records.h"
 
 #include <sys/msg.h>
@@ -10,6 +11,7 @@
 namespace vrix {
 
 int send_message(int queue, const NotifyMessage &msg) {
+    require_no_db_lock("queue send");
     while (msgsnd(queue, &msg, VRIX_MSG_TEXT_SIZE, 0) != 0) {
         if (errno != EINTR) return -1;
     }
@@ -17,6 +19,7 @@ int send_message(int queue, const NotifyMessage &msg) {
 }
 
 int receive_message(int queue, NotifyMessage &msg) {
+    require_no_db_lock("queue receive");
     ssize_t n;
     while ((n = msgrcv(queue, &msg, VRIX_MSG_TEXT_SIZE, 0, MSG_NOERROR)) < 0)
         if (errno != EINTR) return -1;

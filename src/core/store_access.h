@@ -1,7 +1,28 @@
 // The library's side of the store access layer: the mutex of each database
 // kind, a guard that holds it, result holders and the transaction convention.
+//
+// Lock rules (checked in builds with VRIX_DEBUG_LOCKS, see lock_check.h):
+// - The database mutexes (g_pVideoSqlMutex[1..16], g_pAudioSqlMutex,
+//   g_pDateSqlMutex, g_pEventSqlMutex) are taken only through SqlLock, or the
+//   helpers below that hold one for a single call.
+// - A thread holds at most one of them at a time: no helper that locks is
+//   called while a guard is held.
+// - None is held across a sleep, a poll pause, a queue send or receive, or the
+//   remove handshake: a guard's scope ends before any of these.
+// - Helpers that work on a handle whose mutex the caller holds say so with a
+//   "Requires: <mutex> held" line.
+//
+// Ownership of the video recording context (video/rec_context.h):
+// - The writer thread (the recorder's calls on the context) owns everything
+//   in RecChannel and RecContext, and pOffsetResult is its holder.
+// - The submit thread reads RecChannel::strDay and pVideoDb only under the
+//   channel's video mutex; the writer changes both together under it.
+// - pDateDb is used by both threads, always under the date mutex.
+// - pIntResult is the submit thread's holder; the writer never touches it.
+// - strRoot and iChannelCount do not change while the context is open.
 #pragma once
 
+#include "lock_check.h"
 #include "vrixdb.h"
 
 #include <initializer_list>
@@ -9,14 +30,25 @@
 namespace vrix {
 
 // Holds a database mutex for the guard's lifetime.  A null mutex (the
-// library not started) is passed over rather than dereferenced.
+// library not started, or repair, which takes no lock) is passed over rather
+// than dereferenced.
 class SqlLock {
   public:
     explicit SqlLock(pthread_mutex_t *m) : m_(m) {
-        if (m_) pthread_mutex_lock(m_);
+        if (!m_) return;
+        note_db_lock_taken();
+        [[maybe_unused]] const int rc = pthread_mutex_lock(m_);
+#if VRIX_DEBUG_LOCKS
+        if (rc != 0) db_lock_failed("lock", rc);
+#endif
     }
     ~SqlLock() {
-        if (m_) pthread_mutex_unlock(m_);
+        if (!m_) return;
+        [[maybe_unused]] const int rc = pthread_mutex_unlock(m_);
+#if VRIX_DEBUG_LOCKS
+        if (rc != 0) db_lock_failed("unlock", rc);
+#endif
+        note_db_lock_released();
     }
     SqlLock(const SqlLock &) = delete;
     SqlLock &operator=(const SqlLock &) = delete;

@@ -8,6 +8,7 @@
 #include "store/records.h"
 #include "store/schema.h"
 #include "store_access.h"
+#include "sync_point.h"
 #include "video/rec_context.h"
 
 #include <unistd.h>
@@ -168,7 +169,9 @@ extern "C" void *vrix_db_submit_thread(void *) {
                 poll_pause();
                 continue;
             }
-            if (handle(ctx, msg)) break;
+            const bool stop = handle(ctx, msg);
+            VRIX_SYNC_POINT("submit_thread:message_handled");
+            if (stop) break;
         }
     }
     return nullptr;

@@ -1,4 +1,5 @@
 // The remove handshake on queues 1221/1222, and unregistering a removed day.
+#include "core/lock_check.h"
 #include "core/messages.h"
 #include "core/pacing.h"
 #include "maintenance.h"
@@ -11,6 +12,7 @@
 namespace vrix {
 
 void request_remove(unsigned char command, const char *path, bool announce) {
+    require_no_db_lock("remove handshake");
     // g_RmMsg keeps the type of the last reply (1 from start-up on); only its
     // text is filled here.
     std::memset(g_RmMsg.mtext, 0, sizeof g_RmMsg.mtext);

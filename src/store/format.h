@@ -1,6 +1,8 @@
 // Bounded formatting into the library's fixed buffers.
 #pragma once
 
+#include "vrixdb.h"
+
 #include <cstddef>
 
 namespace vrix {
@@ -14,10 +16,11 @@ template <size_t N> struct FixedText {
     const char *c_str() const { return text; }
 };
 
-constexpr size_t kPathSize = 128;     // every path of the store
-constexpr size_t kSqlSize = 256;      // one statement
-constexpr size_t kBatchSize = 2048;   // a batch of index rows
-constexpr size_t kMaxRootLength = 98; // root + the longest path suffix fits kPathSize
+constexpr size_t kPathSize = 128;   // every path of the store
+constexpr size_t kSqlSize = 256;    // one statement
+constexpr size_t kBatchSize = 2048; // a batch of index rows
+// Root + the longest path suffix fits kPathSize.
+constexpr size_t kMaxRootLength = VRIX_MAX_ROOT_LENGTH;
 
 using Path = FixedText<kPathSize>;
 using Sql = FixedText<kSqlSize>;

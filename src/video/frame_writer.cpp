@@ -2,6 +2,7 @@
 #include "core/calendar.h"
 #include "core/messages.h"
 #include "core/store_access.h"
+#include "core/sync_point.h"
 #include "rec_context.h"
 #include "rec_writer.h"
 #include "store/format.h"
@@ -36,6 +37,7 @@ constexpr int kBusyTries = 20; // with SQLite's own busy wait, about a second
 // A statement repeated while the database is busy (about a second with
 // SQLite's own wait), so that a reader in another process holding a lock for
 // a moment costs no registration and leaves no transaction open.
+// Requires: the mutex of `db` held.
 int submit_busy(SqlHandle db, const char *sql, const char *format = "",
                 ResultTable *holder = nullptr) {
     int r = -1;
@@ -46,6 +48,7 @@ int submit_busy(SqlHandle db, const char *sql, const char *format = "",
 
 // Adds the row unless the lookup found it; a lookup that failed adds it too
 // (a second row does no harm, a missing one hides footage).
+// Requires: the mutex of `db` held.
 void ensure_row(RecContext &ctx, SqlHandle db, const Sql &find, const Sql &insert) {
     if (submit_busy(db, find.text, "%u", &ctx.pOffsetResult) <= 0) submit_busy(db, insert.text);
 }
@@ -62,6 +65,7 @@ void register_day(RecContext &ctx, int n, int day) {
 }
 
 // The hour's table and its row in the day's H, inside the commit.
+// Requires: the channel's video mutex held.
 void prepare_hour(RecContext &ctx, SqlHandle db, int hour) {
     Sql q, insert;
     format_into(q.text, sizeof q.text, sql::kCreateIndex, hour);
@@ -158,6 +162,7 @@ long long newest_row_below(RecContext &ctx, RecChannel &c, int n, long long boun
     Sql q;
     format_into(q.text, sizeof q.text, sql::kResumeOffset, c.iHour, bound);
     const int rows = query_retrying(c.pVideoDb, n, q.text, "%u", ctx.pOffsetResult);
+    VRIX_SYNC_POINT("rec_video:resume_row_read");
     long long found = 0;
     if (rows > 0) {
         if (!holder_offset(ctx.pOffsetResult, found)) return 0; // max() over no row

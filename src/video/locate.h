@@ -16,12 +16,11 @@
 #pragma once
 
 #include "core/calendar.h"
+#include "core/flags.h"
 #include "core/store_access.h"
 #include "store/format.h"
 #include "store/paths.h"
 #include "store/schema.h"
-
-#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -57,7 +56,7 @@ struct Stream {
 inline bool query_int_tries(DayIndex &day, const char *sql, ResultTable &holder, int &out,
                             int attempts) {
     for (int i = 0; i < attempts; ++i) {
-        if (i) usleep(1);
+        if (i) poll_pause();
         if (query_int(day.m, day.db, sql, holder, out)) return true;
     }
     return false;
@@ -162,7 +161,7 @@ int locate_in_day(typename Media::Context &c, std::tm *t, int *pos, int *endPos,
     }
     int rows = -1;
     for (int i = 0; i < Media::kAttempts && rows < 0; ++i) {
-        if (i) usleep(1);
+        if (i) poll_pause();
         rows = query_locked(day.m, day.db, q.text, "%d", c.pIntResult);
     }
     int found;

@@ -1,6 +1,7 @@
 // Stepping through a channel's recording: forward frame by frame (or key
 // frame by key frame), backward key frame by key frame.
 #include "core/calendar.h"
+#include "core/flags.h"
 #include "core/store_access.h"
 #include "play_context.h"
 #include "play_video.h"
@@ -10,7 +11,6 @@
 #include "stream_file.h"
 
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cstdio>
 
@@ -61,7 +61,7 @@ bool refresh_end(PlayContext &c, int &last) {
     Sql q;
     format_into(q.text, sizeof q.text, sql::kLastId, c.iHour);
     for (int i = 0; i < kStoreAttempts; ++i) {
-        if (i) usleep(1);
+        if (i) poll_pause();
         const int rows = query_locked(video_mutex(c.iCh), c.pVideoDb, q.text, "%d", c.pIntResult);
         if (rows == -1) continue;
         return rows > 0 && holder_int(c.pIntResult, last);
@@ -82,7 +82,7 @@ RowCheck key_frame_row(PlayContext &c, int id, long long &offset) {
     format_into(q.text, sizeof q.text, sql::kRowOfId, c.iHour, id);
     int rows = -1;
     for (int i = 0; i < kStoreAttempts && rows < 0; ++i) {
-        if (i) usleep(1);
+        if (i) poll_pause();
         SqlLock hold(video_mutex(c.iCh));
         rows = sql_submit(c.pVideoDb, q.text, "%u %d", &c.pOffsetResult, &c.pIntResult);
     }

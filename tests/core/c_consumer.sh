@@ -6,6 +6,7 @@
 #   - a C99 application built with find_package(VrixDB) that calls libvrixdb
 #     alone, so only libvrixdb is recorded and it must find libvrixhdd itself.
 # The applications link with --as-needed, as Debian's packages do.
+# The version the header and the library give is the packages' (CMake's) version.
 set -euo pipefail
 build=$1 source=$2 cmake_project=$3 with_program=${4:-0}
 work=$(mktemp -d)
@@ -40,7 +41,9 @@ gcc -std=c99 -Wall -Wextra -Werror -pedantic $(pkg-config --cflags vrixdb) "$sou
   -o "$work/consumer" -Wl,--as-needed $(pkg-config --libs vrixdb) \
   -Wl,-rpath,"$(pkg-config --variable=libdir vrixdb)" ${CONSUMER_LDFLAGS:-}
 loads_from_prefix "$work/consumer"
-"$work/consumer"
+version=$(pkg-config --modversion vrixdb)
+"$work/consumer" | tee "$work/out"
+grep -qx "consumer ok $version" "$work/out" || { echo "header or library version is not $version"; exit 1; }
 
 free_queues
 cmake -S "$cmake_project" -B "$work/cm" -DCMAKE_PREFIX_PATH="$prefix" \

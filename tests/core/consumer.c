@@ -11,6 +11,7 @@
 int main(void) {
     struct tm tm;
     NotifyMessage m;
+    char version[32];
     int app, ok;
 
     memset(&tm, 0, sizeof tm);
@@ -34,6 +35,10 @@ int main(void) {
     msgctl(app, IPC_RMID, NULL);
     if (ok != 1 || g_iDbSubmitThreadStopAck != 1) return 6;
     memset(&m, 0, sizeof m);
-    puts("consumer ok");
+    /* The library loaded is the one of the header built against. */
+    snprintf(version, sizeof version, "%d.%d.%d", VRIX_VERSION_MAJOR, VRIX_VERSION_MINOR,
+             VRIX_VERSION_PATCH);
+    if (strcmp(version, vrix_db_version()) != 0) return 7;
+    printf("consumer ok %s\n", version);
     return 0;
 }
