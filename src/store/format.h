@@ -19,7 +19,15 @@ constexpr size_t kSqlSize = 256;      // one statement
 constexpr size_t kBatchSize = 2048;   // a batch of index rows
 constexpr size_t kMaxRootLength = 98; // root + the longest path suffix fits kPathSize
 
+// A path of the store with something added beside it: the "-journal" and
+// ".sql" files next to a database, or the "./" that keeps a path from being
+// read as an option.  Repair's longest, the journal of a channel's video.db
+// under a 98-character root (with the doubled "/" of its directory form), is
+// 134 characters.
+constexpr size_t kSidePathSize = kPathSize + 16;
+
 using Path = FixedText<kPathSize>;
+using SidePath = FixedText<kSidePathSize>;
 using Sql = FixedText<kSqlSize>;
 
 } // namespace vrix
