@@ -67,8 +67,8 @@ void request_remove(unsigned char command, const char *path, bool announce = fal
 void unregister_day(const Db &date_db, int day);
 
 // The free-space figure: MiB above a 9 GiB reserve, from statfs's available
-// blocks (low 32 bits used) and block size.
-unsigned free_space_figure(uint64_t bavail, uint64_t bsize);
+// blocks and block size, truncated; INT_MAX for anything larger.
+int free_space_figure(uint64_t bavail, uint64_t bsize);
 
 // Runs a program found on PATH with the given argument vector (null-ended),
 // with no command interpreter in between.  Returns its wait status as

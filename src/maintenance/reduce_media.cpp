@@ -10,16 +10,21 @@
 
 #include <sys/vfs.h>
 
+#include <climits>
 #include <cstdio>
 
 namespace vrix {
 
-unsigned free_space_figure(uint64_t bavail, uint64_t bsize) {
-    constexpr int32_t kReserveKiB = 9437184; // 9 GiB
-    const uint64_t bytes = (bavail & 0xffffffffu) * bsize;
-    const auto kib = static_cast<int32_t>((bytes + 512) / 1024);
-    const int32_t excess = kib > kReserveKiB ? kib - kReserveKiB : 0;
-    return static_cast<unsigned>(static_cast<float>(excess) * 0.0009765625f);
+// 64-bit throughout: a disk of several TiB would wrap a 32-bit count of KiB
+// to nothing, and a caller that reduces while the figure is low would delete
+// recordings on an empty disk.
+int free_space_figure(uint64_t bavail, uint64_t bsize) {
+    constexpr uint64_t kReserveKiB = 9437184; // 9 GiB
+    uint64_t bytes;
+    if (__builtin_mul_overflow(bavail, bsize, &bytes)) return INT_MAX;
+    const uint64_t kib = bytes / 1024 + (bytes % 1024 >= 512 ? 1 : 0); // to the nearest KiB
+    const uint64_t mib = kib > kReserveKiB ? (kib - kReserveKiB) / 1024 : 0;
+    return mib < INT_MAX ? static_cast<int>(mib) : INT_MAX;
 }
 
 namespace {
@@ -79,8 +84,8 @@ void remove_day(const char *root, const Db &date, const Day &day) {
 void store_free_space(int fd, int *freeMB) {
     struct statfs64 st {};
     if (fstatfs64(fd, &st) != 0) return; // the caller's figure stays as it was
-    flag_set(*freeMB, static_cast<int>(free_space_figure(static_cast<uint64_t>(st.f_bavail),
-                                                         static_cast<uint64_t>(st.f_bsize))));
+    flag_set(*freeMB, free_space_figure(static_cast<uint64_t>(st.f_bavail),
+                                        static_cast<uint64_t>(st.f_bsize)));
 }
 
 // One channel's share of the hour: its index rows, then its stream file.
