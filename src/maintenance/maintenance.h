@@ -62,6 +62,15 @@ constexpr unsigned char kRemoveTree = 1;
 // `announce` prints "before wait" once sent and "after wait" once answered.
 void request_remove(unsigned char command, const char *path, bool announce = false);
 
+// True when a writer of this process is recording in day `day` (named `name`)
+// of the store under `root` at an hour up to `last_hour`: what it writes is
+// never removed, and one line "<who> : hour H of <name> is being recorded ,
+// kept" (or "day <name>" when `last_hour` is kWholeDay) says so.  Recorders in
+// other processes are not seen.
+constexpr int kWholeDay = 99;
+bool kept_for_recording(const char *who, const char *root, int day, const char *name,
+                        int last_hour);
+
 // Deletes a day's rows from date.db: H, then ch1..ch16, each under the date
 // mutex by itself, with the reclamation's wait after each channel.
 void unregister_day(const Db &date_db, int day);

@@ -117,16 +117,19 @@ int reduce(const char *root, const Db &date, Db &audio, ResultTable &holder, con
     pace_sleep_s(1);
     Path p;
     if (!day_audio_db(p, root, day.name) || !audio.open(p.text)) {
-        remove_day(root, date, day);
+        if (!kept_for_recording("media", root, day.key, day.name, kWholeDay))
+            remove_day(root, date, day);
         return 0;
     }
     const int hour = first_audio_hour(audio, holder, 1000000);
     if (hour < 0) {
         audio.close(); // not held open while its directory is removed
+        if (kept_for_recording("media", root, day.key, day.name, kWholeDay)) return 0;
         remove_day(root, date, day);
         std::puts("rm : no video data");
         return 0;
     }
+    if (kept_for_recording("media", root, day.key, day.name, hour)) return 0;
     const int limit = day.key + 3599 + 3600 * hour;
     std::printf("we got hour %d\n", hour);
     for (int ch = 1; ch <= VRIX_VIDEO_CHANNELS; ++ch) {

@@ -116,6 +116,46 @@ TEST_F(Reduce, DayWithoutUsableAudioGoesWholeAndIsUnregistered) {
     }
 }
 
+// What a writer of this process is recording in is kept, with one line: the
+// hour, and the whole day when the day would go.  Once the writer has moved
+// on, the hour goes as usual.
+TEST_F(Reduce, HourOrDayBeingRecordedIsKept) {
+    auto kept = [&](const char *line) {
+        testing::internal::CaptureStdout();
+        EXPECT_EQ(reduce(), 0);
+        const std::string out = testing::internal::GetCapturedStdout();
+        EXPECT_NE(out.find(line), std::string::npos) << out;
+        EXPECT_TRUE(server.take().empty());
+    };
+    RecContext *video = vrix_db_open_rec_video(root().c_str(), 17);
+    ASSERT_NE(video, nullptr);
+    record(video, make_frame(1, kHour5 + 10, true, 200));
+    vrix_db_rec_video_flush(video, 1);
+    kept("media : day 20240310 is being recorded , kept\n"); // no audio.db
+    EXPECT_TRUE(exists(stream(1)));
+
+    write_audio_db(root(), {{5, {kHour5}}, {6, {kHour6}}});
+    kept("media : hour 5 of 20240310 is being recorded , kept\n");
+    EXPECT_EQ(count(video_db(1), "h5"), "1");
+    EXPECT_EQ(count(audio_db(), "h5"), "1");
+
+    record(video, make_frame(1, kHour6, true, 200));
+    EXPECT_EQ(reduce(), kLimit5);
+    EXPECT_FALSE(exists(stream(1)));
+    EXPECT_EQ(server.take().size(), 1u);
+    vrix_db_close_rec_video(video);
+
+    AudioRecContext *audio = vrix_db_open_rec_audio(root().c_str(), 1);
+    ASSERT_NE(audio, nullptr);
+    VrixAudioBlock b{};
+    b.iSec = kHour6 + 1;
+    vrix_db_rec_audio(audio, &b);
+    vrix_db_rec_audio_flush(audio); // the writer's own row of hour 6
+    kept("media : hour 6 of 20240310 is being recorded , kept\n");
+    vrix_db_close_rec_audio(audio);
+    EXPECT_EQ(reduce(), kDay + 6 * 3600 + 3599);
+}
+
 // The remove server keeps to its root and still answers every request.
 TEST_F(Reduce, RemoveServerRefusesAnythingOutsideItsRoot) {
     ScratchDir outside;
