@@ -35,10 +35,19 @@ void park() {
     }
 }
 
-// A day key is a local midnight; anything negative or so large that the
-// next day overflows cannot come from the writer.
+// The earliest day key taken: 1970-01-03 00:00 UTC.  Keys of 0, 1 or of the
+// first days of 1970 come from zeroed or foreign messages, never from a
+// recorder's clock.
+constexpr int kFirstDay = 2 * 86400;
+
+// A day key is a local midnight by the library's own calendar, no earlier
+// than kFirstDay and at least a day below the end of 32-bit seconds (the
+// next day is prepared from it).
 bool plausible_day(int day) {
-    return day >= 0 && day <= INT_MAX - 86400;
+    if (day < kFirstDay || day > INT_MAX - 86400) return false;
+    std::tm tm{};
+    sec_to_tm(&tm, day);
+    return tm.tm_hour == 0 && tm.tm_min == 0 && tm.tm_sec == 0;
 }
 
 // "select ... limit 1" into the context's holder: true when a row was found.
@@ -115,9 +124,18 @@ void handle_hour(RecContext &ctx, int ch, int hour, int day) {
     register_hour(ctx, ch, hour, day);
 }
 
-// Validates and carries out one message.  Returns true for a stop request
-// that should park the thread.
-bool handle(RecContext *ctx, const NotifyMessage &msg) {
+// Validates and carries out one message of `size` text bytes.  Returns true
+// for a stop request that should park the thread.  Every message of ours has
+// 128 bytes of text: any other size is somebody else's.
+bool handle(RecContext *ctx, const NotifyMessage &msg, ssize_t size) {
+    if (size > VRIX_MSG_TEXT_SIZE) {
+        std::printf("submit thread : drop message longer than %d bytes\n", VRIX_MSG_TEXT_SIZE);
+        return false;
+    }
+    if (size != VRIX_MSG_TEXT_SIZE) {
+        std::printf("submit thread : drop message of %zd bytes\n", size);
+        return false;
+    }
     const unsigned kind = msg.mtext[0];
     if (kind == VRIX_MSG_STOP) {
         if (flag_get(g_iDbSubmitThreadStop) != 0 && message_word(msg, 4) == g_stop_seq.load())
@@ -161,14 +179,15 @@ extern "C" void *vrix_db_submit_thread(void *) {
         RecContext *ctx = g_pVrixDbRec;
         NotifyMessage msg;
         for (;;) {
-            if (receive_message(g_iSubmitMq, msg) != 0) {
+            const ssize_t size = receive_message(g_iSubmitMq, msg);
+            if (size < 0) {
                 // A queue that fails (removed under us) delivers nothing more,
                 // not even the stop request: a close must still get its park.
                 if (flag_get(g_iDbSubmitThreadStop) != 0) break;
                 poll_pause();
                 continue;
             }
-            if (handle(ctx, msg)) break;
+            if (handle(ctx, msg, size)) break;
         }
     }
     return nullptr;
