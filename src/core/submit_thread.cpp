@@ -14,8 +14,10 @@
 
 #include <atomic>
 #include <climits>
+#include <condition_variable>
 #include <cstdio>
 #include <cstring>
+#include <mutex>
 
 namespace vrix {
 namespace {
@@ -28,10 +30,29 @@ namespace {
 // earlier process never matches one of this process.
 std::atomic<int> g_stop_seq{static_cast<int>(static_cast<unsigned>(getpid()) << 12)};
 
+// Lives as long as the thread, which never ends: never destroyed, since a
+// condition destroyed at exit while the parked thread waits on it hangs the
+// exit.
+struct Handover {
+    std::mutex lock;
+    std::condition_variable changed;
+};
+Handover &handover() {
+    static Handover *const h = new Handover;
+    return *h;
+}
+
+// The acknowledgement is re-raised on every wake-up, so a requester that
+// clears it while the thread is parked sees it set again.
 void park() {
+    Handover &h = handover();
+    std::unique_lock<std::mutex> hold(h.lock);
     while (flag_get(g_iDbSubmitThreadStop) != 0) {
-        if (flag_get(g_iDbSubmitThreadStopAck) == 0) flag_set(g_iDbSubmitThreadStopAck, 1);
-        poll_pause();
+        if (flag_get(g_iDbSubmitThreadStopAck) == 0) {
+            flag_set(g_iDbSubmitThreadStopAck, 1);
+            h.changed.notify_all();
+        }
+        h.changed.wait(hold);
     }
 }
 
@@ -167,15 +188,30 @@ bool handle(RecContext *ctx, const NotifyMessage &msg, ssize_t size) {
 }
 
 } // namespace
+
+void handover_set(int &word, int value) {
+    Handover &h = handover();
+    std::lock_guard<std::mutex> hold(h.lock);
+    flag_set(word, value);
+    h.changed.notify_all();
+}
+
+void handover_wait(int &word, bool raised) {
+    Handover &h = handover();
+    std::unique_lock<std::mutex> hold(h.lock);
+    h.changed.wait(hold, [&] { return (flag_get(word) != 0) == raised; });
+}
+
 } // namespace vrix
 
 extern "C" void *vrix_db_submit_thread(void *) {
     using namespace vrix;
+    pthread_setname_np(pthread_self(), "vrix submit"); // as top -H and the tests show it
     for (;;) {
         park();
         // Out of parking: the opener waits for this before it returns, so a
         // close that follows at once is served and not taken for a park.
-        flag_set(g_iDbSubmitThreadStopAck, 0);
+        handover_set(g_iDbSubmitThreadStopAck, 0);
         RecContext *ctx = g_pVrixDbRec;
         NotifyMessage msg;
         for (;;) {
@@ -195,13 +231,12 @@ extern "C" void *vrix_db_submit_thread(void *) {
 
 extern "C" void vrix_db_rec_open_thread(RecContext *ctx) {
     using namespace vrix;
-    flag_set(g_iDbSubmitThreadStopAck, 0);
-    flag_set(g_iDbSubmitThreadStop, 1);
-    wait_flag(g_iDbSubmitThreadStopAck);
+    handover_set(g_iDbSubmitThreadStopAck, 0);
+    handover_set(g_iDbSubmitThreadStop, 1);
+    handover_wait(g_iDbSubmitThreadStopAck, true);
     g_pVrixDbRec = ctx;
-    flag_set(g_iDbSubmitThreadStop, 0);
-    while (flag_get(g_iDbSubmitThreadStopAck) != 0)
-        poll_pause();
+    handover_set(g_iDbSubmitThreadStop, 0);
+    handover_wait(g_iDbSubmitThreadStopAck, false);
 }
 
 // A thread that is parked already (no context handed over, or an open that
@@ -210,12 +245,12 @@ extern "C" void vrix_db_rec_open_thread(RecContext *ctx) {
 extern "C" void vrix_db_rec_close_thread(void) {
     using namespace vrix;
     const bool serving = flag_get(g_iDbSubmitThreadStop) == 0;
-    flag_set(g_iDbSubmitThreadStopAck, 0);
-    flag_set(g_iDbSubmitThreadStop, 1);
+    handover_set(g_iDbSubmitThreadStopAck, 0);
+    handover_set(g_iDbSubmitThreadStop, 1);
     if (serving) {
         NotifyMessage stop = g_RecMsg;
         put_message_word(stop, 4, g_stop_seq.fetch_add(1) + 1);
         send_message(g_iSubmitMq, stop);
     }
-    wait_flag(g_iDbSubmitThreadStopAck);
+    handover_wait(g_iDbSubmitThreadStopAck, true);
 }
