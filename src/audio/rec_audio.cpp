@@ -1,5 +1,6 @@
 // Recording the audio block of every audio channel.
 #include "core/calendar.h"
+#include "core/live_hours.h"
 #include "core/messages.h"
 #include "core/store_access.h"
 #include "rec_context.h"
@@ -214,6 +215,7 @@ extern "C" AudioRecContext *vrix_db_open_rec_audio(const char *root, int count) 
 extern "C" void vrix_db_close_rec_audio(AudioRecContext *ctx) {
     using namespace vrix;
     if (!ctx) return;
+    forget_live_hours(ctx);
     std::free(ctx->strRoot);
     std::free(ctx->pSqlBuf);
     db_free_sqlite(ctx->pIntResult, 1);
@@ -257,8 +259,9 @@ extern "C" void vrix_db_rec_audio(AudioRecContext *ctx, const void *block) {
                 ctx->iPacing = 0;
             }
         }
-    } else if (!new_hour(*ctx, tm, date_changed, w)) {
-        return;
+    } else {
+        note_live_hour(ctx, 0, ctx->strRoot, day_start(t, tm), tm.tm_hour);
+        if (!new_hour(*ctx, tm, date_changed, w)) return;
     }
     const bool index = ctx->iLastSec == 0 || ctx->iLastSec != t;
     if (index) {

@@ -98,7 +98,7 @@ extern "C" int vrix_db_init(int send_queue) {
         std::puts("vrix db : create submit thread failed");
         return 0;
     }
-    wait_flag(g_iDbSubmitThreadStopAck);
+    handover_wait(g_iDbSubmitThreadStopAck, true);
     g_started.store(true);
     vrix_thread_print_priority(g_ThreadFd);
     return 1;

@@ -15,8 +15,10 @@
 
 #include <atomic>
 #include <climits>
+#include <condition_variable>
 #include <cstdio>
 #include <cstring>
+#include <mutex>
 
 namespace vrix {
 namespace {
@@ -29,17 +31,45 @@ namespace {
 // earlier process never matches one of this process.
 std::atomic<int> g_stop_seq{static_cast<int>(static_cast<unsigned>(getpid()) << 12)};
 
+// Lives as long as the thread, which never ends: never destroyed, since a
+// condition destroyed at exit while the parked thread waits on it hangs the
+// exit.
+struct Handover {
+    std::mutex lock;
+    std::condition_variable changed;
+};
+Handover &handover() {
+    static Handover *const h = new Handover;
+    return *h;
+}
+
+// The acknowledgement is re-raised on every wake-up, so a requester that
+// clears it while the thread is parked sees it set again.
 void park() {
+    Handover &h = handover();
+    std::unique_lock<std::mutex> hold(h.lock);
     while (flag_get(g_iDbSubmitThreadStop) != 0) {
-        if (flag_get(g_iDbSubmitThreadStopAck) == 0) flag_set(g_iDbSubmitThreadStopAck, 1);
-        poll_pause();
+        if (flag_get(g_iDbSubmitThreadStopAck) == 0) {
+            flag_set(g_iDbSubmitThreadStopAck, 1);
+            h.changed.notify_all();
+        }
+        h.changed.wait(hold);
     }
 }
 
-// A day key is a local midnight; anything negative or so large that the
-// next day overflows cannot come from the writer.
+// The earliest day key taken: 1970-01-03 00:00 UTC.  Keys of 0, 1 or of the
+// first days of 1970 come from zeroed or foreign messages, never from a
+// recorder's clock.
+constexpr int kFirstDay = 2 * 86400;
+
+// A day key is a local midnight by the library's own calendar, no earlier
+// than kFirstDay and at least a day below the end of 32-bit seconds (the
+// next day is prepared from it).
 bool plausible_day(int day) {
-    return day >= 0 && day <= INT_MAX - 86400;
+    if (day < kFirstDay || day > INT_MAX - 86400) return false;
+    std::tm tm{};
+    sec_to_tm(&tm, day);
+    return tm.tm_hour == 0 && tm.tm_min == 0 && tm.tm_sec == 0;
 }
 
 // "select ... limit 1" into the context's holder: true when a row was found.
@@ -116,9 +146,18 @@ void handle_hour(RecContext &ctx, int ch, int hour, int day) {
     register_hour(ctx, ch, hour, day);
 }
 
-// Validates and carries out one message.  Returns true for a stop request
-// that should park the thread.
-bool handle(RecContext *ctx, const NotifyMessage &msg) {
+// Validates and carries out one message of `size` text bytes.  Returns true
+// for a stop request that should park the thread.  Every message of ours has
+// 128 bytes of text: any other size is somebody else's.
+bool handle(RecContext *ctx, const NotifyMessage &msg, ssize_t size) {
+    if (size > VRIX_MSG_TEXT_SIZE) {
+        std::printf("submit thread : drop message longer than %d bytes\n", VRIX_MSG_TEXT_SIZE);
+        return false;
+    }
+    if (size != VRIX_MSG_TEXT_SIZE) {
+        std::printf("submit thread : drop message of %zd bytes\n", size);
+        return false;
+    }
     const unsigned kind = msg.mtext[0];
     if (kind == VRIX_MSG_STOP) {
         if (flag_get(g_iDbSubmitThreadStop) != 0 && message_word(msg, 4) == g_stop_seq.load())
@@ -150,26 +189,42 @@ bool handle(RecContext *ctx, const NotifyMessage &msg) {
 }
 
 } // namespace
+
+void handover_set(int &word, int value) {
+    Handover &h = handover();
+    std::lock_guard<std::mutex> hold(h.lock);
+    flag_set(word, value);
+    h.changed.notify_all();
+}
+
+void handover_wait(int &word, bool raised) {
+    Handover &h = handover();
+    std::unique_lock<std::mutex> hold(h.lock);
+    h.changed.wait(hold, [&] { return (flag_get(word) != 0) == raised; });
+}
+
 } // namespace vrix
 
 extern "C" void *vrix_db_submit_thread(void *) {
     using namespace vrix;
+    pthread_setname_np(pthread_self(), "vrix submit"); // as top -H and the tests show it
     for (;;) {
         park();
         // Out of parking: the opener waits for this before it returns, so a
         // close that follows at once is served and not taken for a park.
-        flag_set(g_iDbSubmitThreadStopAck, 0);
+        handover_set(g_iDbSubmitThreadStopAck, 0);
         RecContext *ctx = g_pVrixDbRec;
         NotifyMessage msg;
         for (;;) {
-            if (receive_message(g_iSubmitMq, msg) != 0) {
+            const ssize_t size = receive_message(g_iSubmitMq, msg);
+            if (size < 0) {
                 // A queue that fails (removed under us) delivers nothing more,
                 // not even the stop request: a close must still get its park.
                 if (flag_get(g_iDbSubmitThreadStop) != 0) break;
                 poll_pause();
                 continue;
             }
-            const bool stop = handle(ctx, msg);
+            const bool stop = handle(ctx, msg, size);
             VRIX_SYNC_POINT("submit_thread:message_handled");
             if (stop) break;
         }
@@ -179,13 +234,12 @@ extern "C" void *vrix_db_submit_thread(void *) {
 
 extern "C" void vrix_db_rec_open_thread(RecContext *ctx) {
     using namespace vrix;
-    flag_set(g_iDbSubmitThreadStopAck, 0);
-    flag_set(g_iDbSubmitThreadStop, 1);
-    wait_flag(g_iDbSubmitThreadStopAck);
+    handover_set(g_iDbSubmitThreadStopAck, 0);
+    handover_set(g_iDbSubmitThreadStop, 1);
+    handover_wait(g_iDbSubmitThreadStopAck, true);
     g_pVrixDbRec = ctx;
-    flag_set(g_iDbSubmitThreadStop, 0);
-    while (flag_get(g_iDbSubmitThreadStopAck) != 0)
-        poll_pause();
+    handover_set(g_iDbSubmitThreadStop, 0);
+    handover_wait(g_iDbSubmitThreadStopAck, false);
 }
 
 // A thread that is parked already (no context handed over, or an open that
@@ -194,12 +248,12 @@ extern "C" void vrix_db_rec_open_thread(RecContext *ctx) {
 extern "C" void vrix_db_rec_close_thread(void) {
     using namespace vrix;
     const bool serving = flag_get(g_iDbSubmitThreadStop) == 0;
-    flag_set(g_iDbSubmitThreadStopAck, 0);
-    flag_set(g_iDbSubmitThreadStop, 1);
+    handover_set(g_iDbSubmitThreadStopAck, 0);
+    handover_set(g_iDbSubmitThreadStop, 1);
     if (serving) {
         NotifyMessage stop = g_RecMsg;
         put_message_word(stop, 4, g_stop_seq.fetch_add(1) + 1);
         send_message(g_iSubmitMq, stop);
     }
-    wait_flag(g_iDbSubmitThreadStopAck);
+    handover_wait(g_iDbSubmitThreadStopAck, true);
 }

@@ -62,13 +62,22 @@ constexpr unsigned char kRemoveTree = 1;
 // `announce` prints "before wait" once sent and "after wait" once answered.
 void request_remove(unsigned char command, const char *path, bool announce = false);
 
+// True when a writer of this process is recording in day `day` (named `name`)
+// of the store under `root` at an hour up to `last_hour`: what it writes is
+// never removed, and one line "<who> : hour H of <name> is being recorded ,
+// kept" (or "day <name>" when `last_hour` is kWholeDay) says so.  Recorders in
+// other processes are not seen.
+constexpr int kWholeDay = 99;
+bool kept_for_recording(const char *who, const char *root, int day, const char *name,
+                        int last_hour);
+
 // Deletes a day's rows from date.db: H, then ch1..ch16, each under the date
 // mutex by itself, with the reclamation's wait after each channel.
 void unregister_day(const Db &date_db, int day);
 
 // The free-space figure: MiB above a 9 GiB reserve, from statfs's available
-// blocks (low 32 bits used) and block size.
-unsigned free_space_figure(uint64_t bavail, uint64_t bsize);
+// blocks and block size, truncated; INT_MAX for anything larger.
+int free_space_figure(uint64_t bavail, uint64_t bsize);
 
 // Runs a program found on PATH with the given argument vector (null-ended),
 // with no command interpreter in between.  Returns its wait status as

@@ -40,8 +40,10 @@ void reduce_day(const char *root, int sec, const Db &date, Db &events, ResultTab
                     tm.tm_mday);
         return;
     }
-    // No event left, or none could be counted (no h_all table): the day goes.
+    // No event left, or none could be counted (no h_all table): the day goes,
+    // unless it is being recorded.
     events.close();
+    if (kept_for_recording("event", root, key, day, kWholeDay)) return;
     pace_sleep_s(1);
     if (writer_day_dir(p, root, day)) request_remove(kRemoveTree, p.text);
     std::printf("delete event on %d%02d%02d\n", tm.tm_year + 1900, tm.tm_mon + 1, tm.tm_mday);

@@ -10,16 +10,21 @@
 
 #include <sys/vfs.h>
 
+#include <climits>
 #include <cstdio>
 
 namespace vrix {
 
-unsigned free_space_figure(uint64_t bavail, uint64_t bsize) {
-    constexpr int32_t kReserveKiB = 9437184; // 9 GiB
-    const uint64_t bytes = (bavail & 0xffffffffu) * bsize;
-    const auto kib = static_cast<int32_t>((bytes + 512) / 1024);
-    const int32_t excess = kib > kReserveKiB ? kib - kReserveKiB : 0;
-    return static_cast<unsigned>(static_cast<float>(excess) * 0.0009765625f);
+// 64-bit throughout: a disk of several TiB would wrap a 32-bit count of KiB
+// to nothing, and a caller that reduces while the figure is low would delete
+// recordings on an empty disk.
+int free_space_figure(uint64_t bavail, uint64_t bsize) {
+    constexpr uint64_t kReserveKiB = 9437184; // 9 GiB
+    uint64_t bytes;
+    if (__builtin_mul_overflow(bavail, bsize, &bytes)) return INT_MAX;
+    const uint64_t kib = bytes / 1024 + (bytes % 1024 >= 512 ? 1 : 0); // to the nearest KiB
+    const uint64_t mib = kib > kReserveKiB ? (kib - kReserveKiB) / 1024 : 0;
+    return mib < INT_MAX ? static_cast<int>(mib) : INT_MAX;
 }
 
 namespace {
@@ -79,8 +84,8 @@ void remove_day(const char *root, const Db &date, const Day &day) {
 void store_free_space(int fd, int *freeMB) {
     struct statfs64 st {};
     if (fstatfs64(fd, &st) != 0) return; // the caller's figure stays as it was
-    flag_set(*freeMB, static_cast<int>(free_space_figure(static_cast<uint64_t>(st.f_bavail),
-                                                         static_cast<uint64_t>(st.f_bsize))));
+    flag_set(*freeMB, free_space_figure(static_cast<uint64_t>(st.f_bavail),
+                                        static_cast<uint64_t>(st.f_bsize)));
 }
 
 // One channel's share of the hour: its index rows, then its stream file.
@@ -112,16 +117,19 @@ int reduce(const char *root, const Db &date, Db &audio, ResultTable &holder, con
     pace_sleep_s(1);
     Path p;
     if (!day_audio_db(p, root, day.name) || !audio.open(p.text)) {
-        remove_day(root, date, day);
+        if (!kept_for_recording("media", root, day.key, day.name, kWholeDay))
+            remove_day(root, date, day);
         return 0;
     }
     const int hour = first_audio_hour(audio, holder, 1000000);
     if (hour < 0) {
         audio.close(); // not held open while its directory is removed
+        if (kept_for_recording("media", root, day.key, day.name, kWholeDay)) return 0;
         remove_day(root, date, day);
         std::puts("rm : no video data");
         return 0;
     }
+    if (kept_for_recording("media", root, day.key, day.name, hour)) return 0;
     const int limit = day.key + 3599 + 3600 * hour;
     std::printf("we got hour %d\n", hour);
     for (int ch = 1; ch <= VRIX_VIDEO_CHANNELS; ++ch) {

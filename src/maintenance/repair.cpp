@@ -23,7 +23,7 @@ struct Voice {
 // A path handed to a program as an argument: one starting with "-" would be
 // taken for an option.
 struct Arg {
-    Path p;
+    SidePath p;
     explicit Arg(const char *path) {
         if (!format_into(p.text, sizeof p.text, path[0] == '-' ? "./%s" : "%s", path))
             p.text[0] = '\0';
@@ -57,7 +57,7 @@ bool sound(const char *db, const char *table, const Voice &voice, bool open_firs
 
 // The names beside a database that repair touches; false (with a line) when
 // one does not fit, so nothing is done to the database.
-bool side_paths(const char *db, Path &journal, Path &copy) {
+bool side_paths(const char *db, SidePath &journal, SidePath &copy) {
     if (path_with_suffix(journal, db, "-journal") && path_with_suffix(copy, db, ".sql") &&
         Arg(copy.text).p.text[0] && Arg(db).p.text[0])
         return true;
@@ -66,7 +66,7 @@ bool side_paths(const char *db, Path &journal, Path &copy) {
 }
 
 int correct_db(const char *db, const char *table) {
-    Path journal, copy;
+    SidePath journal, copy;
     if (!side_paths(db, journal, copy)) return -1;
     if (sound(db, table, Voice{})) return 0;
     std::remove(journal.text);
@@ -80,7 +80,7 @@ int correct_db(const char *db, const char *table) {
 
 // `dir` ends in "/"; the paths formed from it hold a doubled "/".
 void correct_video(const char *dir) {
-    Path db, journal;
+    SidePath db, journal;
     if (!format_into(db.text, sizeof db.text, "%s/video.db", dir) ||
         !path_with_suffix(journal, db.text, "-journal")) {
         std::printf("vrix_db_correct_video : path too long %s\n", dir);
@@ -108,7 +108,7 @@ void correct_video(const char *dir) {
 }
 
 void correct_audio(const char *dir) {
-    Path db, journal;
+    SidePath db, journal;
     if (!format_into(db.text, sizeof db.text, "%s/audio.db", dir) ||
         !path_with_suffix(journal, db.text, "-journal")) {
         std::printf("vrix_db_correct_audio : path too long %s\n", dir);

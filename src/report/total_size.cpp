@@ -58,6 +58,19 @@ std::tm fields_of(long long sec) {
     return tm;
 }
 
+// The whole date, so that days a month or a year apart are never confused.
+int date_of(const std::tm &tm) {
+    return (tm.tm_year * 100 + tm.tm_mon) * 100 + tm.tm_mday;
+}
+
+// The bytes from an indexed offset up to `end`, of which the file holds only
+// `size`: rows beyond the end of the file (frames still buffered by the
+// writer, or lost in a crash) name nothing.
+unsigned long long bytes_between(long long from, long long end, long long size) {
+    const long long to = end < size ? end : size;
+    return to > from ? static_cast<unsigned long long>(to - from) : 0;
+}
+
 long long file_size(const char *path) {
     struct stat st {};
     return stat(path, &st) == 0 ? static_cast<long long>(st.st_size) : -1;
@@ -71,7 +84,7 @@ struct Scan {
     ResultTable holder = nullptr;
     SqlHandle date = nullptr;
     SqlHandle day = nullptr;
-    int day_mday = 255;
+    int day_date = -1; // date_of the day whose database is open
     ~Scan() {
         close_db(date_mutex(), date);
         close_db(m.mutex(ch), day);
@@ -81,7 +94,7 @@ struct Scan {
         close_db(m.mutex(ch), day);
         Path p;
         if (!m.day_db(p, root, d, ch) || !open_db(m.mutex(ch), p.text, day)) return false;
-        day_mday = d.tm_mday;
+        day_date = date_of(d);
         return true;
     }
     // The first indexed offset at or after `sec` in its hour.
@@ -140,7 +153,7 @@ unsigned total_size(const Medium &m, struct tm *start, struct tm *end, const cha
         if (H > t2) return leave();
         if (H == E) break;
         const std::tm l = fields_of(L);
-        if (l.tm_mday != s.day_mday && !s.open_day(l)) {
+        if (date_of(l) != s.day_date && !s.open_day(l)) {
             advance();
             continue;
         }
@@ -151,7 +164,7 @@ unsigned total_size(const Medium &m, struct tm *start, struct tm *end, const cha
         if (!indexed) continue;
         const long long z = s.stream_size(at);
         if (z < 0) continue;
-        T += static_cast<unsigned long long>(z - s0 + m.per_second * 3600);
+        T += bytes_between(s0, z, z) + static_cast<unsigned long long>(m.per_second * 3600);
         if (T >= kSaturated) {
             R = kSaturated;
             return leave();
@@ -162,14 +175,15 @@ unsigned total_size(const Medium &m, struct tm *start, struct tm *end, const cha
     if (!s.open_day(fields_of(L))) return leave();
     long long s0, s1;
     if (!s.first_offset(L, s0, m.print_queries ? "1" : nullptr)) return leave();
-    if (s.first_offset(t2, s1, m.print_queries ? "2" : nullptr)) {
-        std::printf("u64StartOffset = %lld , u64EndOffset = %lld\n", s0, s1);
-        R = T + static_cast<unsigned long long>(s1 - s0 + (t2 - L) * m.per_second);
-    } else {
-        const long long z = s.stream_size(L);
-        if (z >= 0)
-            R = T + static_cast<unsigned long long>(z - s0 + (3600 - (L - H)) * m.per_second);
-    }
+    const bool ends = s.first_offset(t2, s1, m.print_queries ? "2" : nullptr);
+    if (ends) std::printf("u64StartOffset = %lld , u64EndOffset = %lld\n", s0, s1);
+    const long long z = s.stream_size(L);
+    if (z < 0) return leave(); // no file, no bytes
+    if (ends)
+        R = T + bytes_between(s0, s1, z) + static_cast<unsigned long long>((t2 - L) * m.per_second);
+    else
+        R = T + bytes_between(s0, z, z) +
+            static_cast<unsigned long long>((3600 - (L - H)) * m.per_second);
     if (R >= kSaturated) R = kSaturated;
     return leave();
 }

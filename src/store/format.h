@@ -22,7 +22,15 @@ constexpr size_t kBatchSize = 2048; // a batch of index rows
 // Root + the longest path suffix fits kPathSize.
 constexpr size_t kMaxRootLength = VRIX_MAX_ROOT_LENGTH;
 
+// A path of the store with something added beside it: the "-journal" and
+// ".sql" files next to a database, or the "./" that keeps a path from being
+// read as an option.  Repair's longest, the journal of a channel's video.db
+// under a 98-character root (with the doubled "/" of its directory form), is
+// 134 characters.
+constexpr size_t kSidePathSize = kPathSize + 16;
+
 using Path = FixedText<kPathSize>;
+using SidePath = FixedText<kSidePathSize>;
 using Sql = FixedText<kSqlSize>;
 
 } // namespace vrix

@@ -101,7 +101,7 @@ bool repair_audio_dir(Path &p, const char *root, const std::tm &d) {
     return format_into(p.text, sizeof p.text, "%s/%d%02d%02d/audio/", root, d.tm_year + 1900,
                        d.tm_mon + 1, d.tm_mday);
 }
-bool path_with_suffix(Path &p, const char *path, const char *suffix) {
+bool path_with_suffix(SidePath &p, const char *path, const char *suffix) {
     return format_into(p.text, sizeof p.text, "%s%s", path, suffix);
 }
 

@@ -51,6 +51,6 @@ bool day_event_db(Path &p, const char *root, const char *day); // %s/%s/event.db
 bool repair_channel_dir(Path &p, const char *root, const std::tm &day, int ch);
 bool repair_audio_dir(Path &p, const char *root, const std::tm &day);
 // A file beside another: "%s%s" (".sql" backup copies, "-journal").
-bool path_with_suffix(Path &p, const char *path, const char *suffix);
+bool path_with_suffix(SidePath &p, const char *path, const char *suffix);
 
 } // namespace vrix

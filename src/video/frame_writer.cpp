@@ -1,5 +1,6 @@
 // The frame writer: every frame of every channel goes through here.
 #include "core/calendar.h"
+#include "core/live_hours.h"
 #include "core/messages.h"
 #include "core/store_access.h"
 #include "core/sync_point.h"
@@ -333,6 +334,7 @@ extern "C" void vrix_db_rec_video(RecContext *ctx, const void *frame, int size) 
         char day[12];
         day_name(day, tm);
         const int start = day_start(f.sec, tm);
+        note_live_hour(ctx, n, ctx->strRoot, start, tm.tm_hour);
         db_chech_video_dir(ctx, day, start);
         if (std::memcmp(c.strDay, ctx->strDay, 9) != 0) move_to_day(*ctx, c, n);
         c.HourMsg.mtext[2] = static_cast<unsigned char>(tm.tm_hour);
