@@ -47,6 +47,8 @@ inline constexpr char kHintIdUpTo[] = "select id from h%d where sec = %d and id 
 // The offset of a key frame with the time its row gives, so the record found
 // there can be checked against the row before it is trusted.
 inline constexpr char kRowOfId[] = "select offset,sec from h%d where id = %d limit 1;";
+// The first row whose record lies after a damaged one: where play resumes.
+inline constexpr char kIdAfter[] = "select min(id) from h%d where offset > %lld;";
 
 // event.db
 inline constexpr char kCreateEvents[] =

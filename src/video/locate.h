@@ -124,6 +124,8 @@ int locate_in_day(typename Media::Context &c, std::tm *t, int *pos, int *endPos,
         t->tm_hour = h;
         t->tm_min = t->tm_sec = fwd ? 0 : 59;
     }
+    // Forward, an hour that begins after the end time is not entered.
+    if (fwd && *sec > c.iEndSec) return 0;
     Stream stream;
     if (!Media::stream(p, c, *t, t->tm_hour) || !(stream.fp = std::fopen(p.text, "rb"))) return 0;
 
@@ -182,11 +184,14 @@ int locate_in_day(typename Media::Context &c, std::tm *t, int *pos, int *endPos,
 // nothing found.
 template <class Media> int locate(typename Media::Context &c, int sec, int direction) {
     using namespace locate_detail;
-    long long s = sec;
-    std::tm tm = fields_of(sec);
+    // Forward from before 1970 is forward from 1970; backward never starts
+    // after the end time.
+    long long s = direction == 1 && sec < 0 ? 0 : sec;
+    if (direction == -1 && s > c.iEndSec) s = c.iEndSec;
+    std::tm tm = fields_of(static_cast<int>(s));
     int pos = 0, endPos = 0;
     for (;;) {
-        if (c.iEndSec != kNoEnd && c.iEndSec <= s) return 0;
+        if (direction == 1 && s > c.iEndSec) return 0;
         if (c.iDirection == 1)
             s = s - tm.tm_min * 60 - tm.tm_sec + 3600;
         else if (c.iDirection == -1)
@@ -227,6 +232,7 @@ template <class Media> int locate(typename Media::Context &c, int sec, int direc
     }
     if (!db) return 0;
     c.iHour = tm.tm_hour;
+    c.iHourStart = static_cast<int>(s) - tm.tm_min * 60 - tm.tm_sec;
     c.iCurSec = static_cast<int>(s);
     c.iCurPos = pos;
     c.iEndPos = endPos;

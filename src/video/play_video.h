@@ -6,8 +6,9 @@
 namespace vrix {
 
 // The offset and time of key frame `id` of the current hour, checked against
-// the record at that offset: a whole record, a key frame, the row's time.
-enum class RowCheck { Good, Missing, Disagrees, Failed };
+// the record at that offset: a whole record that fits the buffer, a key
+// frame, the row's time.  NotYet: the record runs past the end of the file.
+enum class RowCheck { Good, Missing, Disagrees, NotYet, Failed };
 RowCheck key_frame_row(PlayContext &c, int id, long long &offset);
 
 } // namespace vrix

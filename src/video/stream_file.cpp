@@ -54,30 +54,41 @@ bool append_index_row(char *batch, int size, int &len, int hour, int sec, long l
     return true;
 }
 
-bool audio_record_agrees(FILE *fp, long long offset, long long size, int sec) {
-    if (offset < 0 || size - offset < VRIX_AUDIO_RECORD_SIZE) return false;
-    unsigned char head[12];
-    if (fseeko(fp, offset, SEEK_SET) != 0 || std::fread(head, 1, sizeof head, fp) != sizeof head) {
-        std::clearerr(fp);
-        return false;
-    }
-    int32_t s;
-    uint32_t w;
-    return parse_audio_record(head, s, w) && s == sec && s != 0;
+namespace {
+
+// Reads the `n` bytes at `offset`; false (end-of-file state cleared) when
+// fewer arrive.
+bool read_at(FILE *fp, long long offset, unsigned char *out, size_t n) {
+    if (fseeko(fp, offset, SEEK_SET) == 0 && std::fread(out, 1, n, fp) == n) return true;
+    std::clearerr(fp);
+    return false;
 }
 
-bool key_frame_agrees(FILE *fp, long long offset, long long size, int sec) {
+} // namespace
+
+AtRow audio_record_at(FILE *fp, long long offset, long long size, int sec) {
+    if (offset < 0) return AtRow::Disagrees;
+    unsigned char head[12];
+    if (size - offset < static_cast<long long>(sizeof head)) return AtRow::NotYet;
+    if (!read_at(fp, offset, head, sizeof head)) return AtRow::Disagrees;
+    int32_t s;
+    uint32_t w;
+    if (!parse_audio_record(head, s, w) || s != sec || s == 0) return AtRow::Disagrees;
+    return size - offset < VRIX_AUDIO_RECORD_SIZE ? AtRow::NotYet : AtRow::Agrees;
+}
+
+AtRow key_frame_at(FILE *fp, long long offset, long long size, int sec, long long max_len) {
     constexpr size_t kHead = VRIX_FRAME_HEADER_SIZE + VRIX_FRAME_KEY_BYTE + 1;
-    if (offset < 0 || size - offset < static_cast<long long>(kHead)) return false;
+    if (offset < 0) return AtRow::Disagrees;
     unsigned char head[kHead];
-    if (fseeko(fp, offset, SEEK_SET) != 0 || std::fread(head, 1, kHead, fp) != kHead) {
-        std::clearerr(fp);
-        return false;
-    }
+    if (size - offset < static_cast<long long>(kHead)) return AtRow::NotYet;
+    if (!read_at(fp, offset, head, kHead)) return AtRow::Disagrees;
     FrameInfo f{};
     parse_frame(head, kHead, f);
+    if (f.len <= VRIX_FRAME_KEY_BYTE || f.len > max_len || !f.key || f.sec != sec || f.sec == 0)
+        return AtRow::Disagrees;
     const long long end = offset + VRIX_FRAME_HEADER_SIZE + static_cast<long long>(f.len);
-    return f.len > VRIX_FRAME_KEY_BYTE && end <= size && f.key && f.sec == sec && f.sec != 0;
+    return end <= size ? AtRow::Agrees : AtRow::NotYet;
 }
 
 } // namespace vrix
