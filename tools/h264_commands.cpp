@@ -117,7 +117,7 @@ int run_export(const ExportOptions &o) {
         return 1;
     }
     std::tm start = mktime_fields(from);
-    std::tm end = mktime_fields(to);
+    std::tm end = mktime_fields(span_end(to));
     PlayContext *ctx = vrix_db_open_get_video(&start, &end, o.ch, kExportBuffer, root.c_str());
     long units = 0, idr = 0, foreign = 0, first = 0, last = 0;
     long long bytes = 0;
@@ -125,7 +125,7 @@ int run_export(const ExportOptions &o) {
     while (ctx && vrix_db_next_video(ctx) == 1) {
         int sec = 0, sub = 0;
         vrix_db_video_get_current_time(ctx, &sec, &sub);
-        if (sec > to) break; // the library hands over one key frame past the end
+        if (sec > to) break; // the library may hand over a key frame past the span
         void *buf = nullptr;
         const int len = vrix_db_get_video(ctx, &buf);
         const auto au = unwrap_payload(static_cast<const uint8_t *>(buf), static_cast<size_t>(len));
@@ -194,10 +194,11 @@ void add_export_h264(CLI::App &app, Status &status) {
         "export-h264", "Play a span of one channel back into an H.264 elementary stream that a "
                        "standard decoder plays\n(from the first key frame at or after --from to "
                        "the last frame of the second --to)");
+    sub->footer(kSpanRule);
     add_root(sub, o->root);
     sub->add_option("--ch", o->ch, "video channel 1..16")->required()->check(ChannelArg);
     sub->add_option("--from", o->from, "start of the span")->required()->check(TimeArg);
-    sub->add_option("--to", o->to, "end of the span")->required()->check(TimeArg);
+    sub->add_option("--to", o->to, "the last second of the span")->required()->check(TimeArg);
     sub->add_option("OUT", o->out, "the .h264 file to write")->required();
     sub->callback([o, &status] { status = run_export(*o); });
 }

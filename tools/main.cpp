@@ -27,6 +27,10 @@ const CLI::Validator DayArg(
 
 const CLI::Validator ChannelArg = CLI::Range(1, 16).description("1..16");
 
+const char *const kSpanRule =
+    "A span --from A --to B covers the seconds A to B, both included: every frame up to\n"
+    "the end of second B.";
+
 CLI::Option *add_root(CLI::App *sub, std::string &root, bool required) {
     auto *opt = sub->add_option("--root", root, "the store's root directory");
     if (required) opt->required();
