@@ -17,6 +17,7 @@ namespace fs = std::filesystem;
 namespace {
 int g_appQueue = -1;
 FILE *g_out = nullptr;
+bool g_stdoutClaimed = false;
 
 } // namespace
 
@@ -36,7 +37,15 @@ void separate_library_output() {
 }
 
 FILE *out() {
+    if (g_stdoutClaimed) return stderr;
     return g_out ? g_out : stdout;
+}
+
+FILE *claim_stdout() {
+    separate_library_output();
+    if (!g_out) return nullptr;
+    g_stdoutClaimed = true;
+    return g_out;
 }
 
 bool start_library() {

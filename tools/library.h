@@ -16,8 +16,13 @@ constexpr size_t kMaxRoot = 98;
 // standard error, and the program writes its results to out().
 bool start_library();
 
-// Where the program's results go: standard output.
+// Where the program's results go: standard output, or standard error once
+// standard output carries a product (claim_stdout).
 FILE *out();
+// Standard output for a product written to "-", kept apart from the
+// library's lines; out() is standard error from then on.  Null when the two
+// cannot be separated.
+FILE *claim_stdout();
 // Sends the library's lines to standard error from now on (start_library
 // does this; commands that use the library without starting it call it).
 void separate_library_output();
