@@ -108,13 +108,13 @@ std::string library_root(const std::string &root, const char *command) {
     return abs;
 }
 
-bool require_store(const std::string &root, const char *command) {
+bool require_store(const std::string &root, const char *command, bool copyWillDo) {
     std::error_code ec;
-    if (!fs::is_regular_file(root + "/date.db", ec)) {
-        std::fprintf(stderr, "vrixdb %s: no store at %s (no date.db)\n", command, root.c_str());
-        return false;
-    }
-    return true;
+    if (fs::is_regular_file(root + "/date.db", ec)) return true;
+    if (copyWillDo && fs::is_regular_file(root + "/date.db.sql", ec)) return true;
+    std::fprintf(stderr, "vrixdb %s: no store at %s (no date.db%s)\n", command, root.c_str(),
+                 copyWillDo ? " and no copy date.db.sql" : "");
+    return false;
 }
 
 } // namespace vrixtool

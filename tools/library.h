@@ -35,7 +35,8 @@ bool disk_error_reported();
 // Empty, with a message on stderr, when it is too long for the library.
 std::string library_root(const std::string &root, const char *command);
 
-// A root the command only reads: it must exist and hold date.db.
-bool require_store(const std::string &root, const char *command);
+// A root the command only reads: it must exist and hold date.db (or, when
+// `copyWillDo`, at least the copy date.db.sql that repair restores it from).
+bool require_store(const std::string &root, const char *command, bool copyWillDo = false);
 
 } // namespace vrixtool
