@@ -54,7 +54,10 @@ void log_removal(int command, const char *path, int outcome, void *user) {
 int run_reduce(const ReduceOptions &o) {
     const std::string root = library_root(o.root, "reduce");
     if (root.empty() || !require_store(root, "reduce")) return 1;
-    if (StoreIndex(root).days().empty()) {
+    StoreIndex store(root);
+    const bool empty = store.days().empty();
+    if (const int bad = report_unreadable(store, "reduce")) return bad;
+    if (empty) {
         std::fprintf(out(), "%s holds no recorded day: nothing to reduce\n", root.c_str());
         return 0;
     }

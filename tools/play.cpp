@@ -1,6 +1,7 @@
 // vrixdb play: one line per frame delivered by the library's playback.
 #include "cli.h"
 #include "library.h"
+#include "store_index.h"
 #include "times.h"
 #include "vrixdb.h"
 
@@ -46,6 +47,7 @@ int run_play(const PlayOptions &o) {
     PlayContext *ctx = vrix_db_open_get_video(&start, to && !o.reverse ? &end : nullptr, o.ch,
                                               kPlayBuffer, root.c_str());
     if (!ctx) {
+        if (const int bad = check_played_span(root, o.ch, from, to, o.reverse, "play")) return bad;
         std::fprintf(stderr, "vrixdb play: the library could not open channel %d of %s\n", o.ch,
                      root.c_str());
         return 1;
@@ -76,7 +78,10 @@ int run_play(const PlayOptions &o) {
     }
     vrix_db_close_get_video(ctx);
     std::fprintf(out(), "# %ld frame%s, %lld bytes\n", frames, frames == 1 ? "" : "s", bytes);
-    return 0;
+    std::fflush(out());
+    // Play ends early, or finds nothing, where an index cannot be read.
+    if (o.count && frames == o.count) return 0;
+    return check_played_span(root, o.ch, from, to, o.reverse, "play");
 }
 
 } // namespace

@@ -270,6 +270,8 @@ int run_timeline(const TimelineOptions &o) {
     long spans = 0;
     size_t events = 0;
     const std::string svg = draw_day(store, day, o.gap, o.fullDay, spans, events);
+    // An incomplete picture would pass for the day: none is written.
+    if (const int bad = report_unreadable(store, "timeline")) return bad;
     OutputFile file;
     if (!file.open(o.out, "timeline")) return 1;
     std::fwrite(svg.data(), 1, svg.size(), file.stream());
