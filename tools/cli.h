@@ -28,6 +28,10 @@ extern const CLI::Validator TimeArg;    // local YYYY-MM-DDTHH:MM:SS or epoch se
 extern const CLI::Validator DayArg;     // YYYYMMDD or YYYY-MM-DD
 extern const CLI::Validator ChannelArg; // 1..16
 
+// What --from A --to B means wherever a span is asked for (play, export-h264,
+// size), in the same words.
+extern const char *const kSpanRule;
+
 // The --root option every subcommand has.
 CLI::Option *add_root(CLI::App *sub, std::string &root, bool required = true);
 

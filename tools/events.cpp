@@ -2,6 +2,7 @@
 #include "cli.h"
 #include "library.h"
 #include "lists.h"
+#include "store_index.h"
 #include "times.h"
 #include "vrixdb.h"
 
@@ -44,6 +45,7 @@ int run_events(const EventsOptions &o) {
     EventQueryContext *q = vrix_db_open_get_event(&start, lo, hi, withCh0, types, root.c_str(),
                                                   o.page, 0, o.exact ? 1 : 0);
     if (!q) {
+        if (const int bad = check_played_span(root, 0, from, 0, o.reverse, "events")) return bad;
         std::fprintf(stderr, "vrixdb events: the library could not open the query on %s\n",
                      root.c_str());
         return 1;
@@ -67,7 +69,10 @@ int run_events(const EventsOptions &o) {
     vrix_db_close_get_event(q);
     std::fprintf(out(), "# %ld event%s in %d page%s\n", total, total == 1 ? "" : "s", pageNo,
                  pageNo == 1 ? "" : "s");
-    return 0;
+    std::fflush(out());
+    // The listing ends early, or finds nothing, where a database cannot be read.
+    if (o.pages && pageNo == o.pages) return 0;
+    return check_played_span(root, 0, from, 0, o.reverse, "events");
 }
 
 } // namespace

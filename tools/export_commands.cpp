@@ -43,7 +43,7 @@ int run_size(const SizeOptions &o) {
         return 1;
     }
     if (!start_library()) return 1;
-    std::tm start = mktime_fields(from), end = mktime_fields(to);
+    std::tm start = mktime_fields(from), end = mktime_fields(span_end(to));
     const unsigned bytes = o.audio ? vrix_db_get_audio_total_size(&start, &end, root.c_str(), o.ch)
                                    : vrix_db_get_video_total_size(&start, &end, root.c_str(), o.ch);
     std::fprintf(out(), "%s ch %d %s .. %s: %u bytes (%s)%s\n", o.audio ? "audio" : "video", o.ch,
@@ -87,8 +87,9 @@ void add_size(CLI::App &app, Status &status) {
         ->required()
         ->check(ChannelArg);
     sub->add_option("--from", o->from, "start of the span")->required()->check(TimeArg);
-    sub->add_option("--to", o->to, "end of the span")->required()->check(TimeArg);
+    sub->add_option("--to", o->to, "the last second of the span")->required()->check(TimeArg);
     sub->add_flag("--audio", o->audio, "an audio channel instead of video");
+    sub->footer(kSpanRule);
     sub->callback([o, &status] { status = run_size(*o); });
 }
 

@@ -2,6 +2,7 @@
 #include "cli.h"
 #include "h264.h"
 #include "library.h"
+#include "output_file.h"
 #include "times.h"
 #include "units.h"
 #include "vrixdb.h"
@@ -105,19 +106,11 @@ int run_export(const ExportOptions &o) {
                      o.from.c_str());
         return 1;
     }
-    const std::string tmp = o.out + ".part";
-    FILE *file = std::fopen(tmp.c_str(), "wb");
-    if (!file) {
-        std::fprintf(stderr, "vrixdb export-h264: cannot write %s\n", o.out.c_str());
-        return 1;
-    }
-    if (!start_library()) {
-        std::fclose(file);
-        std::remove(tmp.c_str());
-        return 1;
-    }
+    OutputFile file;
+    if (!file.open(o.out, "export-h264")) return 1;
+    if (!start_library()) return 1;
     std::tm start = mktime_fields(from);
-    std::tm end = mktime_fields(to);
+    std::tm end = mktime_fields(span_end(to));
     PlayContext *ctx = vrix_db_open_get_video(&start, &end, o.ch, kExportBuffer, root.c_str());
     long units = 0, idr = 0, foreign = 0, first = 0, last = 0;
     long long bytes = 0;
@@ -125,7 +118,7 @@ int run_export(const ExportOptions &o) {
     while (ctx && vrix_db_next_video(ctx) == 1) {
         int sec = 0, sub = 0;
         vrix_db_video_get_current_time(ctx, &sec, &sub);
-        if (sec > to) break; // the library hands over one key frame past the end
+        if (sec > to) break; // the library may hand over a key frame past the span
         void *buf = nullptr;
         const int len = vrix_db_get_video(ctx, &buf);
         const auto au = unwrap_payload(static_cast<const uint8_t *>(buf), static_cast<size_t>(len));
@@ -133,7 +126,7 @@ int run_export(const ExportOptions &o) {
             ++foreign;
             continue;
         }
-        if (std::fwrite(au->au, 1, au->size, file) != au->size) {
+        if (std::fwrite(au->au, 1, au->size, file.stream()) != au->size) {
             written = false;
             break;
         }
@@ -144,9 +137,7 @@ int run_export(const ExportOptions &o) {
         bytes += static_cast<long long>(au->size);
     }
     if (ctx) vrix_db_close_get_video(ctx);
-    written = std::fclose(file) == 0 && written;
     if (!written || units == 0) {
-        std::remove(tmp.c_str());
         if (!ctx)
             std::fprintf(stderr, "vrixdb export-h264: the library could not open channel %d\n",
                          o.ch);
@@ -158,14 +149,10 @@ int run_export(const ExportOptions &o) {
                          foreign ? " (only frames of another kind)" : "");
         return 1;
     }
-    if (std::rename(tmp.c_str(), o.out.c_str()) != 0) {
-        std::remove(tmp.c_str());
-        std::fprintf(stderr, "vrixdb export-h264: cannot write %s\n", o.out.c_str());
-        return 1;
-    }
+    if (!file.commit()) return 1;
     std::fprintf(out(), "exported %ld access units (%ld IDR, %s) of ch %d, %s .. %s, to %s\n",
                  units, idr, format_bytes(bytes).c_str(), o.ch, format_time(first).c_str(),
-                 format_time(last).c_str(), o.out.c_str());
+                 format_time(last).c_str(), o.out == "-" ? "standard output" : o.out.c_str());
     if (foreign) std::fprintf(out(), "skipped %ld frames that carry no H.264 prefix\n", foreign);
     return 0;
 }
@@ -194,11 +181,13 @@ void add_export_h264(CLI::App &app, Status &status) {
         "export-h264", "Play a span of one channel back into an H.264 elementary stream that a "
                        "standard decoder plays\n(from the first key frame at or after --from to "
                        "the last frame of the second --to)");
+    sub->footer(kSpanRule);
     add_root(sub, o->root);
     sub->add_option("--ch", o->ch, "video channel 1..16")->required()->check(ChannelArg);
     sub->add_option("--from", o->from, "start of the span")->required()->check(TimeArg);
-    sub->add_option("--to", o->to, "end of the span")->required()->check(TimeArg);
-    sub->add_option("OUT", o->out, "the .h264 file to write")->required();
+    sub->add_option("--to", o->to, "the last second of the span")->required()->check(TimeArg);
+    sub->add_option("OUT", o->out, std::string("the .h264 file to write (") + kOutputRule + ")")
+        ->required();
     sub->callback([o, &status] { status = run_export(*o); });
 }
 

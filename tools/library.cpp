@@ -17,6 +17,7 @@ namespace fs = std::filesystem;
 namespace {
 int g_appQueue = -1;
 FILE *g_out = nullptr;
+bool g_stdoutClaimed = false;
 
 } // namespace
 
@@ -36,7 +37,15 @@ void separate_library_output() {
 }
 
 FILE *out() {
+    if (g_stdoutClaimed) return stderr;
     return g_out ? g_out : stdout;
+}
+
+FILE *claim_stdout() {
+    separate_library_output();
+    if (!g_out) return nullptr;
+    g_stdoutClaimed = true;
+    return g_out;
 }
 
 bool start_library() {
@@ -99,13 +108,13 @@ std::string library_root(const std::string &root, const char *command) {
     return abs;
 }
 
-bool require_store(const std::string &root, const char *command) {
+bool require_store(const std::string &root, const char *command, bool copyWillDo) {
     std::error_code ec;
-    if (!fs::is_regular_file(root + "/date.db", ec)) {
-        std::fprintf(stderr, "vrixdb %s: no store at %s (no date.db)\n", command, root.c_str());
-        return false;
-    }
-    return true;
+    if (fs::is_regular_file(root + "/date.db", ec)) return true;
+    if (copyWillDo && fs::is_regular_file(root + "/date.db.sql", ec)) return true;
+    std::fprintf(stderr, "vrixdb %s: no store at %s (no date.db%s)\n", command, root.c_str(),
+                 copyWillDo ? " and no copy date.db.sql" : "");
+    return false;
 }
 
 } // namespace vrixtool

@@ -18,8 +18,13 @@ constexpr size_t kMaxRoot = VRIX_MAX_ROOT_LENGTH;
 // standard error, and the program writes its results to out().
 bool start_library();
 
-// Where the program's results go: standard output.
+// Where the program's results go: standard output, or standard error once
+// standard output carries a product (claim_stdout).
 FILE *out();
+// Standard output for a product written to "-", kept apart from the
+// library's lines; out() is standard error from then on.  Null when the two
+// cannot be separated.
+FILE *claim_stdout();
 // Sends the library's lines to standard error from now on (start_library
 // does this; commands that use the library without starting it call it).
 void separate_library_output();
@@ -32,7 +37,8 @@ bool disk_error_reported();
 // Empty, with a message on stderr, when it is too long for the library.
 std::string library_root(const std::string &root, const char *command);
 
-// A root the command only reads: it must exist and hold date.db.
-bool require_store(const std::string &root, const char *command);
+// A root the command only reads: it must exist and hold date.db (or, when
+// `copyWillDo`, at least the copy date.db.sql that repair restores it from).
+bool require_store(const std::string &root, const char *command, bool copyWillDo = false);
 
 } // namespace vrixtool

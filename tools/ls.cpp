@@ -62,13 +62,14 @@ std::string event_summary(const std::vector<EventRow> &events) {
     return s;
 }
 
-int list_days(StoreIndex &store) {
+void list_days(StoreIndex &store) {
     const auto days = store.days();
     std::fprintf(out(), "store %s: %zu day%s (times at UTC%s)\n", store.root().c_str(), days.size(),
                  days.size() == 1 ? "" : "s", format_offset().c_str());
-    if (days.empty()) return 0;
+    if (days.empty()) return;
     std::fprintf(out(), "%-10s  %-38s  %-18s  %s\n", "day", "video", "audio", "events");
     for (long day : days) {
+        const size_t before = store.unreadable().size();
         const VideoTotals v = video_totals(store, day);
         const auto audio = store.audio(day);
         int64_t seconds = 0;
@@ -82,20 +83,32 @@ int list_days(StoreIndex &store) {
         else
             std::snprintf(sound, sizeof sound, "%zu h %lld s", audio.size(),
                           static_cast<long long>(seconds));
-        std::fprintf(out(), "%-10s  %-38s  %-18s  %zu\n", day_name(day).c_str(), video, sound,
-                     store.events(day).size());
+        const size_t events = store.events(day).size();
+        std::fprintf(out(), "%-10s  %-38s  %-18s  %zu%s\n", day_name(day).c_str(), video, sound,
+                     events, store.unreadable().size() > before ? "  (incomplete)" : "");
     }
-    return 0;
 }
 
-int list_day(StoreIndex &store, long day) {
+// The database the last read found unreadable, if it did: what a listing
+// shows in its place.
+const char *unreadable_since(const StoreIndex &store, size_t before) {
+    return store.unreadable().size() > before ? store.unreadable().back().c_str() : nullptr;
+}
+
+void list_day(StoreIndex &store, long day) {
     std::fprintf(out(), "day %s in %s (times at UTC%s)\n", day_name(day).c_str(),
                  store.root().c_str(), format_offset().c_str());
     std::fprintf(out(), "video\n  %-3s %-24s %10s %12s  %s\n", "ch", "hours", "key frames", "bytes",
                  "first .. last key frame");
     bool any = false;
     for (int ch = 1; ch <= 16; ++ch) {
+        const size_t before = store.unreadable().size();
         auto hours = store.video(day, ch);
+        if (const char *bad = unreadable_since(store, before)) {
+            std::fprintf(out(), "  %-3d cannot read %s\n", ch, bad);
+            any = true;
+            continue;
+        }
         if (hours.empty()) continue;
         any = true;
         int64_t keys = 0, bytes = 0;
@@ -114,6 +127,7 @@ int list_day(StoreIndex &store, long day) {
     }
     if (!any) std::fprintf(out(), "  (none)\n");
 
+    size_t before = store.unreadable().size();
     const auto audio = store.audio(day);
     int64_t seconds = 0, bytes = 0;
     for (const HourIndex &h : audio) {
@@ -121,22 +135,32 @@ int list_day(StoreIndex &store, long day) {
         if (h.streamBytes > 0) bytes += h.streamBytes;
     }
     const int channels = store.audio_channels(day);
-    if (audio.empty())
+    if (const char *bad = unreadable_since(store, before))
+        std::fprintf(out(), "audio  cannot read %s\n", bad);
+    else if (audio.empty())
         std::fprintf(out(), "audio  (none)\n");
     else
         std::fprintf(out(), "audio  hours %s, %lld s indexed, %d ch, %s per channel\n",
                      hour_list(audio).c_str(), static_cast<long long>(seconds), channels,
                      format_bytes(bytes).c_str());
-    std::fprintf(out(), "events %s\n", event_summary(store.events(day)).c_str());
-    return 0;
+    before = store.unreadable().size();
+    const auto events = store.events(day);
+    if (const char *bad = unreadable_since(store, before))
+        std::fprintf(out(), "events cannot read %s\n", bad);
+    else
+        std::fprintf(out(), "events %s\n", event_summary(events).c_str());
 }
 
 int run_ls(const LsOptions &o) {
     const std::string root = library_root(o.root, "ls");
     if (root.empty() || !require_store(root, "ls")) return 1;
     StoreIndex store(root);
-    if (o.day.empty()) return list_days(store);
-    return list_day(store, *parse_day(o.day));
+    if (o.day.empty())
+        list_days(store);
+    else
+        list_day(store, *parse_day(o.day));
+    std::fflush(out());
+    return report_unreadable(store, "ls");
 }
 
 } // namespace

@@ -27,6 +27,10 @@ const CLI::Validator DayArg(
 
 const CLI::Validator ChannelArg = CLI::Range(1, 16).description("1..16");
 
+const char *const kSpanRule =
+    "A span --from A --to B covers the seconds A to B, both included: every frame up to\n"
+    "the end of second B.";
+
 CLI::Option *add_root(CLI::App *sub, std::string &root, bool required) {
     auto *opt = sub->add_option("--root", root, "the store's root directory");
     if (required) opt->required();
@@ -40,6 +44,8 @@ int main(int argc, char **argv) {
     CLI::App app{"vrixdb - record, play back and inspect a recorder's store\n"
                  "Times are local (the zone of TZ): YYYY-MM-DDTHH:MM:SS or seconds since 1970."};
     app.require_subcommand(1);
+    app.footer("Exit status: 0 done; 1 failed; 2 a database of the store could not be read, so "
+               "the output is\nincomplete (try vrixdb repair); 100 and above: wrong arguments.");
     Status status = 0;
     add_demo(app, status);
     add_record_h264(app, status);

@@ -35,22 +35,29 @@ struct RepairOptions {
 
 struct RemoveLog {
     std::atomic<int> removed{0};
+    std::atomic<int> absent{0}; // nothing there to remove: not a failure
     std::atomic<int> other{0};
 };
 
 void log_removal(int command, const char *path, int outcome, void *user) {
     auto *log = static_cast<RemoveLog *>(user);
-    (outcome == VRIX_RM_REMOVED ? log->removed : log->other).fetch_add(1);
+    std::error_code ec;
+    const bool absent = outcome == VRIX_RM_FAILED && !fs::exists(fs::symlink_status(path, ec));
+    (outcome == VRIX_RM_REMOVED ? log->removed : absent ? log->absent : log->other).fetch_add(1);
     std::fprintf(out(), "  %s %s%s\n", command == VRIX_RM_DIR ? "remove day" : "remove", path,
                  outcome == VRIX_RM_REMOVED   ? ""
                  : outcome == VRIX_RM_REFUSED ? " (refused: outside the root)"
+                 : absent                     ? " (not there)"
                                               : " (failed)");
 }
 
 int run_reduce(const ReduceOptions &o) {
     const std::string root = library_root(o.root, "reduce");
     if (root.empty() || !require_store(root, "reduce")) return 1;
-    if (StoreIndex(root).days().empty()) {
+    StoreIndex store(root);
+    const bool empty = store.days().empty();
+    if (const int bad = report_unreadable(store, "reduce")) return bad;
+    if (empty) {
         std::fprintf(out(), "%s holds no recorded day: nothing to reduce\n", root.c_str());
         return 0;
     }
@@ -85,6 +92,7 @@ int run_reduce(const ReduceOptions &o) {
     else
         std::fprintf(out(), "the oldest day had no audio index: removed as a whole (%d removals)",
                      log.removed.load());
+    if (log.absent.load()) std::fprintf(out(), " (%d not there)", log.absent.load());
     std::fprintf(out(), "; %.1f s", secs);
     if (freeMB >= 0) std::fprintf(out(), ", %d MiB free above the 9 GiB reserve", freeMB);
     std::fprintf(out(), "\n");
@@ -116,7 +124,7 @@ int run_backup(const BackupOptions &o) {
 
 int run_repair(const RepairOptions &o) {
     const std::string root = library_root(o.root, "repair");
-    if (root.empty() || !require_store(root, "repair")) return 1;
+    if (root.empty() || !require_store(root, "repair", true)) return 1;
     // The check runs before anything is opened and needs no start-up.
     separate_library_output();
     const auto began = std::chrono::steady_clock::now();

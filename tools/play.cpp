@@ -1,6 +1,7 @@
 // vrixdb play: one line per frame delivered by the library's playback.
 #include "cli.h"
 #include "library.h"
+#include "store_index.h"
 #include "times.h"
 #include "vrixdb.h"
 
@@ -42,10 +43,11 @@ int run_play(const PlayOptions &o) {
     if (!start_library()) return 1;
 
     std::tm start = mktime_fields(from);
-    std::tm end = mktime_fields(to);
+    std::tm end = mktime_fields(span_end(to));
     PlayContext *ctx = vrix_db_open_get_video(&start, to && !o.reverse ? &end : nullptr, o.ch,
                                               kPlayBuffer, root.c_str());
     if (!ctx) {
+        if (const int bad = check_played_span(root, o.ch, from, to, o.reverse, "play")) return bad;
         std::fprintf(stderr, "vrixdb play: the library could not open channel %d of %s\n", o.ch,
                      root.c_str());
         return 1;
@@ -76,7 +78,10 @@ int run_play(const PlayOptions &o) {
     }
     vrix_db_close_get_video(ctx);
     std::fprintf(out(), "# %ld frame%s, %lld bytes\n", frames, frames == 1 ? "" : "s", bytes);
-    return 0;
+    std::fflush(out());
+    // Play ends early, or finds nothing, where an index cannot be read.
+    if (o.count && frames == o.count) return 0;
+    return check_played_span(root, o.ch, from, to, o.reverse, "play");
 }
 
 } // namespace
@@ -88,12 +93,13 @@ void add_play(CLI::App &app, Status &status) {
     add_root(sub, o->root);
     sub->add_option("--ch", o->ch, "video channel 1..16")->required()->check(ChannelArg);
     sub->add_option("--from", o->from, "where playback starts")->required()->check(TimeArg);
-    sub->add_option("--to", o->to, "where it ends (with --reverse: the earlier end)")
+    sub->add_option("--to", o->to, "the last second played (with --reverse: the earliest)")
         ->check(TimeArg);
     sub->add_flag("--reverse", o->reverse, "key frames backward from --from");
     sub->add_option("--iframes", o->iframes, "key frames only, STEP key frames at a time")
         ->check(CLI::Range(1, 1000));
     sub->add_option("--count", o->count, "at most K frames")->check(CLI::Range(1L, 1L << 30));
+    sub->footer(kSpanRule);
     sub->callback([o, &status] { status = run_play(*o); });
 }
 

@@ -6,6 +6,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <climits>
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
 
@@ -13,11 +15,14 @@ namespace vrixtool {
 
 namespace fs = std::filesystem;
 
-IndexDb::IndexDb(const std::string &path) {
+IndexDb::IndexDb(const std::string &path) : path_(path) {
     std::error_code ec;
     if (!fs::is_regular_file(path, ec)) return;
     SqlHandle h = nullptr;
-    if (sql_open(path.c_str(), &h) == 0) handle_ = h;
+    if (sql_open(path.c_str(), &h) == 0)
+        handle_ = h;
+    else
+        failed_ = true;
 }
 
 IndexDb::~IndexDb() {
@@ -36,6 +41,7 @@ std::vector<Row> IndexDb::rows(const std::string &sql, int columns) {
         if (n != -1) break;
         usleep(5000);
     }
+    if (n < 0) failed_ = true;
     for (int r = 0; r < n; ++r) {
         Row row;
         for (int c = 0; c < columns; ++c) {
@@ -60,6 +66,12 @@ std::optional<int64_t> IndexDb::value(const std::string &sql) {
     return r[0][0];
 }
 
+bool IndexDb::has_table(const std::string &name) {
+    const auto n =
+        value("select count(*) from sqlite_master where type='table' and name='" + name + "';");
+    return n && *n > 0;
+}
+
 std::vector<int64_t> IndexDb::column(const std::string &sql) {
     std::vector<int64_t> out;
     for (const Row &r : rows(sql, 1))
@@ -74,15 +86,23 @@ bool StoreIndex::exists() const {
     return fs::is_regular_file(root_ + "/date.db", ec);
 }
 
-namespace {
+void StoreIndex::note(const IndexDb &db) {
+    if (db.failed() &&
+        std::find(unreadable_.begin(), unreadable_.end(), db.path()) == unreadable_.end())
+        unreadable_.push_back(db.path());
+}
 
-std::vector<long> day_keys(const std::string &root, const std::string &table) {
-    IndexDb db(root + "/date.db");
+std::vector<long> StoreIndex::day_keys(const std::string &table) {
+    IndexDb db(root_ + "/date.db");
     std::vector<long> out;
-    for (int64_t d : db.column("select distinct date from " + table + " order by date;"))
-        out.push_back(static_cast<long>(d));
+    if (db.has_table(table))
+        for (int64_t d : db.column("select distinct date from " + table + " order by date;"))
+            out.push_back(static_cast<long>(d));
+    note(db);
     return out;
 }
+
+namespace {
 
 int64_t file_size(const std::string &path) {
     std::error_code ec;
@@ -93,46 +113,51 @@ int64_t file_size(const std::string &path) {
 } // namespace
 
 std::vector<long> StoreIndex::days() {
-    return day_keys(root_, "H");
+    return day_keys("H");
 }
 
 std::vector<long> StoreIndex::channel_days(int ch) {
-    return day_keys(root_, "ch" + std::to_string(ch));
+    return day_keys("ch" + std::to_string(ch));
 }
 
 std::string StoreIndex::day_dir(long day) const {
     return root_ + "/" + day_name(day);
 }
 
+namespace {
+
+// The hours of a video.db or audio.db with their rows; `stream` names an
+// hour's stream file.
+template <class StreamName> std::vector<HourIndex> hours_of(IndexDb &db, const StreamName &stream) {
+    std::vector<HourIndex> out;
+    if (!db.has_table("H")) return out;
+    for (int64_t h : db.column("select distinct hour from H order by hour;")) {
+        if (h < 0 || h > 23) continue;
+        const std::string table = "h" + std::to_string(h);
+        HourIndex hour{static_cast<int>(h), {}, file_size(stream(h))};
+        if (db.has_table(table))
+            for (const Row &r : db.rows("select sec,offset from " + table + " order by id;", 2))
+                if (r[0] && r[1]) hour.keys.push_back({static_cast<int>(*r[0]), *r[1]});
+        out.push_back(std::move(hour));
+    }
+    return out;
+}
+
+} // namespace
+
 std::vector<HourIndex> StoreIndex::video(long day, int ch) {
     const std::string dir = day_dir(day) + "/video/" + std::to_string(ch);
     IndexDb db(dir + "/video.db");
-    std::vector<HourIndex> out;
-    for (int64_t h : db.column("select distinct hour from H order by hour;")) {
-        if (h < 0 || h > 23) continue;
-        HourIndex hour{
-            static_cast<int>(h), {}, file_size(dir + "/" + std::to_string(h) + ".stream")};
-        for (const Row &r :
-             db.rows("select sec,offset from h" + std::to_string(h) + " order by id;", 2))
-            if (r[0] && r[1]) hour.keys.push_back({static_cast<int>(*r[0]), *r[1]});
-        out.push_back(std::move(hour));
-    }
+    auto out = hours_of(db, [&](int64_t h) { return dir + "/" + std::to_string(h) + ".stream"; });
+    note(db);
     return out;
 }
 
 std::vector<HourIndex> StoreIndex::audio(long day) {
     const std::string dir = day_dir(day) + "/audio";
     IndexDb db(dir + "/audio.db");
-    std::vector<HourIndex> out;
-    for (int64_t h : db.column("select distinct hour from H order by hour;")) {
-        if (h < 0 || h > 23) continue;
-        HourIndex hour{
-            static_cast<int>(h), {}, file_size(dir + "/1/" + std::to_string(h) + ".stream")};
-        for (const Row &r :
-             db.rows("select sec,offset from h" + std::to_string(h) + " order by id;", 2))
-            if (r[0] && r[1]) hour.keys.push_back({static_cast<int>(*r[0]), *r[1]});
-        out.push_back(std::move(hour));
-    }
+    auto out = hours_of(db, [&](int64_t h) { return dir + "/1/" + std::to_string(h) + ".stream"; });
+    note(db);
     return out;
 }
 
@@ -147,11 +172,58 @@ int StoreIndex::audio_channels(long day) const {
 std::vector<EventRow> StoreIndex::events(long day) {
     IndexDb db(day_dir(day) + "/event.db");
     std::vector<EventRow> out;
-    for (const Row &r : db.rows("select id,sec,ch,type from h_all order by id;", 4))
-        if (r[0] && r[1] && r[2] && r[3])
-            out.push_back({static_cast<int>(*r[0]), static_cast<int>(*r[1]),
-                           static_cast<int>(*r[2]), static_cast<int>(*r[3])});
+    if (db.has_table("h_all"))
+        for (const Row &r : db.rows("select id,sec,ch,type from h_all order by id;", 4))
+            if (r[0] && r[1] && r[2] && r[3])
+                out.push_back({static_cast<int>(*r[0]), static_cast<int>(*r[1]),
+                               static_cast<int>(*r[2]), static_cast<int>(*r[3])});
+    note(db);
     return out;
+}
+
+// Counting a table's rows reads every page of it.
+void StoreIndex::check_tables(IndexDb &db, const std::vector<std::string> &tables) {
+    for (const std::string &t : tables)
+        if (!db.failed() && db.has_table(t)) db.value("select count(*) from " + t + ";");
+    note(db);
+}
+
+void StoreIndex::check_span(int ch, long first, long last) {
+    const size_t before = unreadable_.size();
+    const auto days = day_keys(ch ? "ch" + std::to_string(ch) : "H");
+    if (unreadable_.size() > before) return; // date.db itself
+    for (long day : days) {
+        if (day < first || day > last) continue;
+        if (!ch) {
+            IndexDb db(day_dir(day) + "/event.db");
+            check_tables(db, {"h_all"});
+            continue;
+        }
+        IndexDb db(day_dir(day) + "/video/" + std::to_string(ch) + "/video.db");
+        std::vector<std::string> tables{"H"};
+        if (db.has_table("H"))
+            for (int64_t h : db.column("select distinct hour from H;"))
+                tables.push_back("h" + std::to_string(h));
+        check_tables(db, tables);
+    }
+}
+
+int report_unreadable(const StoreIndex &store, const char *command) {
+    for (const std::string &path : store.unreadable())
+        std::fprintf(stderr,
+                     "vrixdb %s: cannot read %s (damaged, not a database, or locked): "
+                     "try vrixdb repair --root %s\n",
+                     command, path.c_str(), store.root().c_str());
+    return store.unreadable().empty() ? 0 : kUnreadableStatus;
+}
+
+int check_played_span(const std::string &root, int ch, long from, long to, bool backward,
+                      const char *command) {
+    StoreIndex store(root);
+    const long near = day_start(from);
+    const long far = to ? day_start(to) : backward ? LONG_MIN : LONG_MAX;
+    store.check_span(ch, backward ? far : near, backward ? near : far);
+    return report_unreadable(store, command);
 }
 
 } // namespace vrixtool

@@ -3,6 +3,12 @@
 //
 // The program reads them with the companion library's sql_* functions; it
 // opens only files that exist, so looking never creates anything.
+//
+// A database that exists but cannot be read is noted, never taken for an
+// empty one: it fails to open, or a query on a table it holds fails (SQLite
+// finds the file damaged or not a database, or it stays busy).  A table that
+// is not there (a store that never recorded video, a day without events) is
+// simply empty.
 #pragma once
 
 #include "vrixhdd.h"
@@ -26,6 +32,11 @@ class IndexDb {
     IndexDb &operator=(const IndexDb &) = delete;
 
     bool ok() const { return handle_ != nullptr; }
+    // The file is there but could not be opened, or a query failed.
+    bool failed() const { return failed_; }
+    const std::string &path() const { return path_; }
+    // Whether the database holds table `name`.
+    bool has_table(const std::string &name);
     // Rows of a query of `columns` integer columns (empty on failure).
     std::vector<Row> rows(const std::string &sql, int columns);
     // The first column of the first row, if any.
@@ -34,7 +45,9 @@ class IndexDb {
     std::vector<int64_t> column(const std::string &sql);
 
   private:
+    std::string path_;
     SqlHandle handle_ = nullptr;
+    bool failed_ = false;
 };
 
 struct KeyFrame {
@@ -71,8 +84,34 @@ class StoreIndex {
     int audio_channels(long day) const; // channel directories under audio/
     std::vector<EventRow> events(long day);
 
+    // Reads every table of the databases that playing channel `ch` (0: the
+    // events) over the days first..last (day keys, inclusive) goes through,
+    // noting those that cannot be read.
+    void check_span(int ch, long first, long last);
+
+    // The databases found unreadable so far, each once.
+    const std::vector<std::string> &unreadable() const { return unreadable_; }
+
   private:
+    std::vector<long> day_keys(const std::string &table);
+    void note(const IndexDb &db);
+    void check_tables(IndexDb &db, const std::vector<std::string> &tables);
+
     std::string root_;
+    std::vector<std::string> unreadable_;
 };
+
+// Exit status of a command that found part of the store unreadable.
+constexpr int kUnreadableStatus = 2;
+
+// One line on standard error per unreadable database, suggesting repair;
+// kUnreadableStatus when there is any, else 0.
+int report_unreadable(const StoreIndex &store, const char *command);
+
+// After the library played channel `ch` (0: listed events) from `from`
+// towards `to` (0: no end; with `backward` the earlier end) and may have
+// stopped short: checks and reports the databases it went through.
+int check_played_span(const std::string &root, int ch, long from, long to, bool backward,
+                      const char *command);
 
 } // namespace vrixtool

@@ -4,12 +4,12 @@
 #include "cli.h"
 #include "library.h"
 #include "lists.h"
+#include "output_file.h"
 #include "times.h"
 #include "vrixdb.h"
 
 #include <algorithm>
 #include <cstdio>
-#include <fstream>
 
 namespace vrixtool {
 
@@ -270,23 +270,15 @@ int run_timeline(const TimelineOptions &o) {
     long spans = 0;
     size_t events = 0;
     const std::string svg = draw_day(store, day, o.gap, o.fullDay, spans, events);
-    const std::string tmp = o.out + ".part";
-    {
-        std::ofstream f(tmp, std::ios::binary);
-        f << svg;
-        if (!f.good()) {
-            std::fprintf(stderr, "vrixdb timeline: cannot write %s\n", o.out.c_str());
-            std::remove(tmp.c_str());
-            return 1;
-        }
-    }
-    if (std::rename(tmp.c_str(), o.out.c_str()) != 0) {
-        std::fprintf(stderr, "vrixdb timeline: cannot write %s\n", o.out.c_str());
-        std::remove(tmp.c_str());
-        return 1;
-    }
+    // An incomplete picture would pass for the day: none is written.
+    if (const int bad = report_unreadable(store, "timeline")) return bad;
+    OutputFile file;
+    if (!file.open(o.out, "timeline")) return 1;
+    std::fwrite(svg.data(), 1, svg.size(), file.stream());
+    if (!file.commit()) return 1;
     std::fprintf(out(), "timeline of %s: %ld recorded span%s, %zu events, written to %s\n",
-                 day_name(day).c_str(), spans, spans == 1 ? "" : "s", events, o.out.c_str());
+                 day_name(day).c_str(), spans, spans == 1 ? "" : "s", events,
+                 o.out == "-" ? "standard output" : o.out.c_str());
     return 0;
 }
 
@@ -299,7 +291,8 @@ void add_timeline(CLI::App &app, Status &status) {
                     "index shaded by\nkey-frame density, event marks by type, an hour axis");
     add_root(sub, o->root);
     sub->add_option("--day", o->day, "the day, YYYYMMDD or YYYY-MM-DD")->required()->check(DayArg);
-    sub->add_option("--out", o->out, "the SVG file to write")->required();
+    sub->add_option("--out", o->out, std::string("the SVG file to write (") + kOutputRule + ")")
+        ->required();
     sub->add_option("--gap", o->gap, "seconds between key frames that split a span")
         ->check(CLI::Range(1L, 86400L))
         ->capture_default_str();

@@ -142,4 +142,8 @@ long day_start(long t) {
     return t - (tm.tm_hour * 3600L + tm.tm_min * 60L + tm.tm_sec);
 }
 
+long span_end(long to) {
+    return to < 0x7FFFFFFFL ? to + 1 : to;
+}
+
 } // namespace vrixtool

@@ -34,4 +34,10 @@ std::string day_name(long t);     // YYYYMMDD of the day of t
 std::string format_offset();      // +HH:MM
 long day_start(long t);           // local midnight of the day of t
 
+// A span --from A --to B holds every frame whose second lies in A..B.  The
+// library's end times are whole seconds and its end is where a span stops
+// (sizes count up to the first key frame at or after it, playback locates
+// nothing at or past it), so the end handed to it is the second after B.
+long span_end(long to);
+
 } // namespace vrixtool
