@@ -25,6 +25,8 @@
 #include <map>
 #include <set>
 #include <sstream>
+#include <string>
+#include <unordered_map>
 
 namespace {
 
@@ -45,7 +47,9 @@ const std::vector<unsigned> kFoundDefects = {1, 3, 7, 12, 21};
 struct Built {
     ScratchDir dir;
     Store s;
-    std::map<Bytes, int> known; // delivered bytes -> record
+    // Delivered bytes -> record.  Keyed by text: GCC 12 at -O3 warns falsely
+    // (-Wstringop-overread) on comparing vectors of bytes in a map.
+    std::unordered_map<std::string, int> known;
     std::string path(const File &f) const {
         std::tm t{};
         const time_t h = f.hour_start;
@@ -197,7 +201,8 @@ PlayContext *open_at(const Built &b, long long start, int end) {
 
 // The record a delivery was, or -3 when it was never recorded.
 int identify(const Built &b, PlayContext *p) {
-    const auto it = b.known.find(delivered(p));
+    const Bytes got = delivered(p);
+    const auto it = b.known.find(std::string(got.begin(), got.end()));
     return it == b.known.end() ? -3 : it->second;
 }
 
@@ -245,8 +250,9 @@ void PlayModel::run_seed(unsigned seed) {
     }
     for (size_t i = 0; i < b.s.recs.size(); ++i) {
         const Rec &r = b.s.recs[i];
-        if (!r.damaged && !r.lost && r.fits) b.known[r.bytes] = static_cast<int>(i);
-        if (!r.now.empty()) b.known[r.now] = static_cast<int>(i);
+        if (!r.damaged && !r.lost && r.fits)
+            b.known[std::string(r.bytes.begin(), r.bytes.end())] = static_cast<int>(i);
+        if (!r.now.empty()) b.known[std::string(r.now.begin(), r.now.end())] = static_cast<int>(i);
     }
     const int first = b.s.recs.front().sec, last = b.s.recs.back().sec;
     auto any_time = [&] {
