@@ -4,13 +4,14 @@
 #include "core/messages.h"
 #include "core/store_access.h"
 #include "core/sync_point.h"
+#include "media/index_row.h"
+#include "media/stream_file.h"
 #include "rec_context.h"
 #include "rec_writer.h"
 #include "store/format.h"
 #include "store/paths.h"
 #include "store/records.h"
 #include "store/schema.h"
-#include "stream_file.h"
 
 #include <cstdio>
 #include <cstring>
@@ -148,55 +149,37 @@ int query_retrying(SqlHandle db, int n, const char *sql, const char *format, Res
     return rows;
 }
 
-constexpr long long kUnknown = -1;
-
-// A one-value query into the writer's own holder (pIntResult belongs to the
-// submit thread): the value read as a 64-bit cell.
-bool writer_value(RecContext &ctx, SqlHandle db, int n, const char *sql, long long &out) {
-    return query_retrying(db, n, sql, "%u", ctx.pOffsetResult) > 0 &&
-           holder_offset(ctx.pOffsetResult, out);
-}
-
-// The newest indexed key frame below `bound`: its offset, 0 when the hour has
-// no such row or no table, kUnknown when the index cannot be read.
-long long newest_row_below(RecContext &ctx, RecChannel &c, int n, long long bound, int &sec) {
-    Sql q;
-    format_into(q.text, sizeof q.text, sql::kResumeOffset, c.iHour, bound);
-    const int rows = query_retrying(c.pVideoDb, n, q.text, "%u", ctx.pOffsetResult);
-    VRIX_SYNC_POINT("rec_video:resume_row_read");
-    long long found = 0;
-    if (rows > 0) {
-        if (!holder_offset(ctx.pOffsetResult, found)) return 0; // max() over no row
-        format_into(q.text, sizeof q.text, sql::kSecAtOffset, c.iHour, found);
-        long long s = 0;
-        sec = writer_value(ctx, c.pVideoDb, n, q.text, s) ? static_cast<int>(s) : 0;
-        return found;
+// The video writer's side of the restart search: the writer's own holder
+// (pIntResult belongs to the submit thread), queries repeated while busy, and
+// rows exclusive of the file's size.
+struct VideoRestart {
+    static constexpr bool kInclusive = false;
+    RecContext &ctx;
+    RecChannel &c;
+    int n;
+    long long size;
+    int query(const char *sql) {
+        return query_retrying(c.pVideoDb, n, sql, "%u", ctx.pOffsetResult);
     }
-    // A failed query means no table only when the table is truly missing.
-    format_into(q.text, sizeof q.text, sql::kTableExists, c.iHour);
-    long long tables = -1;
-    if (writer_value(ctx, c.pVideoDb, n, q.text, tables) && tables == 0) return 0;
-    return kUnknown;
-}
+    ResultTable &offsets() { return ctx.pOffsetResult; }
+    bool agrees(long long offset, int sec) {
+        return key_frame_agrees(c.fpStream, offset, size, sec);
+    }
+    void row_read() { VRIX_SYNC_POINT("rec_video:resume_row_read"); }
+};
 
 // Picks the restart point of an hour file that has data: the newest indexed
 // key frame whose record is whole and agrees with its row.  Rows from there
-// on are deleted.  kUnknown when the index cannot be read (no database, or a
+// on are deleted.  kIndexUnknown when the index cannot be read (no database, or a
 // damaged one): the file is then continued at its end, never cut.
 long long resume_point(RecContext &ctx, RecChannel &c, int n, long long size) {
-    if (!c.pVideoDb) return kUnknown;
+    if (!c.pVideoDb) return kIndexUnknown;
     // Rows still waiting for this very hour (the clock went back) must be in
     // the table before it is read.
     if (c.iSqlRows) commit_channel(ctx, c, n);
-    long long bound = size;
-    long long offset;
-    for (;;) {
-        int sec = 0;
-        offset = newest_row_below(ctx, c, n, bound, sec);
-        if (offset <= 0 || key_frame_agrees(c.fpStream, offset, size, sec)) break;
-        bound = offset; // the row names no whole key frame there: try the one before
-    }
-    if (offset == kUnknown) return kUnknown;
+    VideoRestart w{ctx, c, n, size};
+    const long long offset = restart_point(w, c.iHour, size);
+    if (offset == kIndexUnknown) return kIndexUnknown;
     Sql q;
     format_into(q.text, sizeof q.text, sql::kDeleteFrom, c.iHour, offset);
     submit_locked(video_mutex(n), c.pVideoDb, q.text);
@@ -231,7 +214,7 @@ bool open_hour(RecContext &ctx, RecChannel &c, int n, const char *day, int hour,
         return true;
     }
     const long long restart = resume_point(ctx, c, n, size);
-    if (restart == kUnknown) {
+    if (restart == kIndexUnknown) {
         std::printf("vrix_db_rec_video : ch%d index of hour %d unreadable , appending\n", n, hour);
         c.llOffset = size;
     } else {
