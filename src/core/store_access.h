@@ -103,6 +103,25 @@ bool query_int(pthread_mutex_t *m, SqlHandle db, const char *sql, ResultTable &h
 bool query_offset(pthread_mutex_t *m, SqlHandle db, const char *sql, ResultTable &holder,
                   long long &out);
 
+// A statement repeated while the database is busy (sql_submit's -1), at most
+// kBusyAttempts times: with SQLite's own busy wait about a second, so that a
+// reader in another process holding a lock for a moment costs no statement.
+// No pause of its own: it runs with the database's mutex held.
+// Requires: the mutex of `db` held.
+constexpr int kBusyAttempts = 20;
+int submit_busy(SqlHandle db, const char *sql, const char *format = "",
+                ResultTable *holder = nullptr);
+
+// Adds a row with `insert` unless `find` yields one; a lookup that failed
+// adds it too (a second row does no harm, a missing one hides footage).
+// `holder` has at least one int cell.
+// Requires: the mutex of `db` held.
+void ensure_row(SqlHandle db, const char *find, const char *insert, ResultTable &holder);
+
+// The day (a local midnight) in date.db's H, found or added.
+// Requires: the date mutex held.
+void ensure_day(SqlHandle date_db, int day, ResultTable &holder);
+
 // Reads slot 0 of a holder after a positive count; false when it is null.
 bool holder_int(ResultTable t, int &out);
 bool holder_offset(ResultTable t, long long &out);

@@ -8,6 +8,7 @@
 #include "media/stream_file.h"
 #include "rec_context.h"
 #include "rec_writer.h"
+#include "registration.h"
 #include "store/format.h"
 #include "store/paths.h"
 #include "store/records.h"
@@ -27,62 +28,10 @@ void close_hour_file(RecChannel &c, int) {
     c.llOffset = 0;
 }
 
-namespace {
-
-constexpr int kBusyTries = 20; // with SQLite's own busy wait, about a second
-
-// The day of the channel's rows in date.db (H and ch<N>), found or added
-// through the writer's own holder.  The submit thread does the same from the
-// queue; doing it here too, before the rows are committed, means that rows
-// never stand in an index that playback cannot reach, even when the process
-// dies with the thread's registration still in the queue.
-// A statement repeated while the database is busy (about a second with
-// SQLite's own wait), so that a reader in another process holding a lock for
-// a moment costs no registration and leaves no transaction open.
-// Requires: the mutex of `db` held.
-int submit_busy(SqlHandle db, const char *sql, const char *format = "",
-                ResultTable *holder = nullptr) {
-    int r = -1;
-    for (int i = 0; i < kBusyTries && r == -1; ++i)
-        r = holder ? sql_submit(db, sql, format, holder) : sql_submit(db, sql, format);
-    return r;
-}
-
-// Adds the row unless the lookup found it; a lookup that failed adds it too
-// (a second row does no harm, a missing one hides footage).
-// Requires: the mutex of `db` held.
-void ensure_row(RecContext &ctx, SqlHandle db, const Sql &find, const Sql &insert) {
-    if (submit_busy(db, find.text, "%u", &ctx.pOffsetResult) <= 0) submit_busy(db, insert.text);
-}
-
-void register_day(RecContext &ctx, int n, int day) {
-    Sql find, insert;
-    SqlLock hold(date_mutex());
-    format_into(find.text, sizeof find.text, sql::kFindChannelDay, n, day);
-    format_into(insert.text, sizeof insert.text, sql::kInsertChannelDay, n, day);
-    ensure_row(ctx, ctx.pDateDb, find, insert);
-    format_into(find.text, sizeof find.text, sql::kFindDay, day);
-    format_into(insert.text, sizeof insert.text, sql::kInsertDay, day);
-    ensure_row(ctx, ctx.pDateDb, find, insert);
-}
-
-// The hour's table and its row in the day's H, inside the commit.
-// Requires: the channel's video mutex held.
-void prepare_hour(RecContext &ctx, SqlHandle db, int hour) {
-    Sql q, insert;
-    format_into(q.text, sizeof q.text, sql::kCreateIndex, hour);
-    sql_submit(db, q.text, "");
-    format_into(q.text, sizeof q.text, sql::kFindHour, hour);
-    format_into(insert.text, sizeof insert.text, sql::kInsertHour, hour);
-    ensure_row(ctx, db, q, insert);
-}
-
-} // namespace
-
 void commit_channel(RecContext &ctx, RecChannel &c, int n) {
     unsigned hours = c.iPendingTables;
     if (c.iNewTable && c.iHour >= 0) hours |= 1u << c.iHour;
-    if (hours && c.pVideoDb) register_day(ctx, n, message_word(c.HourMsg, 4));
+    if (hours && c.pVideoDb) register_channel_day(ctx, n, message_word(c.HourMsg, 4));
     {
         SqlLock hold(video_mutex(n));
         submit_busy(c.pVideoDb, sql::kBegin);
@@ -142,7 +91,7 @@ void move_to_day(RecContext &ctx, RecChannel &c, int n) {
 // A query into the context's holder, repeated while the database is busy.
 int query_retrying(SqlHandle db, int n, const char *sql, const char *format, ResultTable &holder) {
     int rows = -1;
-    for (int i = 0; i < kBusyTries && rows == -1; ++i) {
+    for (int i = 0; i < kBusyAttempts && rows == -1; ++i) {
         SqlLock hold(video_mutex(n));
         rows = sql_submit(db, sql, format, &holder);
     }
