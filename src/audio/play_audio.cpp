@@ -101,14 +101,11 @@ Held check_record(const AudioPlayContext &c, int32_t &sec) {
 bool row_after(AudioPlayContext &c, long long offset, int &id) {
     Sql q;
     format_into(q.text, sizeof q.text, sql::kIdAfter, c.iHour, offset);
-    for (int i = 0; i < kStoreAttempts; ++i) {
-        if (i) poll_pause();
-        const int rows = query_locked(audio_mutex(), c.pAudioDb, q.text, "%d", c.pIntResult);
-        if (rows == -1) continue;
-        if (rows <= 0 || !holder_int(c.pIntResult, id)) id = 0;
-        return true;
-    }
-    return false;
+    const int rows = retry_busy(
+        [&] { return query_locked(audio_mutex(), c.pAudioDb, q.text, "%d", c.pIntResult); });
+    if (rows == kBusy) return false;
+    if (rows <= 0 || !holder_int(c.pIntResult, id)) id = 0;
+    return true;
 }
 
 bool usable(const AudioPlayContext &c) {

@@ -33,7 +33,7 @@ void commit_rows(AudioRecContext &c) {
 // The hour's audio.db, with its tables and the hour registered in H.
 void open_hour_db(AudioRecContext &c, const char *audio_dir, int hour) {
     Path p;
-    format_into(p.text, sizeof p.text, "%s/audio.db", audio_dir);
+    dir_audio_db(p, audio_dir);
     SqlLock hold(audio_mutex());
     if (sql_open(p.text, &c.pAudioDb) != 0) {
         c.pAudioDb = nullptr; // treated as no database
@@ -91,11 +91,11 @@ bool open_hour_files(AudioRecContext &c, const char *audio_dir, int hour) {
     for (int k = 0; k < c.iChannelCount; ++k) {
         AudioRecChannel &ch = c.pChannels[k];
         Path dir, p;
-        format_into(dir.text, sizeof dir.text, "%s/%d", audio_dir, k + 1);
+        dir_channel(dir, audio_dir, k + 1);
         make_dir(dir.text);
         close_channel_file(ch);
         ch.llOffset = 0;
-        format_into(p.text, sizeof p.text, "%s/%d.stream", dir.text, hour);
+        dir_stream(p, dir.text, hour);
         if (!(ch.fpStream = open_stream_for_writing(p.text))) {
             std::printf("rec audio : cannot open %s\n", p.text);
             // The later channels stop rather than write on into the old hour.
@@ -137,7 +137,7 @@ bool new_hour(AudioRecContext &c, const std::tm &tm, bool date_changed, uint32_t
         writer_day_dir(day, c.strRoot, c.strDay);
         make_dir(day.text);
     }
-    format_into(audio.text, sizeof audio.text, "%s/%s/audio", c.strRoot, c.strDay);
+    writer_audio_dir(audio, c.strRoot, c.strDay);
     if (date_changed) make_dir(audio.text);
     if (c.pAudioDb) {
         commit_rows(c);

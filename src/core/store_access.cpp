@@ -79,10 +79,17 @@ bool query_offset(pthread_mutex_t *m, SqlHandle db, const char *sql, ResultTable
 }
 
 int submit_busy(SqlHandle db, const char *sql, const char *format, ResultTable *holder) {
-    int r = -1;
-    for (int i = 0; i < kBusyAttempts && r == -1; ++i)
-        r = holder ? sql_submit(db, sql, format, holder) : sql_submit(db, sql, format);
-    return r;
+    return retry_busy(
+        [&] { return holder ? sql_submit(db, sql, format, holder) : sql_submit(db, sql, format); },
+        kBusyAttempts, false);
+}
+
+void Db::transaction(std::initializer_list<const char *> parts) const {
+    SqlLock hold(m_);
+    sql_submit(h_, sql::kReduceBegin, "");
+    for (const char *p : parts)
+        if (p) sql_submit(h_, p, "");
+    sql_submit(h_, sql::kReduceCommit, "");
 }
 
 void ensure_row(SqlHandle db, const char *find, const char *insert, ResultTable &holder) {

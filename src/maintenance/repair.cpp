@@ -81,8 +81,7 @@ int correct_db(const char *db, const char *table) {
 // `dir` ends in "/"; the paths formed from it hold a doubled "/".
 void correct_video(const char *dir) {
     SidePath db, journal;
-    if (!format_into(db.text, sizeof db.text, "%s/video.db", dir) ||
-        !path_with_suffix(journal, db.text, "-journal")) {
+    if (!dir_video_db(db, dir) || !path_with_suffix(journal, db.text, "-journal")) {
         std::printf("vrix_db_correct_video : path too long %s\n", dir);
         return;
     }
@@ -95,7 +94,7 @@ void correct_video(const char *dir) {
     Db index(nullptr);
     for (int h = 0; h < 24; ++h) {
         Path stream;
-        if (!format_into(stream.text, sizeof stream.text, "%s/%d.stream", dir, h)) continue;
+        if (!dir_stream(stream, dir, h)) continue;
         std::printf("open %s\n", stream.text);
         File fp(std::fopen(stream.text, "rb+"));
         if (!fp) continue;
@@ -109,8 +108,7 @@ void correct_video(const char *dir) {
 
 void correct_audio(const char *dir) {
     SidePath db, journal;
-    if (!format_into(db.text, sizeof db.text, "%s/audio.db", dir) ||
-        !path_with_suffix(journal, db.text, "-journal")) {
+    if (!dir_audio_db(db, dir) || !path_with_suffix(journal, db.text, "-journal")) {
         std::printf("vrix_db_correct_audio : path too long %s\n", dir);
         return;
     }
@@ -124,7 +122,7 @@ void correct_audio(const char *dir) {
     index.run(sql::kCreateHourH);
     for (int h = 0; h < 24; ++h) {
         Path stream;
-        if (!format_into(stream.text, sizeof stream.text, "%s/1/%d.stream", dir, h)) continue;
+        if (!dir_first_audio_stream(stream, dir, h)) continue;
         File fp(std::fopen(stream.text, "rb+"));
         if (fp) vrix_db_repair_audio(fp.get(), index.get(), h);
     }

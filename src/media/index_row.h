@@ -3,7 +3,6 @@
 // an hour file restarts at.
 #pragma once
 
-#include "core/flags.h"
 #include "core/store_access.h"
 #include "record_check.h"
 #include "store/format.h"
@@ -14,10 +13,6 @@ namespace vrix {
 // Appends "insert into h%d values(NULL,%d,%lld);" to a batch of `size`
 // bytes holding `len`; false (nothing appended) when it would not fit.
 bool append_index_row(char *batch, int size, int &len, int hour, int sec, long long offset);
-
-// A failing store is asked again for about a second (SQLite waits on a busy
-// lock itself), then the reader gives up.
-constexpr int kStoreAttempts = 20;
 
 // What an index row of a playing hour turned out to be: one that agrees with
 // its record, no such row, a row naming something else, a row whose record
@@ -42,19 +37,23 @@ struct IndexRows {
 
 // Row `id`: its offset and time.  Good when the row was read (the record is
 // not looked at), Missing when there is none, Failed when the store failed
-// kStoreAttempts times.  `note(rows)` hears of each failure and of a missing
+// kBusyAttempts times.  `note(rows)` hears of each failure and of a missing
 // row.
 template <class Note>
 RowCheck read_index_row(const IndexRows &ix, int id, long long &offset, int &sec, Note note) {
     Sql q;
     format_into(q.text, sizeof q.text, sql::kRowOfId, ix.hour, id);
-    int rows = -1;
-    for (int i = 0; i < kStoreAttempts && rows < 0; ++i) {
-        if (i) poll_pause();
-        SqlLock hold(ix.m);
-        rows = sql_submit(ix.db, q.text, "%u %d", &ix.offsets, &ix.ints);
-        if (rows < 0) note(rows);
-    }
+    // A failing store is asked again for about a second, then the reader
+    // gives up.
+    const int rows = retry_busy([&] {
+        int r;
+        {
+            SqlLock hold(ix.m);
+            r = sql_submit(ix.db, q.text, "%u %d", &ix.offsets, &ix.ints);
+        }
+        if (r < 0) note(r);
+        return r < 0 ? kBusy : r;
+    });
     if (rows < 0) return RowCheck::Failed;
     if (rows == 0 || !holder_offset(ix.offsets, offset) || !holder_int(ix.ints, sec)) {
         note(rows);

@@ -90,12 +90,10 @@ void move_to_day(RecContext &ctx, RecChannel &c, int n) {
 
 // A query into the context's holder, repeated while the database is busy.
 int query_retrying(SqlHandle db, int n, const char *sql, const char *format, ResultTable &holder) {
-    int rows = -1;
-    for (int i = 0; i < kBusyAttempts && rows == -1; ++i) {
+    return retry_busy([&] {
         SqlLock hold(video_mutex(n));
-        rows = sql_submit(db, sql, format, &holder);
-    }
-    return rows;
+        return sql_submit(db, sql, format, &holder);
+    });
 }
 
 // The video writer's side of the restart search: the writer's own holder

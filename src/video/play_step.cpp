@@ -62,14 +62,11 @@ Read read_record(PlayContext &c, FrameInfo &f) {
 // A one-value query on the day's database, asked again while the store fails;
 // false when it kept failing, else `value` is the value or 0 for none.
 bool ask(PlayContext &c, const char *sql, int &value) {
-    for (int i = 0; i < kStoreAttempts; ++i) {
-        if (i) poll_pause();
-        const int rows = query_locked(video_mutex(c.iCh), c.pVideoDb, sql, "%d", c.pIntResult);
-        if (rows == -1) continue;
-        if (rows <= 0 || !holder_int(c.pIntResult, value)) value = 0;
-        return true;
-    }
-    return false;
+    const int rows = retry_busy(
+        [&] { return query_locked(video_mutex(c.iCh), c.pVideoDb, sql, "%d", c.pIntResult); });
+    if (rows == kBusy) return false;
+    if (rows <= 0 || !holder_int(c.pIntResult, value)) value = 0;
+    return true;
 }
 
 // Largest key-frame id of the current hour, for following a recording.
