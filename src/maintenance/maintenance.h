@@ -3,7 +3,9 @@
 // and file handles are core's (core/store_access.h).
 #pragma once
 
+#include "core/calendar.h"
 #include "core/store_access.h"
+#include "store/paths.h"
 #include "vrixdb.h"
 
 #include <cstdint>
@@ -12,6 +14,24 @@
 #include <memory>
 
 namespace vrix {
+
+// What every reduction and the prediction do first: the root checked
+// ("<who> : root path too long"), the zone refreshed, a one-int holder made
+// and date.db opened.  False when any of it failed; `no_date` is printed when
+// date.db would not open.
+struct MaintenanceStart {
+    Holder holder{1, kIntCell};
+    Db date{date_mutex()};
+    bool start(const char *root, const char *who, const char *no_date = nullptr) {
+        if (!root_fits(root, who)) return false;
+        refresh_timezone();
+        if (!holder.t) return false;
+        Path p;
+        if (reader_date_db(p, root) && date.open(p.text)) return true;
+        if (no_date) std::puts(no_date);
+        return false;
+    }
+};
 
 // Remove commands of the remove request (text byte 0).
 constexpr unsigned char kRemoveFile = 0;
