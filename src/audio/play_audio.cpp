@@ -2,13 +2,14 @@
 #include "core/calendar.h"
 #include "core/flags.h"
 #include "core/store_access.h"
+#include "media/index_row.h"
+#include "media/locate.h"
+#include "media/stream_file.h"
 #include "play_context.h"
 #include "store/format.h"
 #include "store/paths.h"
 #include "store/records.h"
 #include "store/schema.h"
-#include "video/locate.h"
-#include "video/stream_file.h"
 
 #include <sys/stat.h>
 
@@ -40,13 +41,9 @@ struct AudioMedia {
     static void position_missing(const char *, int) {}
 };
 
-constexpr int kStoreAttempts = 20; // about a second with SQLite's own busy wait
-
 struct CloseAudioPlay {
     void operator()(AudioPlayContext *ctx) const { vrix_db_close_get_audio(ctx); }
 };
-
-enum class Row { Good, Missing, Disagrees, NotYet, Failed };
 
 void offset_message(const AudioPlayContext &c, int rows) {
     std::printf("play audio : get offset iCount = %d , curpos = %d , endpos = %d\n", rows,
@@ -55,29 +52,19 @@ void offset_message(const AudioPlayContext &c, int rows) {
 
 // The offset of index row `id`, checked against the record there; sought to
 // when it agrees.  NotYet: the record runs past the end of the file as it is.
-Row seek_row(AudioPlayContext &c, int id) {
-    Sql q;
-    format_into(q.text, sizeof q.text, sql::kRowOfId, c.iHour, id);
-    int rows = -1;
-    for (int i = 0; i < kStoreAttempts && rows < 0; ++i) {
-        if (i) poll_pause();
-        SqlLock hold(audio_mutex());
-        rows = sql_submit(c.pAudioDb, q.text, "%u %d", &c.pOffsetResult, &c.pIntResult);
-        if (rows < 0) offset_message(c, rows);
-    }
-    if (rows < 0) return Row::Failed;
+RowCheck seek_row(AudioPlayContext &c, int id) {
     long long offset;
     int sec;
-    if (rows == 0 || !holder_offset(c.pOffsetResult, offset) || !holder_int(c.pIntResult, sec)) {
-        offset_message(c, rows);
-        return Row::Missing;
-    }
+    const IndexRows ix{audio_mutex(), c.pAudioDb, c.iHour, c.pOffsetResult, c.pIntResult};
+    const RowCheck r =
+        read_index_row(ix, id, offset, sec, [&c](int rows) { offset_message(c, rows); });
+    if (r != RowCheck::Good) return r;
     const AtRow at = audio_record_at(c.fpStream, offset, file_size(c.fpStream), sec);
     std::clearerr(c.fpStream);
-    if (at != AtRow::Agrees) return at == AtRow::NotYet ? Row::NotYet : Row::Disagrees;
-    if (fseeko(c.fpStream, offset, SEEK_SET) != 0) return Row::Disagrees;
+    if (at != AtRow::Agrees) return row_check(at);
+    if (fseeko(c.fpStream, offset, SEEK_SET) != 0) return RowCheck::Disagrees;
     c.llNextRecord = offset;
-    return Row::Good;
+    return RowCheck::Good;
 }
 
 // Reads one record; false on a short read (position kept at its start).
@@ -114,14 +101,11 @@ Held check_record(const AudioPlayContext &c, int32_t &sec) {
 bool row_after(AudioPlayContext &c, long long offset, int &id) {
     Sql q;
     format_into(q.text, sizeof q.text, sql::kIdAfter, c.iHour, offset);
-    for (int i = 0; i < kStoreAttempts; ++i) {
-        if (i) poll_pause();
-        const int rows = query_locked(audio_mutex(), c.pAudioDb, q.text, "%d", c.pIntResult);
-        if (rows == -1) continue;
-        if (rows <= 0 || !holder_int(c.pIntResult, id)) id = 0;
-        return true;
-    }
-    return false;
+    const int rows = retry_busy(
+        [&] { return query_locked(audio_mutex(), c.pAudioDb, q.text, "%d", c.pIntResult); });
+    if (rows == kBusy) return false;
+    if (rows <= 0 || !holder_int(c.pIntResult, id)) id = 0;
+    return true;
 }
 
 bool usable(const AudioPlayContext &c) {
@@ -229,16 +213,16 @@ extern "C" int vrix_db_next_audio(AudioPlayContext *ctx) {
         }
         if (!used_up && seek) {
             switch (seek_row(c, c.iCurPos)) {
-            case Row::Failed:
+            case RowCheck::Failed:
                 return give_up("vrix_db_next_audio");
-            case Row::Missing:
-            case Row::NotYet: // the growing end: wait for it, never pass it
+            case RowCheck::Missing:
+            case RowCheck::NotYet: // the growing end: wait for it, never pass it
                 used_up = true;
                 break;
-            case Row::Disagrees:
+            case RowCheck::Disagrees:
                 ++c.iCurPos;
                 continue;
-            case Row::Good:
+            case RowCheck::Good:
                 seek = false;
                 break;
             }
@@ -295,16 +279,16 @@ extern "C" int vrix_db_pre_audio(AudioPlayContext *ctx) {
             continue;
         }
         switch (seek_row(c, c.iCurPos)) {
-        case Row::Failed:
+        case RowCheck::Failed:
             return give_up("vrix_db_pre_audio");
-        case Row::Missing:
+        case RowCheck::Missing:
             c.iCurPos = 0;
             continue; // locate backward
-        case Row::Disagrees:
-        case Row::NotYet:
+        case RowCheck::Disagrees:
+        case RowCheck::NotYet:
             --c.iCurPos;
             continue;
-        case Row::Good:
+        case RowCheck::Good:
             break;
         }
         if (!read_record(c)) {

@@ -1,5 +1,7 @@
 // The submit thread: day and hour bookkeeping for the video writer, taken off
-// the submit queue so the writer never stalls on it.
+// the submit queue so the writer never stalls on it.  Here: the queue, the
+// checks of every message, parking and the hand-over; the registrations
+// themselves are the recording side's (submit_target.h).
 #include "calendar.h"
 #include "flags.h"
 #include "messages.h"
@@ -8,8 +10,8 @@
 #include "store/records.h"
 #include "store/schema.h"
 #include "store_access.h"
+#include "submit_target.h"
 #include "sync_point.h"
-#include "video/rec_context.h"
 
 #include <unistd.h>
 
@@ -72,80 +74,6 @@ bool plausible_day(int day) {
     return tm.tm_hour == 0 && tm.tm_min == 0 && tm.tm_sec == 0;
 }
 
-// "select ... limit 1" into the context's holder: true when a row was found.
-bool found(pthread_mutex_t *m, SqlHandle db, ResultTable &holder, const char *sql) {
-    SqlLock hold(m);
-    return sql_submit(db, sql, "%d", &holder) > 0;
-}
-
-void prepare_next_day(RecContext &ctx, int day) {
-    std::tm tm{};
-    sec_to_tm(&tm, day + 86400);
-    char name[12];
-    day_name(name, tm);
-    Path p;
-    if (!writer_day_dir(p, ctx.strRoot, name)) return;
-    make_dir(p.text);
-    if (!writer_video_dir(p, ctx.strRoot, name)) return;
-    make_dir(p.text);
-    for (int n = 1; n < ctx.iChannelCount; ++n) {
-        if (!writer_channel_dir(p, ctx.strRoot, name, n)) continue;
-        make_dir(p.text);
-        if (!writer_video_db(p, ctx.strRoot, name, n)) continue;
-        SqlHandle db = nullptr;
-        if (open_db(video_mutex(n), p.text, db)) close_db(video_mutex(n), db);
-    }
-}
-
-void handle_day(RecContext &ctx, int day) {
-    prepare_next_day(ctx, day);
-    Sql q;
-    format_into(q.text, sizeof q.text, sql::kFindDay, day);
-    if (found(date_mutex(), ctx.pDateDb, ctx.pIntResult, q.text)) return;
-    format_into(q.text, sizeof q.text, sql::kInsertDay, day);
-    submit_locked(date_mutex(), ctx.pDateDb, q.text);
-}
-
-// Registers the hour in the channel's video.db of the message's day.  That is
-// normally the database the writer has open; when the writer has moved on to
-// another day meanwhile, the day's own file is opened for the registration.
-void register_hour(RecContext &ctx, int ch, int hour, int day) {
-    std::tm tm{};
-    sec_to_tm(&tm, day);
-    char name[12];
-    day_name(name, tm);
-    Path p;
-    writer_video_db(p, ctx.strRoot, name, ch);
-    RecChannel &c = ctx.pChannels[ch];
-    Sql q;
-    format_into(q.text, sizeof q.text, sql::kFindHour, hour);
-    SqlLock hold(video_mutex(ch));
-    SqlHandle db = c.pVideoDb;
-    SqlHandle own = nullptr;
-    if (std::memcmp(c.strDay, name, 9) != 0) db = sql_open(p.text, &own) == 0 ? own : nullptr;
-    if (sql_submit(db, q.text, "%d", &ctx.pIntResult) <= 0) {
-        sql_submit(db, sql::kCreateHourH, "");
-        format_into(q.text, sizeof q.text, sql::kInsertHour, hour);
-        sql_submit(db, q.text, "");
-    }
-    if (own) sql_close(own);
-}
-
-void handle_hour(RecContext &ctx, int ch, int hour, int day) {
-    Sql q;
-    format_into(q.text, sizeof q.text, sql::kFindChannelDay, ch, day);
-    int rows;
-    {
-        SqlLock hold(date_mutex());
-        rows = sql_submit(ctx.pDateDb, q.text, "%d", &ctx.pIntResult);
-    }
-    if (rows == 0) {
-        format_into(q.text, sizeof q.text, sql::kInsertChannelDay, ch, day);
-        submit_locked(date_mutex(), ctx.pDateDb, q.text);
-    }
-    register_hour(ctx, ch, hour, day);
-}
-
 // Validates and carries out one message of `size` text bytes.  Returns true
 // for a stop request that should park the thread.  Every message of ours has
 // 128 bytes of text: any other size is somebody else's.
@@ -175,16 +103,16 @@ bool handle(RecContext *ctx, const NotifyMessage &msg, ssize_t size) {
         return false;
     }
     if (kind == VRIX_MSG_DAY) {
-        handle_day(*ctx, day);
+        register_day_message(*ctx, day);
         return false;
     }
     const int ch = msg.mtext[1];
     const int hour = msg.mtext[2];
-    if (ch < 1 || ch >= ctx->iChannelCount || hour > 23) {
+    if (ch < 1 || ch >= channel_slots(*ctx) || hour > 23) {
         std::printf("submit thread : drop hour message , channel %d , hour %d\n", ch, hour);
         return false;
     }
-    handle_hour(*ctx, ch, hour, day);
+    register_hour_message(*ctx, ch, hour, day);
     return false;
 }
 

@@ -88,6 +88,15 @@ void store_free_space(int fd, int *freeMB) {
                                         static_cast<uint64_t>(st.f_bsize)));
 }
 
+// An index's rows up to `limit` in `hour` and its hours up to `hour`, in one
+// transaction.
+void drop_hours(const Db &index, int hour, int limit) {
+    Sql rows, hours;
+    format_into(rows.text, sizeof rows.text, sql::kDeleteIndexUpTo, hour, limit);
+    format_into(hours.text, sizeof hours.text, sql::kDeleteHoursUpTo, hour);
+    index.transaction({rows.text, hours.text});
+}
+
 // One channel's share of the hour: its index rows, then its stream file.
 // False when the caller's stop flag ends the reduction after it.
 bool reduce_channel(const char *root, const Day &day, int ch, int hour, int limit, int *stop,
@@ -96,10 +105,7 @@ bool reduce_channel(const char *root, const Day &day, int ch, int hour, int limi
     Db video(video_mutex(ch));
     if (!writer_video_db(p, root, day.name, ch) || !video.open(p.text)) return true;
     pace_sleep_s(1);
-    Sql rows, hours;
-    format_into(rows.text, sizeof rows.text, sql::kDeleteIndexUpTo, hour, limit);
-    format_into(hours.text, sizeof hours.text, sql::kDeleteHoursUpTo, hour);
-    video.transaction({rows.text, hours.text});
+    drop_hours(video, hour, limit);
     pace_sleep_s(1);
     if (writer_video_stream(p, root, day.name, ch, hour)) request_remove(kRemoveFile, p.text);
     pace_sleep_s(1);
@@ -136,10 +142,7 @@ int reduce(const char *root, const Db &date, Db &audio, ResultTable &holder, con
         if (!reduce_channel(root, day, ch, hour, limit, stop, freeMB, fd)) return limit;
         pace_sleep_s(1);
     }
-    Sql rows, hours;
-    format_into(rows.text, sizeof rows.text, sql::kDeleteIndexUpTo, hour, limit);
-    format_into(hours.text, sizeof hours.text, sql::kDeleteHoursUpTo, hour);
-    audio.transaction({rows.text, hours.text});
+    drop_hours(audio, hour, limit);
     pace_sleep_s(1);
     pace_sleep_s(1);
     return limit;
@@ -150,15 +153,11 @@ int reduce(const char *root, const Db &date, Db &audio, ResultTable &holder, con
 
 extern "C" int vrix_db_get_reduce_sec(const char *root) {
     using namespace vrix;
-    if (!root_fits(root, "vrix_db_get_reduce_sec")) return 0;
-    refresh_timezone();
-    Holder holder;
-    if (!(holder.t = make_holder(1, kIntCell))) return 0;
-    Path p;
-    Db date(date_mutex()), audio(audio_mutex());
-    if (!reader_date_db(p, root) || !date.open(p.text)) return 0;
-    const int limit = predict(root, date, audio, holder.t);
-    date.close();
+    MaintenanceStart m;
+    if (!m.start(root, "vrix_db_get_reduce_sec")) return 0;
+    Db audio(audio_mutex());
+    const int limit = predict(root, m.date, audio, m.holder.t);
+    m.date.close();
     pace_sleep_us(500000);
     audio.close();
     return limit;
@@ -166,23 +165,16 @@ extern "C" int vrix_db_get_reduce_sec(const char *root) {
 
 extern "C" int vrix_db_reduce_media(const char *root, int *stop, int *freeMB, int fd) {
     using namespace vrix;
-    if (!root_fits(root, "media")) return 0;
-    refresh_timezone();
-    Holder holder;
-    if (!(holder.t = make_holder(1, kIntCell))) return 0;
-    Path p;
-    Db date(date_mutex()), audio(audio_mutex());
-    if (!reader_date_db(p, root) || !date.open(p.text)) {
-        std::puts("media : no date db");
-        return 0;
-    }
+    MaintenanceStart m;
+    if (!m.start(root, "media", "media : no date db")) return 0;
+    Db audio(audio_mutex());
     Day day;
-    if (!oldest_day(date, holder.t, day)) {
+    if (!oldest_day(m.date, m.holder.t, day)) {
         std::puts("media : no data in date");
         return 0;
     }
-    const int limit = reduce(root, date, audio, holder.t, day, stop, freeMB, fd);
-    date.close();
+    const int limit = reduce(root, m.date, audio, m.holder.t, day, stop, freeMB, fd);
+    m.date.close();
     pace_sleep_s(1);
     if (audio.is_open()) {
         audio.close();

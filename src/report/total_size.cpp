@@ -52,12 +52,6 @@ const Medium kAudio{"vrix_db_get_audio_total_size",
                     800,
                     false};
 
-std::tm fields_of(long long sec) {
-    std::tm tm{};
-    sec_to_tm(&tm, static_cast<int>(sec));
-    return tm;
-}
-
 // The whole date, so that days a month or a year apart are never confused.
 int date_of(const std::tm &tm) {
     return (tm.tm_year * 100 + tm.tm_mon) * 100 + tm.tm_mday;
@@ -81,19 +75,14 @@ struct Scan {
     const Medium &m;
     const char *root;
     int ch;
-    ResultTable holder = nullptr;
-    SqlHandle date = nullptr;
-    SqlHandle day = nullptr;
+    Holder holder{1, kOffsetCell};
+    Db date{date_mutex()};
+    Db day{m.mutex(ch)};
     int day_date = -1; // date_of the day whose database is open
-    ~Scan() {
-        close_db(date_mutex(), date);
-        close_db(m.mutex(ch), day);
-        db_free_sqlite(holder, 1);
-    }
     bool open_day(const std::tm &d) {
-        close_db(m.mutex(ch), day);
+        day.close();
         Path p;
-        if (!m.day_db(p, root, d, ch) || !open_db(m.mutex(ch), p.text, day)) return false;
+        if (!m.day_db(p, root, d, ch) || !day.open(p.text)) return false;
         day_date = date_of(d);
         return true;
     }
@@ -101,9 +90,8 @@ struct Scan {
     bool first_offset(long long sec, long long &out, const char *tag) {
         const std::tm t = fields_of(sec);
         Sql q;
-        format_into(q.text, sizeof q.text, "select min(offset) from h%d where sec >= %d", t.tm_hour,
-                    static_cast<int>(sec));
-        const bool found = query_offset(m.mutex(ch), day, q.text, holder, out);
+        format_into(q.text, sizeof q.text, sql::kFirstOffsetFrom, t.tm_hour, static_cast<int>(sec));
+        const bool found = query_offset(day.mutex(), day.get(), q.text, holder.t, out);
         if (tag) std::printf("%s %s\n", tag, q.text);
         return found;
     }
@@ -120,7 +108,7 @@ unsigned total_size(const Medium &m, struct tm *start, struct tm *end, const cha
         return 0;
     }
     Scan s{m, root, ch};
-    if (!(s.holder = make_holder(1, kOffsetCell))) return 0;
+    if (!s.holder.t) return 0;
     const long long t1 = mktime(start), t2 = mktime(end);
     if (m.per_second) std::printf("enter %s\n", m.name);
     if (t1 > t2) return 0;
@@ -135,7 +123,7 @@ unsigned total_size(const Medium &m, struct tm *start, struct tm *end, const cha
         return static_cast<unsigned>(R);
     };
     Path p;
-    if (!reader_date_db(p, root) || !open_db(date_mutex(), p.text, s.date)) {
+    if (!reader_date_db(p, root) || !s.date.open(p.text)) {
         std::puts(m.date_error);
         return leave();
     }
@@ -144,10 +132,9 @@ unsigned total_size(const Medium &m, struct tm *start, struct tm *end, const cha
         const std::tm h = fields_of(H);
         if (h.tm_hour == 0 && h.tm_min == 0 && h.tm_sec == 0) {
             Sql q;
-            format_into(q.text, sizeof q.text, "select min(date) from ch%d where date >= %d", ch,
-                        static_cast<int>(H));
+            format_into(q.text, sizeof q.text, sql::kChannelDayFrom, ch, static_cast<int>(H));
             long long day;
-            if (!query_offset(date_mutex(), s.date, q.text, s.holder, day)) return leave();
+            if (!query_offset(date_mutex(), s.date.get(), q.text, s.holder.t, day)) return leave();
             if (day != H) L = H = day;
         }
         if (H > t2) return leave();

@@ -3,12 +3,13 @@
 #include "core/calendar.h"
 #include "core/flags.h"
 #include "core/store_access.h"
+#include "media/index_row.h"
+#include "media/stream_file.h"
 #include "play_context.h"
 #include "play_video.h"
 #include "store/format.h"
 #include "store/records.h"
 #include "store/schema.h"
-#include "stream_file.h"
 
 #include <sys/stat.h>
 
@@ -16,10 +17,6 @@
 
 namespace vrix {
 namespace {
-
-// A failing store is asked again for about a second (SQLite waits on a busy
-// lock itself), then the step gives up.
-constexpr int kStoreAttempts = 20;
 
 bool seek_to(PlayContext &c, long long offset) {
     std::clearerr(c.fpStream);
@@ -65,14 +62,11 @@ Read read_record(PlayContext &c, FrameInfo &f) {
 // A one-value query on the day's database, asked again while the store fails;
 // false when it kept failing, else `value` is the value or 0 for none.
 bool ask(PlayContext &c, const char *sql, int &value) {
-    for (int i = 0; i < kStoreAttempts; ++i) {
-        if (i) poll_pause();
-        const int rows = query_locked(video_mutex(c.iCh), c.pVideoDb, sql, "%d", c.pIntResult);
-        if (rows == -1) continue;
-        if (rows <= 0 || !holder_int(c.pIntResult, value)) value = 0;
-        return true;
-    }
-    return false;
+    const int rows = retry_busy(
+        [&] { return query_locked(video_mutex(c.iCh), c.pVideoDb, sql, "%d", c.pIntResult); });
+    if (rows == kBusy) return false;
+    if (rows <= 0 || !holder_int(c.pIntResult, value)) value = 0;
+    return true;
 }
 
 // Largest key-frame id of the current hour, for following a recording.
@@ -98,23 +92,13 @@ int give_up(PlayContext &c, const char *step) {
 } // namespace
 
 RowCheck key_frame_row(PlayContext &c, int id, long long &offset) {
-    Sql q;
-    format_into(q.text, sizeof q.text, sql::kRowOfId, c.iHour, id);
-    int rows = -1;
-    for (int i = 0; i < kStoreAttempts && rows < 0; ++i) {
-        if (i) poll_pause();
-        SqlLock hold(video_mutex(c.iCh));
-        rows = sql_submit(c.pVideoDb, q.text, "%u %d", &c.pOffsetResult, &c.pIntResult);
-    }
-    if (rows < 0) return RowCheck::Failed;
     int sec;
-    if (rows == 0 || !holder_offset(c.pOffsetResult, offset) || !holder_int(c.pIntResult, sec))
-        return RowCheck::Missing;
+    const IndexRows ix{video_mutex(c.iCh), c.pVideoDb, c.iHour, c.pOffsetResult, c.pIntResult};
+    const RowCheck r = read_index_row(ix, id, offset, sec, [](int) {});
+    if (r != RowCheck::Good) return r;
     const AtRow at = key_frame_at(c.fpStream, offset, file_size(c.fpStream), sec, c.iBufSize);
     std::clearerr(c.fpStream);
-    return at == AtRow::Agrees   ? RowCheck::Good
-           : at == AtRow::NotYet ? RowCheck::NotYet
-                                 : RowCheck::Disagrees;
+    return row_check(at);
 }
 
 } // namespace vrix

@@ -21,13 +21,10 @@ constexpr int kDay = 1710028800; // 2024-03-10 00:00:00 UTC
 constexpr int kHour10 = kDay + 10 * 3600;
 
 VrixAudioBlock make_block(int sec, uint32_t word, unsigned seq) {
-    VrixAudioBlock b{};
-    for (int k = 0; k < 4; ++k)
+    return audio_block(sec, word, [seq](int ch, unsigned char *piece) {
         for (int i = 0; i < 48; ++i)
-            b.piece[k][i] = static_cast<unsigned char>(seq * 7 + k * 48 + i);
-    b.iSec = static_cast<uint32_t>(sec);
-    b.iSec2 = word;
-    return b;
+            piece[i] = static_cast<unsigned char>(seq * 7 + (ch - 1) * 48 + i);
+    });
 }
 
 Record record_of(const VrixAudioBlock &b, int k) {

@@ -8,7 +8,7 @@
 //   static bool day_db(Path &, const Context &, const std::tm &day);
 //   static bool stream(Path &, const Context &, const std::tm &day, int hour);
 //   static void day_query(Sql &, const Context &, int direction, int midnight);
-//   static constexpr int kAttempts;         tries of the last-id and position queries
+//   static constexpr int kAttempts;         attempts of the last-id and position queries
 //   static void open_failed();              the day database did not open
 //   static void no_rows(const Context &);   the hour's index holds no row
 //   static void hint_missed(const Context &);
@@ -29,49 +29,13 @@
 
 namespace vrix {
 
-namespace locate_detail {
-
-inline std::tm fields_of(int sec) {
-    std::tm tm{};
-    sec_to_tm(&tm, sec);
-    return tm;
-}
-
-// A day database opened for one location, closed on every way out.
-struct DayIndex {
-    pthread_mutex_t *m;
-    SqlHandle db = nullptr;
-    ~DayIndex() { close_db(m, db); }
-};
-
-// A stream opened by a location, handed to the context only on success.
-struct Stream {
-    FILE *fp = nullptr;
-    ~Stream() {
-        if (fp) std::fclose(fp);
-    }
-};
-
-// A one-value query made up to `attempts` times while it yields nothing.
-inline bool query_int_tries(DayIndex &day, const char *sql, ResultTable &holder, int &out,
-                            int attempts) {
-    for (int i = 0; i < attempts; ++i) {
-        if (i) poll_pause();
-        if (query_int(day.m, day.db, sql, holder, out)) return true;
-    }
-    return false;
-}
-
-} // namespace locate_detail
-
 // What opening a playback context does alike for video and audio, after the
 // frame buffer: the root, date.db, the two holders and the times (read with
 // mktime from copies, so the caller's records are left as they are).  False
 // when something could not be had; the caller then closes the context.
 template <class Ctx>
 bool open_playback(Ctx &c, const struct tm *start, const struct tm *end, const char *root) {
-    if (root && (c.strRoot = static_cast<char *>(std::calloc(1, std::strlen(root) + 10))))
-        std::memcpy(c.strRoot, root, std::strlen(root));
+    if (root) c.strRoot = copy_root(root);
     if (c.strRoot) {
         Path p;
         reader_date_db(p, c.strRoot);
@@ -106,10 +70,9 @@ template <class Ctx> void close_playback(Ctx &c) {
 // usable, -1 the day is not.  `t` and `*sec` move to the hour tried.
 template <class Media>
 int locate_in_day(typename Media::Context &c, std::tm *t, int *pos, int *endPos, int *sec) {
-    using namespace locate_detail;
-    DayIndex day{Media::mutex(c)};
+    Db day(Media::mutex(c));
     Path p;
-    if (!Media::day_db(p, c, *t) || !open_db(day.m, p.text, day.db)) {
+    if (!Media::day_db(p, c, *t) || !day.open(p.text)) {
         Media::open_failed();
         return -1;
     }
@@ -117,7 +80,7 @@ int locate_in_day(typename Media::Context &c, std::tm *t, int *pos, int *endPos,
     Sql q;
     format_into(q.text, sizeof q.text, fwd ? sql::kHourFrom : sql::kHourUpTo, t->tm_hour);
     int h;
-    if (!query_int(day.m, day.db, q.text, c.pIntResult, h) || h < 0 || h > 23) return -1;
+    if (!day.value(c.pIntResult, q.text, h) || h < 0 || h > 23) return -1;
     if (h != t->tm_hour) {
         const int midnight = *sec - (t->tm_hour * 3600 + t->tm_min * 60 + t->tm_sec);
         *sec = midnight + h * 3600 + (fwd ? 0 : 3599);
@@ -126,8 +89,9 @@ int locate_in_day(typename Media::Context &c, std::tm *t, int *pos, int *endPos,
     }
     // Forward, an hour that begins after the end time is not entered.
     if (fwd && *sec > c.iEndSec) return 0;
-    Stream stream;
-    if (!Media::stream(p, c, *t, t->tm_hour) || !(stream.fp = std::fopen(p.text, "rb"))) return 0;
+    File stream;
+    if (!Media::stream(p, c, *t, t->tm_hour) || !(stream = File(std::fopen(p.text, "rb"))))
+        return 0;
 
     // The last row to play: up to the end time when it lies in this hour.
     const std::tm e = fields_of(c.iEndSec);
@@ -138,7 +102,10 @@ int locate_in_day(typename Media::Context &c, std::tm *t, int *pos, int *endPos,
     else
         format_into(q.text, sizeof q.text, sql::kLastId, t->tm_hour);
     int last;
-    if (!query_int_tries(day, q.text, c.pIntResult, last, Media::kAttempts)) return 0;
+    // A last id that is not there yet is asked for again, like a busy store.
+    if (retry_busy([&] { return day.value(c.pIntResult, q.text, last) ? 1 : kBusy; },
+                   Media::kAttempts) == kBusy)
+        return 0;
     if (!end_here && last == 0) {
         Media::no_rows(c);
         return 0;
@@ -154,18 +121,19 @@ int locate_in_day(typename Media::Context &c, std::tm *t, int *pos, int *endPos,
         format_into(q.text, sizeof q.text, fwd ? sql::kHintSecFrom : sql::kHintSecUpTo, t->tm_hour,
                     *sec, hint);
         int s;
-        if (!query_int(day.m, day.db, q.text, c.pIntResult, s)) {
+        if (!day.value(c.pIntResult, q.text, s)) {
             Media::hint_missed(c);
             return 0;
         }
         format_into(q.text, sizeof q.text, fwd ? sql::kHintIdFrom : sql::kHintIdUpTo, t->tm_hour, s,
                     hint);
     }
-    int rows = -1;
-    for (int i = 0; i < Media::kAttempts && rows < 0; ++i) {
-        if (i) poll_pause();
-        rows = query_locked(day.m, day.db, q.text, "%d", c.pIntResult);
-    }
+    const int rows = retry_busy(
+        [&] {
+            const int r = query_locked(day.mutex(), day.get(), q.text, "%d", c.pIntResult);
+            return r < 0 ? kBusy : r;
+        },
+        Media::kAttempts);
     int found;
     if (rows <= 0 || !holder_int(c.pIntResult, found)) {
         if (rows >= 0) Media::position_missing(q.text, rows);
@@ -174,8 +142,7 @@ int locate_in_day(typename Media::Context &c, std::tm *t, int *pos, int *endPos,
     *pos = found;
     *endPos = last;
     if (c.fpStream) std::fclose(c.fpStream);
-    c.fpStream = stream.fp;
-    stream.fp = nullptr;
+    c.fpStream = stream.release();
     return 1;
 }
 
@@ -183,7 +150,6 @@ int locate_in_day(typename Media::Context &c, std::tm *t, int *pos, int *endPos,
 // days: 1 positioned (day database, stream, hour, rows and time set), 0
 // nothing found.
 template <class Media> int locate(typename Media::Context &c, int sec, int direction) {
-    using namespace locate_detail;
     // Forward from before 1970 is forward from 1970; backward never starts
     // after the end time.
     long long s = direction == 1 && sec < 0 ? 0 : sec;

@@ -1,58 +1,10 @@
-#include "stream_file.h"
+#include "record_check.h"
 
-#include "core/messages.h"
 #include "store/records.h"
-#include "store/schema.h"
 
-#include <sys/stat.h>
-#include <unistd.h>
+#include <cstdint>
 
 namespace vrix {
-
-FILE *open_stream_for_writing(const char *path) {
-    FILE *fp = std::fopen(path, "rb+");
-    if (!fp) fp = std::fopen(path, "wb+");
-    if (fp) std::setvbuf(fp, nullptr, _IONBF, 0);
-    return fp;
-}
-
-long long stream_size(FILE *fp) {
-    if (fseeko(fp, 0, SEEK_END) != 0) return -1;
-    return ftello(fp);
-}
-
-long long file_size(FILE *fp) {
-    struct stat st {};
-    return fstat(fileno(fp), &st) == 0 ? static_cast<long long>(st.st_size) : -1;
-}
-
-bool cut_stream(FILE *fp, long long offset) {
-    std::fflush(fp);
-    const bool cut = ftruncate(fileno(fp), offset) == 0;
-    return fseeko(fp, offset, SEEK_SET) == 0 && cut;
-}
-
-size_t write_bytes(FILE *fp, const void *data, size_t len) {
-    return len ? std::fwrite(data, 1, len, fp) : 0;
-}
-
-void report_short_write(int ch, size_t written, size_t wanted) {
-    std::printf("rec : ch%d fwrite iRet = %d , Size = %d\n", ch, static_cast<int>(written),
-                static_cast<int>(wanted));
-    send_message(g_iVrixDbSendMq, g_IdeErrMsg);
-}
-
-bool append_index_row(char *batch, int size, int &len, int hour, int sec, long long offset) {
-    const int room = size - len;
-    const int n =
-        std::snprintf(batch + len, static_cast<size_t>(room), sql::kInsertIndex, hour, sec, offset);
-    if (n < 0 || n >= room) {
-        batch[len] = '\0';
-        return false;
-    }
-    len += n;
-    return true;
-}
 
 namespace {
 
