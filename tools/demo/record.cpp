@@ -1,9 +1,9 @@
 // Demo: recording 16 channels and a stream of events in virtual time.
 #include "demo.h"
-#include "library.h"
-#include "progress.h"
-#include "units.h"
 #include "vrixdb.h"
+#include "vrixdb/library.h"
+#include "vrixdb/progress.h"
+#include "vrixdb/units.h"
 
 #include <atomic>
 #include <chrono>

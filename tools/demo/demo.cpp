@@ -1,20 +1,20 @@
 // vrixdb demo: the library's main job, end to end, on a store of its own.
 #include "demo.h"
 
-#include "cli.h"
-#include "library.h"
-#include "store_index.h"
-#include "timeline.h"
-#include "times.h"
 #include "vrixdb.h"
-
-#include <fcntl.h>
-#include <unistd.h>
+#include "vrixdb/cli.h"
+#include "vrixdb/library.h"
+#include "vrixdb/library_lines.h"
+#include "vrixdb/store_index.h"
+#include "vrixdb/timeline_svg.h"
+#include "vrixdb/times.h"
 
 #include <chrono>
 #include <cstdarg>
 #include <filesystem>
 #include <fstream>
+#include <memory>
+#include <optional>
 
 namespace vrixtool {
 
@@ -75,46 +75,17 @@ bool prepare_root(const std::string &root) {
     return true;
 }
 
-// The library reports on standard output, and the sqlite3 shell that the
-// integrity check runs on standard error: while the demo runs, both go to a
-// log in the root, and the report alone to the terminal.
-class LibraryLog {
-  public:
-    explicit LibraryLog(std::string path) : path_(std::move(path)) {
-        std::fflush(stdout);
-        std::fflush(stderr);
-        const int log = open(path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        if (log < 0) return;
-        savedOut_ = dup(STDOUT_FILENO);
-        savedErr_ = dup(STDERR_FILENO);
-        dup2(log, STDOUT_FILENO);
-        dup2(log, STDERR_FILENO);
-        close(log);
-    }
-    ~LibraryLog() { restore(); }
-    void restore() {
-        if (savedOut_ < 0) return;
-        std::fflush(stdout);
-        std::fflush(stderr);
-        dup2(savedOut_, STDOUT_FILENO);
-        dup2(savedErr_, STDERR_FILENO);
-        close(savedOut_);
-        close(savedErr_);
-        savedOut_ = savedErr_ = -1;
-    }
-    std::vector<std::string> lines() const {
-        std::vector<std::string> out;
-        std::ifstream in(path_);
-        for (std::string line; std::getline(in, line);)
-            out.push_back(line);
-        return out;
-    }
-
-  private:
-    std::string path_;
-    int savedOut_ = -1;
-    int savedErr_ = -1;
+struct FileCloser {
+    void operator()(FILE *f) const { std::fclose(f); }
 };
+
+std::vector<std::string> lines_of(const std::string &path) {
+    std::vector<std::string> out;
+    std::ifstream in(path);
+    for (std::string line; std::getline(in, line);)
+        out.push_back(line);
+    return out;
+}
 
 int virtual_clock() {
     return virtual_now();
@@ -153,7 +124,13 @@ int run_demo(const DemoOptions &o) {
     // (maintenance pacing) are cut to microseconds.
     VrixTestHooks hooks{1000000, virtual_clock};
     vrix_db_set_test_hooks(&hooks);
-    LibraryLog log(d.root + "/demo.log");
+    // The library's own lines, and those of the sqlite3 shell the integrity
+    // check runs, go to a log in the root while the demo runs; the report
+    // alone goes to the terminal.
+    const std::string logPath = d.root + "/demo.log";
+    const std::unique_ptr<FILE, FileCloser> logFile(std::fopen(logPath.c_str(), "w"));
+    std::optional<LibraryLines> log;
+    if (logFile) log.emplace(fileno(logFile.get()), true);
     d.out = out();
     std::fprintf(d.out, "vrixdb demo: store %s, local time UTC%s\n", d.root.c_str(),
                  format_offset().c_str());
@@ -179,8 +156,8 @@ int run_demo(const DemoOptions &o) {
 
     const double secs =
         std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count();
-    log.restore();
-    const auto said = log.lines();
+    log.reset();
+    const auto said = lines_of(logPath);
     FILE *out = d.out;
     std::fprintf(out, "\n");
     if (d.failed)

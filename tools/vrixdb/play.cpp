@@ -1,5 +1,6 @@
 // vrixdb play: one line per frame delivered by the library's playback.
 #include "cli.h"
+#include "key_frame.h"
 #include "library.h"
 #include "store_index.h"
 #include "times.h"
@@ -20,10 +21,6 @@ struct PlayOptions {
 };
 
 constexpr int kPlayBuffer = 8 << 20; // the largest frame payload accepted
-
-bool is_key(const unsigned char *payload, int len) {
-    return len > VRIX_FRAME_KEY_BYTE && (payload[VRIX_FRAME_KEY_BYTE] & VRIX_FRAME_KEY_MASK) == 0;
-}
 
 int run_play(const PlayOptions &o) {
     const std::string root = library_root(o.root, "play");
@@ -71,8 +68,11 @@ int run_play(const PlayOptions &o) {
         int sec = 0, sub = 0;
         vrix_db_video_get_current_time(ctx, &sec, &sub);
         if (to && (o.reverse ? sec < to : sec > to)) break;
-        std::fprintf(out(), "  %-19s %5d %9d  %s\n", format_time(sec).c_str(), sub, len,
-                     is_key(static_cast<const unsigned char *>(buf), len) ? "key" : "-");
+        std::fprintf(
+            out(), "  %-19s %5d %9d  %s\n", format_time(sec).c_str(), sub, len,
+            is_key_frame(static_cast<const uint8_t *>(buf), len > 0 ? static_cast<size_t>(len) : 0)
+                ? "key"
+                : "-");
         ++frames;
         bytes += len;
     }

@@ -1,4 +1,4 @@
-// vrixdb size and range: what an export asks before it copies a span.
+// vrixdb size: the bytes a span of one channel occupies.
 #include "cli.h"
 #include "library.h"
 #include "times.h"
@@ -8,19 +8,10 @@
 namespace vrixtool {
 namespace {
 
-constexpr int kRangeBuffer = 16 << 20; // the largest video frame payload accepted
-
 struct SizeOptions {
     std::string root;
     int ch = 0;
     std::string from, to;
-    bool audio = false;
-};
-
-struct RangeOptions {
-    std::string root;
-    int ch = 0;
-    std::string at;
     bool audio = false;
 };
 
@@ -55,27 +46,6 @@ int run_size(const SizeOptions &o) {
     return 0;
 }
 
-int run_range(const RangeOptions &o) {
-    const std::string root = library_root(o.root, "range");
-    if (root.empty() || !channel_fits(o.ch, o.audio, "range") || !require_store(root, "range"))
-        return 1;
-    const int at = static_cast<int>(*parse_time(o.at));
-    if (!start_library()) return 1;
-    const int before =
-        o.audio ? vrix_dvd_audio_get_end_time(o.ch, at, root.c_str(), VRIX_AUDIO_RECORD_SIZE)
-                : vrix_dvd_video_get_end_time(o.ch, at, root.c_str(), kRangeBuffer);
-    const int after =
-        o.audio ? vrix_dvd_audio_get_start_time(o.ch, at, root.c_str(), VRIX_AUDIO_RECORD_SIZE)
-                : vrix_dvd_video_get_start_time(o.ch, at, root.c_str(), kRangeBuffer);
-    std::fprintf(out(), "%s ch %d around %s\n", o.audio ? "audio" : "video", o.ch,
-                 format_time(at).c_str());
-    std::fprintf(out(), "  last recorded at or before: %s\n",
-                 before ? format_time(before).c_str() : "none");
-    std::fprintf(out(), "  first recorded at or after: %s\n",
-                 after ? format_time(after).c_str() : "none");
-    return 0;
-}
-
 } // namespace
 
 void add_size(CLI::App &app, Status &status) {
@@ -91,20 +61,6 @@ void add_size(CLI::App &app, Status &status) {
     sub->add_flag("--audio", o->audio, "an audio channel instead of video");
     sub->footer(kSpanRule);
     sub->callback([o, &status] { status = run_size(*o); });
-}
-
-void add_range(CLI::App &app, Status &status) {
-    auto o = std::make_shared<RangeOptions>();
-    auto *sub = app.add_subcommand(
-        "range", "The recorded times around a moment: the last at or before it, the first at "
-                 "or after it");
-    add_root(sub, o->root);
-    sub->add_option("--ch", o->ch, "channel: video 1..16, audio 1..4")
-        ->required()
-        ->check(ChannelArg);
-    sub->add_option("--at", o->at, "the moment")->required()->check(TimeArg);
-    sub->add_flag("--audio", o->audio, "an audio channel instead of video");
-    sub->callback([o, &status] { status = run_range(*o); });
 }
 
 } // namespace vrixtool

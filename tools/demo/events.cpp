@@ -1,7 +1,7 @@
 // Demo: paging through the recorded events with a filter, both ways.
 #include "demo.h"
-#include "times.h"
 #include "vrixdb.h"
+#include "vrixdb/times.h"
 
 #include <algorithm>
 #include <chrono>

@@ -1,7 +1,7 @@
 // Demo: one audio channel played back, checked record by record.
 #include "demo.h"
-#include "times.h"
 #include "vrixdb.h"
+#include "vrixdb/times.h"
 
 #include <chrono>
 #include <cstring>

@@ -1,9 +1,9 @@
 // Demo: the index as written, and playback checked byte for byte.
 #include "demo.h"
-#include "store_index.h"
-#include "times.h"
-#include "units.h"
 #include "vrixdb.h"
+#include "vrixdb/store_index.h"
+#include "vrixdb/times.h"
+#include "vrixdb/units.h"
 
 #include <chrono>
 #include <cstring>

@@ -5,6 +5,7 @@
 #include <CLI/CLI.hpp>
 
 #include <functional>
+#include <string>
 
 namespace vrixtool {
 
@@ -31,6 +32,10 @@ extern const CLI::Validator ChannelArg; // 1..16
 // What --from A --to B means wherever a span is asked for (play, export-h264,
 // size), in the same words.
 extern const char *const kSpanRule;
+
+// An audio channel (with --audio) must be one of the four; false, with a
+// line naming `command`, when it is not.
+bool channel_fits(int ch, bool audio, const char *command);
 
 // The --root option every subcommand has.
 CLI::Option *add_root(CLI::App *sub, std::string &root, bool required = true);
