@@ -5,11 +5,11 @@
 #include "vrixdb/cli.h"
 #include "vrixdb/library.h"
 #include "vrixdb/library_lines.h"
+#include "vrixdb/progress.h"
 #include "vrixdb/store_index.h"
 #include "vrixdb/timeline_svg.h"
 #include "vrixdb/times.h"
 
-#include <chrono>
 #include <cstdarg>
 #include <filesystem>
 #include <fstream>
@@ -103,7 +103,7 @@ void draw_picture(Demo &d) {
 }
 
 int run_demo(const DemoOptions &o) {
-    const auto began = std::chrono::steady_clock::now();
+    const Stopwatch began;
     Demo d;
     d.root = library_root(o.root, "demo");
     if (d.root.empty() || !prepare_root(d.root)) return 1;
@@ -154,8 +154,7 @@ int run_demo(const DemoOptions &o) {
     step_backup_repair(d);
     step_reduce(d);
 
-    const double secs =
-        std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count();
+    const double secs = began.seconds();
     log.reset();
     const auto said = lines_of(logPath);
     FILE *out = d.out;
@@ -177,20 +176,20 @@ int run_demo(const DemoOptions &o) {
 } // namespace
 
 void add_demo(CLI::App &app, Status &status) {
-    auto o = std::make_shared<DemoOptions>();
-    auto *sub = app.add_subcommand(
-        "demo", "Record a synthetic 16-channel recorder across an hour boundary in virtual time,\n"
-                "play it back, query it and check everything against what was written");
-    add_root(sub, o->root, false)->capture_default_str();
-    sub->add_option("--minutes", o->minutes, "minutes of virtual recording")
+    auto [sub, o] = add_subcommand<DemoOptions>(
+        app, status, "demo",
+        "Record a synthetic 16-channel recorder across an hour boundary in virtual time,\n"
+        "play it back, query it and check everything against what was written",
+        run_demo, false);
+    sub->get_option("--root")->capture_default_str();
+    sub->add_option("--minutes", o.minutes, "minutes of virtual recording")
         ->check(CLI::Range(1, 20))
         ->capture_default_str();
-    sub->add_option("--scale", o->scale,
+    sub->add_option("--scale", o.scale,
                     "scale word of the frames: the library commits a channel's index rows every "
                     "g_iCommit[scale] + 1 key frames")
         ->check(CLI::Range(0, VRIX_MAX_SCALE))
         ->capture_default_str();
-    sub->callback([o, &status] { status = run_demo(*o); });
 }
 
 } // namespace vrixtool

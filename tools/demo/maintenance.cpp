@@ -3,11 +3,11 @@
 #include "vrixdb/maintenance.h"
 #include "demo.h"
 #include "vrixdb.h"
+#include "vrixdb/progress.h"
 #include "vrixdb/store_index.h"
 #include "vrixdb/times.h"
 #include "vrixdb/units.h"
 
-#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -16,7 +16,6 @@ namespace vrixtool {
 namespace {
 
 namespace fs = std::filesystem;
-using Clock = std::chrono::steady_clock;
 
 std::string file_bytes(const std::string &path) {
     std::ifstream in(path, std::ios::binary);
@@ -69,13 +68,13 @@ void step_backup_repair(Demo &d) {
     const auto keys = store.video(day_start(d.t0), ch);
     const auto events = store.events(day_start(d.t0));
     const std::string videoDb = store.video_db(day_start(d.t0), ch);
-    const auto began = Clock::now();
+    const Stopwatch began;
     if (why.empty()) {
         damage(videoDb);
         damage(eventDb);
         run_integrity_check(d.root, d.out);
     }
-    const double ms = std::chrono::duration<double, std::milli>(Clock::now() - began).count();
+    const double ms = began.ms();
     if (why.empty() && !same_keys(store.video(day_start(d.t0), ch), keys))
         why = strf("ch %d's index holds %zu key frames after the check, %zu before the damage", ch,
                    key_count(store.video(day_start(d.t0), ch)), key_count(keys));
@@ -95,12 +94,12 @@ void step_reduce(Demo &d) {
     const std::tm first = local_fields(d.t0);
     const long hourStart = d.t0 - first.tm_min * 60 - first.tm_sec;
     const long expected = hourStart + 3599;
-    const auto began = Clock::now();
+    const Stopwatch began;
     const long predicted = vrix_db_get_reduce_sec(d.root.c_str());
     RemoveLog removals;
     int freeMB = -1;
     const long limit = reclaim_oldest_hour(d.root, removals, freeMB);
-    const double secs = std::chrono::duration<double>(Clock::now() - began).count();
+    const double secs = began.seconds();
     if (limit < 0) {
         d.result("reduce", false, "the remove server did not start");
         return;

@@ -46,12 +46,10 @@ int run_backup(const BackupOptions &o) {
 } // namespace
 
 void add_backup(CLI::App &app, Status &status) {
-    auto o = std::make_shared<BackupOptions>();
-    auto *sub = app.add_subcommand("backup",
-                                   "Copy date.db and the day's event.db to .sql files beside them");
-    add_root(sub, o->root);
-    sub->add_option("--day", o->day, "the day, YYYYMMDD or YYYY-MM-DD")->required()->check(DayArg);
-    sub->callback([o, &status] { status = run_backup(*o); });
+    auto [sub, o] = add_subcommand<BackupOptions>(
+        app, status, "backup", "Copy date.db and the day's event.db to .sql files beside them",
+        run_backup);
+    sub->add_option("--day", o.day, "the day, YYYYMMDD or YYYY-MM-DD")->required()->check(DayArg);
 }
 
 } // namespace vrixtool

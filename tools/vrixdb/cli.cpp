@@ -44,4 +44,17 @@ CLI::Option *add_root(CLI::App *sub, std::string &root, bool required) {
     return opt;
 }
 
+void add_channel(CLI::App *sub, int &ch, bool *audio) {
+    sub->add_option("--ch", ch, audio ? "channel: video 1..16, audio 1..4" : "video channel 1..16")
+        ->required()
+        ->check(ChannelArg);
+    if (audio) sub->add_flag("--audio", *audio, "an audio channel instead of video");
+}
+
+void add_span(CLI::App *sub, std::string &from, std::string &to) {
+    sub->add_option("--from", from, "start of the span")->required()->check(TimeArg);
+    sub->add_option("--to", to, "the last second of the span")->required()->check(TimeArg);
+    sub->footer(kSpanRule);
+}
+
 } // namespace vrixtool

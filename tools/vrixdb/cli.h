@@ -4,25 +4,17 @@
 
 #include <CLI/CLI.hpp>
 
-#include <functional>
+#include <memory>
 #include <string>
 
 namespace vrixtool {
 
-// Each subcommand registers itself; the callback sets the exit status.
+// Each subcommand registers itself (in the file named after it); its
+// callback sets the exit status.
 using Status = int;
-void add_demo(CLI::App &app, Status &status);
-void add_record_h264(CLI::App &app, Status &status);
-void add_export_h264(CLI::App &app, Status &status);
-void add_ls(CLI::App &app, Status &status);
-void add_play(CLI::App &app, Status &status);
-void add_events(CLI::App &app, Status &status);
-void add_timeline(CLI::App &app, Status &status);
-void add_size(CLI::App &app, Status &status);
-void add_range(CLI::App &app, Status &status);
-void add_reduce(CLI::App &app, Status &status);
-void add_backup(CLI::App &app, Status &status);
-void add_repair(CLI::App &app, Status &status);
+using AddSubcommand = void(CLI::App &app, Status &status);
+AddSubcommand add_demo, add_record_h264, add_export_h264, add_ls, add_play, add_events,
+    add_timeline, add_size, add_range, add_reduce, add_backup, add_repair;
 
 // Validators for option values.
 extern const CLI::Validator TimeArg;    // local YYYY-MM-DDTHH:MM:SS or epoch seconds
@@ -39,5 +31,29 @@ bool channel_fits(int ch, bool audio, const char *command);
 
 // The --root option every subcommand has.
 CLI::Option *add_root(CLI::App *sub, std::string &root, bool required = true);
+
+// --ch, a video channel; with `audio`, also --audio, which makes it an audio
+// channel.
+void add_channel(CLI::App *sub, int &ch, bool *audio = nullptr);
+
+// --from and --to of a span, both required, and the span rule below the help.
+void add_span(CLI::App *sub, std::string &from, std::string &to);
+
+// A subcommand with its options (a struct with at least `root`) and --root;
+// when it is chosen, `run` gets the options and its result is the status.
+template <class Options> struct Subcommand {
+    CLI::App *sub;
+    Options &o;
+};
+template <class Options>
+Subcommand<Options> add_subcommand(CLI::App &app, Status &status, const char *name,
+                                   const std::string &help, int (*run)(const Options &),
+                                   bool rootRequired = true) {
+    auto o = std::make_shared<Options>();
+    auto *sub = app.add_subcommand(name, help);
+    add_root(sub, o->root, rootRequired);
+    sub->callback([o, run, &status] { status = run(*o); });
+    return {sub, *o};
+}
 
 } // namespace vrixtool

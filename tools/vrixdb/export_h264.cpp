@@ -85,19 +85,16 @@ int run_export(const ExportOptions &o) {
 } // namespace
 
 void add_export_h264(CLI::App &app, Status &status) {
-    auto o = std::make_shared<ExportOptions>();
-    auto *sub = app.add_subcommand(
-        "export-h264", "Play a span of one channel back into an H.264 elementary stream that a "
-                       "standard decoder plays\n(from the first key frame at or after --from to "
-                       "the last frame of the second --to)");
-    sub->footer(kSpanRule);
-    add_root(sub, o->root);
-    sub->add_option("--ch", o->ch, "video channel 1..16")->required()->check(ChannelArg);
-    sub->add_option("--from", o->from, "start of the span")->required()->check(TimeArg);
-    sub->add_option("--to", o->to, "the last second of the span")->required()->check(TimeArg);
-    sub->add_option("OUT", o->out, std::string("the .h264 file to write (") + kOutputRule + ")")
+    auto [sub, o] = add_subcommand<ExportOptions>(
+        app, status, "export-h264",
+        "Play a span of one channel back into an H.264 elementary stream that a "
+        "standard decoder plays\n(from the first key frame at or after --from to "
+        "the last frame of the second --to)",
+        run_export);
+    add_channel(sub, o.ch);
+    add_span(sub, o.from, o.to);
+    sub->add_option("OUT", o.out, std::string("the .h264 file to write (") + kOutputRule + ")")
         ->required();
-    sub->callback([o, &status] { status = run_export(*o); });
 }
 
 } // namespace vrixtool

@@ -87,20 +87,18 @@ int run_play(const PlayOptions &o) {
 } // namespace
 
 void add_play(CLI::App &app, Status &status) {
-    auto o = std::make_shared<PlayOptions>();
-    auto *sub = app.add_subcommand(
-        "play", "Play one channel back: one line per frame (time, second time word, size, kind)");
-    add_root(sub, o->root);
-    sub->add_option("--ch", o->ch, "video channel 1..16")->required()->check(ChannelArg);
-    sub->add_option("--from", o->from, "where playback starts")->required()->check(TimeArg);
-    sub->add_option("--to", o->to, "the last second played (with --reverse: the earliest)")
+    auto [sub, o] = add_subcommand<PlayOptions>(
+        app, status, "play",
+        "Play one channel back: one line per frame (time, second time word, size, kind)", run_play);
+    add_channel(sub, o.ch);
+    sub->add_option("--from", o.from, "where playback starts")->required()->check(TimeArg);
+    sub->add_option("--to", o.to, "the last second played (with --reverse: the earliest)")
         ->check(TimeArg);
-    sub->add_flag("--reverse", o->reverse, "key frames backward from --from");
-    sub->add_option("--iframes", o->iframes, "key frames only, STEP key frames at a time")
+    sub->add_flag("--reverse", o.reverse, "key frames backward from --from");
+    sub->add_option("--iframes", o.iframes, "key frames only, STEP key frames at a time")
         ->check(CLI::Range(1, 1000));
-    sub->add_option("--count", o->count, "at most K frames")->check(CLI::Range(1L, 1L << 30));
+    sub->add_option("--count", o.count, "at most K frames")->check(CLI::Range(1L, 1L << 30));
     sub->footer(kSpanRule);
-    sub->callback([o, &status] { status = run_play(*o); });
 }
 
 } // namespace vrixtool

@@ -40,17 +40,13 @@ int run_range(const RangeOptions &o) {
 } // namespace
 
 void add_range(CLI::App &app, Status &status) {
-    auto o = std::make_shared<RangeOptions>();
-    auto *sub = app.add_subcommand(
-        "range", "The recorded times around a moment: the last at or before it, the first at "
-                 "or after it");
-    add_root(sub, o->root);
-    sub->add_option("--ch", o->ch, "channel: video 1..16, audio 1..4")
-        ->required()
-        ->check(ChannelArg);
-    sub->add_option("--at", o->at, "the moment")->required()->check(TimeArg);
-    sub->add_flag("--audio", o->audio, "an audio channel instead of video");
-    sub->callback([o, &status] { status = run_range(*o); });
+    auto [sub, o] = add_subcommand<RangeOptions>(
+        app, status, "range",
+        "The recorded times around a moment: the last at or before it, the first at "
+        "or after it",
+        run_range);
+    add_channel(sub, o.ch, &o.audio);
+    sub->add_option("--at", o.at, "the moment")->required()->check(TimeArg);
 }
 
 } // namespace vrixtool

@@ -89,19 +89,18 @@ int run_record(const RecordOptions &o) {
 } // namespace
 
 void add_record_h264(CLI::App &app, Status &status) {
-    auto o = std::make_shared<RecordOptions>();
-    auto *sub = app.add_subcommand(
-        "record-h264", "Record an H.264 Annex-B elementary stream on one channel, one frame "
-                       "record per access unit\n(IDR = key frame), frame times from --start at "
-                       "--fps");
-    add_root(sub, o->root);
-    sub->add_option("--ch", o->ch, "video channel 1..16")->required()->check(ChannelArg);
-    sub->add_option("--start", o->start, "time of the first frame")->required()->check(TimeArg);
-    sub->add_option("--fps", o->fps, "frames per second")
+    auto [sub, o] = add_subcommand<RecordOptions>(
+        app, status, "record-h264",
+        "Record an H.264 Annex-B elementary stream on one channel, one frame "
+        "record per access unit\n(IDR = key frame), frame times from --start at "
+        "--fps",
+        run_record);
+    add_channel(sub, o.ch);
+    sub->add_option("--start", o.start, "time of the first frame")->required()->check(TimeArg);
+    sub->add_option("--fps", o.fps, "frames per second")
         ->check(CLI::Range(1, 1000))
         ->capture_default_str();
-    sub->add_option("FILE", o->file, "the .h264 stream")->required()->check(CLI::ExistingFile);
-    sub->callback([o, &status] { status = run_record(*o); });
+    sub->add_option("FILE", o.file, "the .h264 stream")->required()->check(CLI::ExistingFile);
 }
 
 } // namespace vrixtool

@@ -2,11 +2,10 @@
 #include "cli.h"
 #include "library.h"
 #include "maintenance.h"
+#include "progress.h"
 #include "store_index.h"
 #include "times.h"
 #include "vrixdb.h"
-
-#include <chrono>
 
 namespace vrixtool {
 namespace {
@@ -36,15 +35,14 @@ int run_reduce(const ReduceOptions &o) {
     std::fflush(out());
     RemoveLog log;
     log.lines = out();
-    const auto began = std::chrono::steady_clock::now();
+    const Stopwatch began;
     int freeMB = -1;
     const long limit = reclaim_oldest_hour(root, log, freeMB);
     if (limit < 0) {
         std::fprintf(stderr, "vrixdb reduce: cannot serve the remove queues\n");
         return 1;
     }
-    const double secs =
-        std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count();
+    const double secs = began.seconds();
     if (limit)
         std::fprintf(out(),
                      "reduced up to %s: %d files removed, index rows and events up to "
@@ -63,13 +61,12 @@ int run_reduce(const ReduceOptions &o) {
 } // namespace
 
 void add_reduce(CLI::App &app, Status &status) {
-    auto o = std::make_shared<ReduceOptions>();
-    auto *sub = app.add_subcommand(
-        "reduce", "Reclaim the oldest recorded hour (its media, index rows and events), "
-                  "serving the\nremove queues with the library's remove server");
-    add_root(sub, o->root);
-    sub->add_flag("--fast", o->fast, "cut the library's pacing waits to microseconds");
-    sub->callback([o, &status] { status = run_reduce(*o); });
+    auto [sub, o] = add_subcommand<ReduceOptions>(
+        app, status, "reduce",
+        "Reclaim the oldest recorded hour (its media, index rows and events), "
+        "serving the\nremove queues with the library's remove server",
+        run_reduce);
+    sub->add_flag("--fast", o.fast, "cut the library's pacing waits to microseconds");
 }
 
 } // namespace vrixtool

@@ -2,8 +2,7 @@
 #include "cli.h"
 #include "library.h"
 #include "maintenance.h"
-
-#include <chrono>
+#include "progress.h"
 
 namespace vrixtool {
 namespace {
@@ -17,10 +16,9 @@ int run_repair(const RepairOptions &o) {
     if (root.empty() || !require_store(root, "repair", true)) return 1;
     // The check runs before anything is opened and needs no start-up.
     separate_library_output();
-    const auto began = std::chrono::steady_clock::now();
+    const Stopwatch began;
     const bool done = run_integrity_check(root, out());
-    const double secs =
-        std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count();
+    const double secs = began.seconds();
     std::fprintf(out(), "integrity check of %s %s in %.1f s\n", root.c_str(),
                  done ? "done" : "stopped early (see the lines above)", secs);
     return done ? 0 : 1;
@@ -29,13 +27,12 @@ int run_repair(const RepairOptions &o) {
 } // namespace
 
 void add_repair(CLI::App &app, Status &status) {
-    auto o = std::make_shared<RepairOptions>();
-    auto *sub = app.add_subcommand(
-        "repair", "Integrity check after an unclean stop: restore damaged databases from their "
-                  "copies,\nrebuild damaged indexes from the stream files (needs the sqlite3 "
-                  "shell)");
-    add_root(sub, o->root);
-    sub->callback([o, &status] { status = run_repair(*o); });
+    add_subcommand<RepairOptions>(
+        app, status, "repair",
+        "Integrity check after an unclean stop: restore damaged databases from their "
+        "copies,\nrebuild damaged indexes from the stream files (needs the sqlite3 "
+        "shell)",
+        run_repair);
 }
 
 } // namespace vrixtool

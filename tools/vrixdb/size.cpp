@@ -49,18 +49,11 @@ int run_size(const SizeOptions &o) {
 } // namespace
 
 void add_size(CLI::App &app, Status &status) {
-    auto o = std::make_shared<SizeOptions>();
-    auto *sub = app.add_subcommand(
-        "size", "Bytes a span of one channel occupies, from the index and the stream files");
-    add_root(sub, o->root);
-    sub->add_option("--ch", o->ch, "channel: video 1..16, audio 1..4")
-        ->required()
-        ->check(ChannelArg);
-    sub->add_option("--from", o->from, "start of the span")->required()->check(TimeArg);
-    sub->add_option("--to", o->to, "the last second of the span")->required()->check(TimeArg);
-    sub->add_flag("--audio", o->audio, "an audio channel instead of video");
-    sub->footer(kSpanRule);
-    sub->callback([o, &status] { status = run_size(*o); });
+    auto [sub, o] = add_subcommand<SizeOptions>(
+        app, status, "size",
+        "Bytes a span of one channel occupies, from the index and the stream files", run_size);
+    add_channel(sub, o.ch, &o.audio);
+    add_span(sub, o.from, o.to);
 }
 
 } // namespace vrixtool

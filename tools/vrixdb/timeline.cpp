@@ -43,19 +43,18 @@ int run_timeline(const TimelineOptions &o) {
 } // namespace
 
 void add_timeline(CLI::App &app, Status &status) {
-    auto o = std::make_shared<TimelineOptions>();
-    auto *sub = app.add_subcommand(
-        "timeline", "Draw a recorded day as SVG: a row per channel, recorded spans from the "
-                    "index shaded by\nkey-frame density, event marks by type, an hour axis");
-    add_root(sub, o->root);
-    sub->add_option("--day", o->day, "the day, YYYYMMDD or YYYY-MM-DD")->required()->check(DayArg);
-    sub->add_option("--out", o->out, std::string("the SVG file to write (") + kOutputRule + ")")
+    auto [sub, o] = add_subcommand<TimelineOptions>(
+        app, status, "timeline",
+        "Draw a recorded day as SVG: a row per channel, recorded spans from the "
+        "index shaded by\nkey-frame density, event marks by type, an hour axis",
+        run_timeline);
+    sub->add_option("--day", o.day, "the day, YYYYMMDD or YYYY-MM-DD")->required()->check(DayArg);
+    sub->add_option("--out", o.out, std::string("the SVG file to write (") + kOutputRule + ")")
         ->required();
-    sub->add_option("--gap", o->gap, "seconds between key frames that split a span")
+    sub->add_option("--gap", o.gap, "seconds between key frames that split a span")
         ->check(CLI::Range(1L, 86400L))
         ->capture_default_str();
-    sub->add_flag("--full-day", o->fullDay, "draw 00:00 to 24:00 instead of the recorded part");
-    sub->callback([o, &status] { status = run_timeline(*o); });
+    sub->add_flag("--full-day", o.fullDay, "draw 00:00 to 24:00 instead of the recorded part");
 }
 
 } // namespace vrixtool
