@@ -13,7 +13,6 @@
 #include <cstdarg>
 #include <filesystem>
 #include <fstream>
-#include <memory>
 #include <optional>
 
 namespace vrixtool {
@@ -75,10 +74,6 @@ bool prepare_root(const std::string &root) {
     return true;
 }
 
-struct FileCloser {
-    void operator()(FILE *f) const { std::fclose(f); }
-};
-
 std::vector<std::string> lines_of(const std::string &path) {
     std::vector<std::string> out;
     std::ifstream in(path);
@@ -128,7 +123,7 @@ int run_demo(const DemoOptions &o) {
     // check runs, go to a log in the root while the demo runs; the report
     // alone goes to the terminal.
     const std::string logPath = d.root + "/demo.log";
-    const std::unique_ptr<FILE, FileCloser> logFile(std::fopen(logPath.c_str(), "w"));
+    const UniqueFile logFile(std::fopen(logPath.c_str(), "w"));
     std::optional<LibraryLines> log;
     if (logFile) log.emplace(fileno(logFile.get()), true);
     d.out = out();

@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <optional>
 
 namespace vrixtool {
 
@@ -18,6 +19,7 @@ namespace fs = std::filesystem;
 
 namespace {
 int g_appQueue = -1;
+
 FILE *g_out = nullptr;
 bool g_stdoutClaimed = false;
 
@@ -51,23 +53,19 @@ bool start_library() {
         std::atexit([] { msgctl(g_appQueue, IPC_RMID, nullptr); });
         // Start-up reports on standard output (the submit thread's priority):
         // kept aside, and shown only when start-up fails.
-        FILE *said = std::tmpfile();
-        int ok = 0;
-        if (said) {
-            LibraryLines aside(fileno(said));
-            ok = vrix_db_init(g_appQueue);
-        } else {
-            ok = vrix_db_init(g_appQueue);
-        }
+        const UniqueFile said(std::tmpfile());
+        std::optional<LibraryLines> aside;
+        if (said) aside.emplace(fileno(said.get()));
+        const int ok = vrix_db_init(g_appQueue);
+        aside.reset();
         if (ok != 1) {
             if (said) {
-                std::rewind(said);
-                for (int c; (c = std::fgetc(said)) != EOF;)
+                std::rewind(said.get());
+                for (int c; (c = std::fgetc(said.get())) != EOF;)
                     std::fputc(c, stderr);
             }
             std::fprintf(stderr, "vrixdb: the library did not start\n");
         }
-        if (said) std::fclose(said);
         if (ok == 1) separate_library_output();
         return ok == 1;
     }();

@@ -7,8 +7,15 @@
 #pragma once
 
 #include <cstdio>
+#include <memory>
 
 namespace vrixtool {
+
+// A file the lines are kept in, closed when it goes.
+struct FileCloser {
+    void operator()(std::FILE *f) const { std::fclose(f); }
+};
+using UniqueFile = std::unique_ptr<std::FILE, FileCloser>;
 
 class LibraryLines {
   public:
