@@ -1,43 +1,9 @@
 // vrixdb: the command-line program of the recording database.  It uses the
 // library the way the recorder application does, through its public header.
 #include "cli.h"
-#include "lists.h"
-#include "times.h"
 
 #include <cstdio>
 #include <exception>
-
-namespace vrixtool {
-
-const CLI::Validator TimeArg(
-    [](std::string &s) {
-        return parse_time(s) ? std::string()
-                             : "expected a local time YYYY-MM-DDTHH:MM:SS or seconds since "
-                               "1970, got '" +
-                                   s + "'";
-    },
-    "TIME", "time");
-
-const CLI::Validator DayArg(
-    [](std::string &s) {
-        return parse_day(s) ? std::string()
-                            : "expected a day YYYYMMDD or YYYY-MM-DD, got '" + s + "'";
-    },
-    "DAY", "day");
-
-const CLI::Validator ChannelArg = CLI::Range(1, 16).description("1..16");
-
-const char *const kSpanRule =
-    "A span --from A --to B covers the seconds A to B, both included: every frame up to\n"
-    "the end of second B.";
-
-CLI::Option *add_root(CLI::App *sub, std::string &root, bool required) {
-    auto *opt = sub->add_option("--root", root, "the store's root directory");
-    if (required) opt->required();
-    return opt;
-}
-
-} // namespace vrixtool
 
 int main(int argc, char **argv) {
     using namespace vrixtool;

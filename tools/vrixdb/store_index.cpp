@@ -83,7 +83,7 @@ StoreIndex::StoreIndex(std::string root) : root_(std::move(root)) {}
 
 bool StoreIndex::exists() const {
     std::error_code ec;
-    return fs::is_regular_file(root_ + "/date.db", ec);
+    return fs::is_regular_file(date_db(), ec);
 }
 
 void StoreIndex::note(const IndexDb &db) {
@@ -93,7 +93,7 @@ void StoreIndex::note(const IndexDb &db) {
 }
 
 std::vector<long> StoreIndex::day_keys(const std::string &table) {
-    IndexDb db(root_ + "/date.db");
+    IndexDb db(date_db());
     std::vector<long> out;
     if (db.has_table(table))
         for (int64_t d : db.column("select distinct date from " + table + " order by date;"))
@@ -120,45 +120,59 @@ std::vector<long> StoreIndex::channel_days(int ch) {
     return day_keys("ch" + std::to_string(ch));
 }
 
+std::string StoreIndex::date_db() const {
+    return root_ + "/date.db";
+}
+
 std::string StoreIndex::day_dir(long day) const {
     return root_ + "/" + day_name(day);
 }
 
-namespace {
-
-// The hours of a video.db or audio.db with their rows; `stream` names an
-// hour's stream file.
-template <class StreamName> std::vector<HourIndex> hours_of(IndexDb &db, const StreamName &stream) {
-    std::vector<HourIndex> out;
-    if (!db.has_table("H")) return out;
-    for (int64_t h : db.column("select distinct hour from H order by hour;")) {
-        if (h < 0 || h > 23) continue;
-        const std::string table = "h" + std::to_string(h);
-        HourIndex hour{static_cast<int>(h), {}, file_size(stream(h))};
-        if (db.has_table(table))
-            for (const Row &r : db.rows("select sec,offset from " + table + " order by id;", 2))
-                if (r[0] && r[1]) hour.keys.push_back({static_cast<int>(*r[0]), *r[1]});
-        out.push_back(std::move(hour));
-    }
-    return out;
+std::string StoreIndex::event_db(long day) const {
+    return day_dir(day) + "/event.db";
 }
 
+namespace {
+std::string video_dir(const StoreIndex &store, long day, int ch) {
+    return store.day_dir(day) + "/video/" + std::to_string(ch);
+}
 } // namespace
 
-std::vector<HourIndex> StoreIndex::video(long day, int ch) {
-    const std::string dir = day_dir(day) + "/video/" + std::to_string(ch);
-    IndexDb db(dir + "/video.db");
-    auto out = hours_of(db, [&](int64_t h) { return dir + "/" + std::to_string(h) + ".stream"; });
+std::string StoreIndex::video_db(long day, int ch) const {
+    return video_dir(*this, day, ch) + "/video.db";
+}
+
+std::string StoreIndex::stream_file(long day, int ch, int hour) const {
+    return video_dir(*this, day, ch) + "/" + std::to_string(hour) + ".stream";
+}
+
+std::vector<HourIndex> StoreIndex::hours(const std::string &dbPath, const std::string &streamDir) {
+    IndexDb db(dbPath);
+    std::vector<HourIndex> out;
+    if (db.has_table("H"))
+        for (int64_t h : db.column("select distinct hour from H order by hour;")) {
+            if (h < 0 || h > 23) continue;
+            const std::string table = "h" + std::to_string(h);
+            HourIndex hour{static_cast<int>(h),
+                           {},
+                           file_size(streamDir + "/" + std::to_string(h) + ".stream")};
+            if (db.has_table(table))
+                for (const Row &r : db.rows("select sec,offset from " + table + " order by id;", 2))
+                    if (r[0] && r[1]) hour.keys.push_back({static_cast<int>(*r[0]), *r[1]});
+            out.push_back(std::move(hour));
+        }
     note(db);
     return out;
 }
 
+std::vector<HourIndex> StoreIndex::video(long day, int ch) {
+    return hours(video_db(day, ch), video_dir(*this, day, ch));
+}
+
+// Every audio channel has the same hours; channel 1's files stand for all.
 std::vector<HourIndex> StoreIndex::audio(long day) {
     const std::string dir = day_dir(day) + "/audio";
-    IndexDb db(dir + "/audio.db");
-    auto out = hours_of(db, [&](int64_t h) { return dir + "/1/" + std::to_string(h) + ".stream"; });
-    note(db);
-    return out;
+    return hours(dir + "/audio.db", dir + "/1");
 }
 
 int StoreIndex::audio_channels(long day) const {
@@ -170,7 +184,7 @@ int StoreIndex::audio_channels(long day) const {
 }
 
 std::vector<EventRow> StoreIndex::events(long day) {
-    IndexDb db(day_dir(day) + "/event.db");
+    IndexDb db(event_db(day));
     std::vector<EventRow> out;
     if (db.has_table("h_all"))
         for (const Row &r : db.rows("select id,sec,ch,type from h_all order by id;", 4))
@@ -195,11 +209,11 @@ void StoreIndex::check_span(int ch, long first, long last) {
     for (long day : days) {
         if (day < first || day > last) continue;
         if (!ch) {
-            IndexDb db(day_dir(day) + "/event.db");
+            IndexDb db(event_db(day));
             check_tables(db, {"h_all"});
             continue;
         }
-        IndexDb db(day_dir(day) + "/video/" + std::to_string(ch) + "/video.db");
+        IndexDb db(video_db(day, ch));
         std::vector<std::string> tables{"H"};
         if (db.has_table("H"))
             for (int64_t h : db.column("select distinct hour from H;"))

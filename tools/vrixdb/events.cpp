@@ -78,12 +78,12 @@ int run_events(const EventsOptions &o) {
 } // namespace
 
 void add_events(CLI::App &app, Status &status) {
-    auto o = std::make_shared<EventsOptions>();
-    auto *sub = app.add_subcommand("events", "List events page by page from a time, filtered "
-                                             "by channel and type");
-    add_root(sub, o->root);
-    sub->add_option("--from", o->from, "where the listing starts")->required()->check(TimeArg);
-    sub->add_option("--ch", o->channels, "channels, e.g. 1,3,5-8 (0 = no channel), or all")
+    auto [sub, o] = add_subcommand<EventsOptions>(app, status, "events",
+                                                  "List events page by page from a time, filtered "
+                                                  "by channel and type",
+                                                  run_events);
+    sub->add_option("--from", o.from, "where the listing starts")->required()->check(TimeArg);
+    sub->add_option("--ch", o.channels, "channels, e.g. 1,3,5-8 (0 = no channel), or all")
         ->check(CLI::Validator(
             [](std::string &s) {
                 return parse_channels(s, 0, 64) ? std::string()
@@ -91,7 +91,7 @@ void add_events(CLI::App &app, Status &status) {
             },
             "LIST", "channels"))
         ->capture_default_str();
-    sub->add_option("--type", o->types, "types: manual,motion,alarm, codes 1..64, or all")
+    sub->add_option("--type", o.types, "types: manual,motion,alarm, codes 1..64, or all")
         ->check(CLI::Validator(
             [](std::string &s) {
                 return parse_types(s) ? std::string()
@@ -99,16 +99,15 @@ void add_events(CLI::App &app, Status &status) {
             },
             "LIST", "types"))
         ->capture_default_str();
-    sub->add_option("--page", o->page, "events per page")
+    sub->add_option("--page", o.page, "events per page")
         ->check(CLI::Range(1, 10000))
         ->capture_default_str();
-    sub->add_option("--pages", o->pages, "stop after this many pages")
+    sub->add_option("--pages", o.pages, "stop after this many pages")
         ->check(CLI::Range(1, 1 << 30));
-    sub->add_flag("--reverse", o->reverse, "newest first, backward from --from");
-    sub->add_flag("--exact", o->exact,
+    sub->add_flag("--reverse", o.reverse, "newest first, backward from --from");
+    sub->add_flag("--exact", o.exact,
                   "exact walk: reversing re-reads the filtered rows, and events recorded into "
                   "the day meanwhile are not picked up");
-    sub->callback([o, &status] { status = run_events(*o); });
 }
 
 } // namespace vrixtool

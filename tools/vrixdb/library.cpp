@@ -1,5 +1,7 @@
 #include "library.h"
 
+#include "library_lines.h"
+#include "store_index.h"
 #include "vrixdb.h"
 
 #include <sys/ipc.h>
@@ -9,6 +11,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <optional>
 
 namespace vrixtool {
 
@@ -16,6 +19,7 @@ namespace fs = std::filesystem;
 
 namespace {
 int g_appQueue = -1;
+
 FILE *g_out = nullptr;
 bool g_stdoutClaimed = false;
 
@@ -24,16 +28,7 @@ bool g_stdoutClaimed = false;
 // Standard output stays the program's; the library's lines move to standard
 // error, where a user sees them and a pipe does not get them.
 void separate_library_output() {
-    if (g_out) return;
-    std::fflush(stdout);
-    const int fd = dup(STDOUT_FILENO);
-    FILE *f = fd >= 0 ? fdopen(fd, "w") : nullptr;
-    if (!f) {
-        if (fd >= 0) close(fd);
-        return;
-    }
-    dup2(STDERR_FILENO, STDOUT_FILENO);
-    g_out = f;
+    if (!g_out) g_out = LibraryLines(STDERR_FILENO).keep();
 }
 
 FILE *out() {
@@ -58,25 +53,19 @@ bool start_library() {
         std::atexit([] { msgctl(g_appQueue, IPC_RMID, nullptr); });
         // Start-up reports on standard output (the submit thread's priority):
         // kept aside, and shown only when start-up fails.
-        std::fflush(stdout);
-        FILE *said = std::tmpfile();
-        const int saved = said ? dup(STDOUT_FILENO) : -1;
-        if (saved >= 0) dup2(fileno(said), STDOUT_FILENO);
+        const UniqueFile said(std::tmpfile());
+        std::optional<LibraryLines> aside;
+        if (said) aside.emplace(fileno(said.get()));
         const int ok = vrix_db_init(g_appQueue);
-        std::fflush(stdout);
-        if (saved >= 0) {
-            dup2(saved, STDOUT_FILENO);
-            close(saved);
-        }
+        aside.reset();
         if (ok != 1) {
             if (said) {
-                std::rewind(said);
-                for (int c; (c = std::fgetc(said)) != EOF;)
+                std::rewind(said.get());
+                for (int c; (c = std::fgetc(said.get())) != EOF;)
                     std::fputc(c, stderr);
             }
             std::fprintf(stderr, "vrixdb: the library did not start\n");
         }
-        if (said) std::fclose(said);
         if (ok == 1) separate_library_output();
         return ok == 1;
     }();
@@ -109,9 +98,10 @@ std::string library_root(const std::string &root, const char *command) {
 }
 
 bool require_store(const std::string &root, const char *command, bool copyWillDo) {
+    const std::string dateDb = StoreIndex(root).date_db();
     std::error_code ec;
-    if (fs::is_regular_file(root + "/date.db", ec)) return true;
-    if (copyWillDo && fs::is_regular_file(root + "/date.db.sql", ec)) return true;
+    if (fs::is_regular_file(dateDb, ec)) return true;
+    if (copyWillDo && fs::is_regular_file(dateDb + ".sql", ec)) return true;
     std::fprintf(stderr, "vrixdb %s: no store at %s (no date.db%s)\n", command, root.c_str(),
                  copyWillDo ? " and no copy date.db.sql" : "");
     return false;

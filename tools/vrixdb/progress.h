@@ -8,6 +8,18 @@
 
 namespace vrixtool {
 
+// The time since it was made, for the figures a step reports.
+class Stopwatch {
+  public:
+    double seconds() const {
+        return std::chrono::duration<double>(std::chrono::steady_clock::now() - began_).count();
+    }
+    double ms() const { return seconds() * 1000; }
+
+  private:
+    std::chrono::steady_clock::time_point began_ = std::chrono::steady_clock::now();
+};
+
 class Progress {
   public:
     Progress(FILE *out, std::string label, long total);

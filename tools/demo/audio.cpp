@@ -1,9 +1,9 @@
 // Demo: one audio channel played back, checked record by record.
 #include "demo.h"
-#include "times.h"
 #include "vrixdb.h"
+#include "vrixdb/progress.h"
+#include "vrixdb/times.h"
 
-#include <chrono>
 #include <cstring>
 
 namespace vrixtool {
@@ -35,7 +35,7 @@ bool record_matches(const Demo &d, AudioPlayContext *ctx, long sec, int index, s
 } // namespace
 
 void step_audio(Demo &d) {
-    const auto began = std::chrono::steady_clock::now();
+    const Stopwatch began;
     std::string why;
     long forward = 0;
     const long expected = d.seconds() * kDemoAudioBlocks;
@@ -54,8 +54,7 @@ void step_audio(Demo &d) {
     }
     if (why.empty() && forward != expected)
         why = strf("%ld of %ld audio records delivered", forward, expected);
-    const double ms =
-        std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - began).count();
+    const double ms = began.ms();
 
     // Backward, each step moves one indexed second back and delivers the first
     // record of that second; the first step already moves one back from the

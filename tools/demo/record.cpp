@@ -1,12 +1,11 @@
 // Demo: recording 16 channels and a stream of events in virtual time.
 #include "demo.h"
-#include "library.h"
-#include "progress.h"
-#include "units.h"
 #include "vrixdb.h"
+#include "vrixdb/library.h"
+#include "vrixdb/progress.h"
+#include "vrixdb/units.h"
 
 #include <atomic>
-#include <chrono>
 
 namespace vrixtool {
 namespace {
@@ -34,7 +33,7 @@ void step_record(Demo &d) {
     std::vector<uint8_t> frame;
     uint8_t block[sizeof(VrixAudioBlock)];
     static_assert(sizeof(VrixAudioBlock) == 200);
-    const auto began = std::chrono::steady_clock::now();
+    const Stopwatch began;
     {
         Progress bar(d.out, "recording", d.seconds());
         for (long s = 0; s < d.seconds(); ++s) {
@@ -68,8 +67,7 @@ void step_record(Demo &d) {
     vrix_db_close_rec_video(rec);
     vrix_db_close_rec_event(ev);
     vrix_db_close_rec_audio(au);
-    const double secs =
-        std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count();
+    const double secs = began.seconds();
     const bool diskError = disk_error_reported();
     d.result("record", !diskError,
              strf("%ld frames (%ld key) on %d ch, %.1f MiB in %.2f s = %.0f MiB/s, %.0f "

@@ -1,8 +1,14 @@
 // A read-only look at a store through its index databases (date.db, each
 // channel's video.db, audio.db, event.db), for listing and drawing.
 //
-// The program reads them with the companion library's sql_* functions; it
-// opens only files that exist, so looking never creates anything.
+// The library's public functions play, count and maintain a store but do not
+// list its days and hours nor name its files.  This file alone mirrors the
+// store layout the library writes (directories, database and stream file
+// names, table names); the rest of the program asks it.
+//
+// The program reads the databases with the companion library's sql_*
+// functions; it opens only files that exist, so looking never creates
+// anything.
 //
 // A database that exists but cannot be read is noted, never taken for an
 // empty one: it fails to open, or a query on a table it holds fails (SQLite
@@ -75,9 +81,15 @@ class StoreIndex {
     bool exists() const; // date.db is there
     const std::string &root() const { return root_; }
 
+    // Where the library keeps things (day keys are local midnights).
+    std::string date_db() const;                               // <root>/date.db
+    std::string day_dir(long day) const;                       // <root>/<YYYYMMDD>
+    std::string event_db(long day) const;                      // <day>/event.db
+    std::string video_db(long day, int ch) const;              // <day>/video/<ch>/video.db
+    std::string stream_file(long day, int ch, int hour) const; // <day>/video/<ch>/<hour>.stream
+
     std::vector<long> days();               // day keys of table H, ascending
     std::vector<long> channel_days(int ch); // day keys of table ch<ch>
-    std::string day_dir(long day) const;    // <root>/<YYYYMMDD>
     std::vector<HourIndex> video(long day, int ch);
     // Audio of a day: hours with their index rows (one per second).
     std::vector<HourIndex> audio(long day);
@@ -94,6 +106,9 @@ class StoreIndex {
 
   private:
     std::vector<long> day_keys(const std::string &table);
+    // The hours of a video.db or audio.db with their rows, and the size of
+    // each hour's stream file in `streamDir`.
+    std::vector<HourIndex> hours(const std::string &dbPath, const std::string &streamDir);
     void note(const IndexDb &db);
     void check_tables(IndexDb &db, const std::vector<std::string> &tables);
 

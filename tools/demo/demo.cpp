@@ -1,20 +1,19 @@
 // vrixdb demo: the library's main job, end to end, on a store of its own.
 #include "demo.h"
 
-#include "cli.h"
-#include "library.h"
-#include "store_index.h"
-#include "timeline.h"
-#include "times.h"
 #include "vrixdb.h"
+#include "vrixdb/cli.h"
+#include "vrixdb/library.h"
+#include "vrixdb/library_lines.h"
+#include "vrixdb/progress.h"
+#include "vrixdb/store_index.h"
+#include "vrixdb/timeline_svg.h"
+#include "vrixdb/times.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
-#include <chrono>
 #include <cstdarg>
 #include <filesystem>
 #include <fstream>
+#include <optional>
 
 namespace vrixtool {
 
@@ -75,46 +74,13 @@ bool prepare_root(const std::string &root) {
     return true;
 }
 
-// The library reports on standard output, and the sqlite3 shell that the
-// integrity check runs on standard error: while the demo runs, both go to a
-// log in the root, and the report alone to the terminal.
-class LibraryLog {
-  public:
-    explicit LibraryLog(std::string path) : path_(std::move(path)) {
-        std::fflush(stdout);
-        std::fflush(stderr);
-        const int log = open(path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        if (log < 0) return;
-        savedOut_ = dup(STDOUT_FILENO);
-        savedErr_ = dup(STDERR_FILENO);
-        dup2(log, STDOUT_FILENO);
-        dup2(log, STDERR_FILENO);
-        close(log);
-    }
-    ~LibraryLog() { restore(); }
-    void restore() {
-        if (savedOut_ < 0) return;
-        std::fflush(stdout);
-        std::fflush(stderr);
-        dup2(savedOut_, STDOUT_FILENO);
-        dup2(savedErr_, STDERR_FILENO);
-        close(savedOut_);
-        close(savedErr_);
-        savedOut_ = savedErr_ = -1;
-    }
-    std::vector<std::string> lines() const {
-        std::vector<std::string> out;
-        std::ifstream in(path_);
-        for (std::string line; std::getline(in, line);)
-            out.push_back(line);
-        return out;
-    }
-
-  private:
-    std::string path_;
-    int savedOut_ = -1;
-    int savedErr_ = -1;
-};
+std::vector<std::string> lines_of(const std::string &path) {
+    std::vector<std::string> out;
+    std::ifstream in(path);
+    for (std::string line; std::getline(in, line);)
+        out.push_back(line);
+    return out;
+}
 
 int virtual_clock() {
     return virtual_now();
@@ -132,7 +98,7 @@ void draw_picture(Demo &d) {
 }
 
 int run_demo(const DemoOptions &o) {
-    const auto began = std::chrono::steady_clock::now();
+    const Stopwatch began;
     Demo d;
     d.root = library_root(o.root, "demo");
     if (d.root.empty() || !prepare_root(d.root)) return 1;
@@ -153,7 +119,13 @@ int run_demo(const DemoOptions &o) {
     // (maintenance pacing) are cut to microseconds.
     VrixTestHooks hooks{1000000, virtual_clock};
     vrix_db_set_test_hooks(&hooks);
-    LibraryLog log(d.root + "/demo.log");
+    // The library's own lines, and those of the sqlite3 shell the integrity
+    // check runs, go to a log in the root while the demo runs; the report
+    // alone goes to the terminal.
+    const std::string logPath = d.root + "/demo.log";
+    const UniqueFile logFile(std::fopen(logPath.c_str(), "w"));
+    std::optional<LibraryLines> log;
+    if (logFile) log.emplace(fileno(logFile.get()), true);
     d.out = out();
     std::fprintf(d.out, "vrixdb demo: store %s, local time UTC%s\n", d.root.c_str(),
                  format_offset().c_str());
@@ -177,10 +149,9 @@ int run_demo(const DemoOptions &o) {
     step_backup_repair(d);
     step_reduce(d);
 
-    const double secs =
-        std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count();
-    log.restore();
-    const auto said = log.lines();
+    const double secs = began.seconds();
+    log.reset();
+    const auto said = lines_of(logPath);
     FILE *out = d.out;
     std::fprintf(out, "\n");
     if (d.failed)
@@ -200,20 +171,20 @@ int run_demo(const DemoOptions &o) {
 } // namespace
 
 void add_demo(CLI::App &app, Status &status) {
-    auto o = std::make_shared<DemoOptions>();
-    auto *sub = app.add_subcommand(
-        "demo", "Record a synthetic 16-channel recorder across an hour boundary in virtual time,\n"
-                "play it back, query it and check everything against what was written");
-    add_root(sub, o->root, false)->capture_default_str();
-    sub->add_option("--minutes", o->minutes, "minutes of virtual recording")
+    auto [sub, o] = add_subcommand<DemoOptions>(
+        app, status, "demo",
+        "Record a synthetic 16-channel recorder across an hour boundary in virtual time,\n"
+        "play it back, query it and check everything against what was written",
+        run_demo, false);
+    sub->get_option("--root")->capture_default_str();
+    sub->add_option("--minutes", o.minutes, "minutes of virtual recording")
         ->check(CLI::Range(1, 20))
         ->capture_default_str();
-    sub->add_option("--scale", o->scale,
+    sub->add_option("--scale", o.scale,
                     "scale word of the frames: the library commits a channel's index rows every "
                     "g_iCommit[scale] + 1 key frames")
         ->check(CLI::Range(0, VRIX_MAX_SCALE))
         ->capture_default_str();
-    sub->callback([o, &status] { status = run_demo(*o); });
 }
 
 } // namespace vrixtool

@@ -1,5 +1,6 @@
 // vrixdb play: one line per frame delivered by the library's playback.
 #include "cli.h"
+#include "key_frame.h"
 #include "library.h"
 #include "store_index.h"
 #include "times.h"
@@ -20,10 +21,6 @@ struct PlayOptions {
 };
 
 constexpr int kPlayBuffer = 8 << 20; // the largest frame payload accepted
-
-bool is_key(const unsigned char *payload, int len) {
-    return len > VRIX_FRAME_KEY_BYTE && (payload[VRIX_FRAME_KEY_BYTE] & VRIX_FRAME_KEY_MASK) == 0;
-}
 
 int run_play(const PlayOptions &o) {
     const std::string root = library_root(o.root, "play");
@@ -71,8 +68,11 @@ int run_play(const PlayOptions &o) {
         int sec = 0, sub = 0;
         vrix_db_video_get_current_time(ctx, &sec, &sub);
         if (to && (o.reverse ? sec < to : sec > to)) break;
-        std::fprintf(out(), "  %-19s %5d %9d  %s\n", format_time(sec).c_str(), sub, len,
-                     is_key(static_cast<const unsigned char *>(buf), len) ? "key" : "-");
+        std::fprintf(
+            out(), "  %-19s %5d %9d  %s\n", format_time(sec).c_str(), sub, len,
+            is_key_frame(static_cast<const uint8_t *>(buf), len > 0 ? static_cast<size_t>(len) : 0)
+                ? "key"
+                : "-");
         ++frames;
         bytes += len;
     }
@@ -87,20 +87,18 @@ int run_play(const PlayOptions &o) {
 } // namespace
 
 void add_play(CLI::App &app, Status &status) {
-    auto o = std::make_shared<PlayOptions>();
-    auto *sub = app.add_subcommand(
-        "play", "Play one channel back: one line per frame (time, second time word, size, kind)");
-    add_root(sub, o->root);
-    sub->add_option("--ch", o->ch, "video channel 1..16")->required()->check(ChannelArg);
-    sub->add_option("--from", o->from, "where playback starts")->required()->check(TimeArg);
-    sub->add_option("--to", o->to, "the last second played (with --reverse: the earliest)")
+    auto [sub, o] = add_subcommand<PlayOptions>(
+        app, status, "play",
+        "Play one channel back: one line per frame (time, second time word, size, kind)", run_play);
+    add_channel(sub, o.ch);
+    sub->add_option("--from", o.from, "where playback starts")->required()->check(TimeArg);
+    sub->add_option("--to", o.to, "the last second played (with --reverse: the earliest)")
         ->check(TimeArg);
-    sub->add_flag("--reverse", o->reverse, "key frames backward from --from");
-    sub->add_option("--iframes", o->iframes, "key frames only, STEP key frames at a time")
+    sub->add_flag("--reverse", o.reverse, "key frames backward from --from");
+    sub->add_option("--iframes", o.iframes, "key frames only, STEP key frames at a time")
         ->check(CLI::Range(1, 1000));
-    sub->add_option("--count", o->count, "at most K frames")->check(CLI::Range(1L, 1L << 30));
+    sub->add_option("--count", o.count, "at most K frames")->check(CLI::Range(1L, 1L << 30));
     sub->footer(kSpanRule);
-    sub->callback([o, &status] { status = run_play(*o); });
 }
 
 } // namespace vrixtool

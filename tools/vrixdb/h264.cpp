@@ -1,5 +1,7 @@
 #include "h264.h"
 
+#include "key_frame.h"
+
 #include "vrixdb.h"
 
 #include <cstring>
@@ -100,8 +102,7 @@ std::optional<Unwrapped> unwrap_payload(const uint8_t *p, size_t len) {
     if (len < kPrefixSize || p[0] != 'V' || p[1] != 'H' || p[3] != 1) return std::nullopt;
     const uint32_t size = get32(p + 4);
     if (size != len - kPrefixSize) return std::nullopt;
-    return Unwrapped{p + kPrefixSize, size, (p[VRIX_FRAME_KEY_BYTE] & VRIX_FRAME_KEY_MASK) == 0,
-                     get32(p + 8)};
+    return Unwrapped{p + kPrefixSize, size, is_key_frame(p, len), get32(p + 8)};
 }
 
 } // namespace vrixtool

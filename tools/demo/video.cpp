@@ -1,22 +1,16 @@
 // Demo: the index as written, and playback checked byte for byte.
 #include "demo.h"
-#include "store_index.h"
-#include "times.h"
-#include "units.h"
 #include "vrixdb.h"
+#include "vrixdb/progress.h"
+#include "vrixdb/store_index.h"
+#include "vrixdb/times.h"
+#include "vrixdb/units.h"
 
-#include <chrono>
 #include <cstring>
 #include <set>
 
 namespace vrixtool {
 namespace {
-
-using Clock = std::chrono::steady_clock;
-
-double ms_since(Clock::time_point t) {
-    return std::chrono::duration<double, std::milli>(Clock::now() - t).count();
-}
 
 constexpr int kPlayBuffer = 1 << 20;
 
@@ -107,7 +101,7 @@ void step_index(Demo &d) {
 }
 
 void step_play_forward(Demo &d) {
-    const auto began = Clock::now();
+    const Stopwatch began;
     Player p(d, d.t0);
     double firstMs = -1;
     long frames = 0;
@@ -116,7 +110,7 @@ void step_play_forward(Demo &d) {
     const long expected = d.seconds() * kDemoFps;
     while (p.ctx && why.empty()) {
         if (vrix_db_next_video(p.ctx) != 1) break;
-        if (firstMs < 0) firstMs = ms_since(began);
+        if (firstMs < 0) firstMs = began.ms();
         if (frames == expected) {
             why = "playback went on past the last frame written";
             break;
@@ -126,7 +120,7 @@ void step_play_forward(Demo &d) {
         bytes += vrix_db_get_video(p.ctx, &buf);
         ++frames;
     }
-    const double ms = ms_since(began);
+    const double ms = began.ms();
     if (!p.ctx)
         why = "the library could not open the channel";
     else if (why.empty() && frames != expected)
@@ -139,7 +133,7 @@ void step_play_forward(Demo &d) {
 }
 
 void step_play_backward(Demo &d) {
-    const auto began = Clock::now();
+    const Stopwatch began;
     Player p(d, d.t1 - 1);
     long frames = 0;
     std::string why;
@@ -151,7 +145,7 @@ void step_play_backward(Demo &d) {
         frame_matches(d, p.ctx, d.t1 - 1 - frames, 0, why);
         ++frames;
     }
-    const double ms = ms_since(began);
+    const double ms = began.ms();
     if (!p.ctx)
         why = "the library could not open the channel";
     else if (why.empty() && frames != d.seconds())

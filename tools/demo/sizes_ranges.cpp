@@ -1,9 +1,9 @@
 // Demo: what an export would ask first, the size of a span and the recorded
 // times around a moment.
 #include "demo.h"
-#include "times.h"
-#include "units.h"
 #include "vrixdb.h"
+#include "vrixdb/times.h"
+#include "vrixdb/units.h"
 
 namespace vrixtool {
 namespace {

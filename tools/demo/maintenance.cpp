@@ -1,17 +1,13 @@
 // Demo: backup, the integrity check after damage, and reclaiming the oldest
 // hour through the remove queues.
+#include "vrixdb/maintenance.h"
 #include "demo.h"
-#include "progress.h"
-#include "store_index.h"
-#include "times.h"
-#include "units.h"
 #include "vrixdb.h"
+#include "vrixdb/progress.h"
+#include "vrixdb/store_index.h"
+#include "vrixdb/times.h"
+#include "vrixdb/units.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
-#include <atomic>
-#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -20,7 +16,6 @@ namespace vrixtool {
 namespace {
 
 namespace fs = std::filesystem;
-using Clock = std::chrono::steady_clock;
 
 std::string file_bytes(const std::string &path) {
     std::ifstream in(path, std::ios::binary);
@@ -52,22 +47,13 @@ size_t key_count(const std::vector<HourIndex> &hours) {
     return n;
 }
 
-struct RemoveCounts {
-    std::atomic<int> removed{0};
-    std::atomic<int> other{0};
-};
-
-void count_removal(int, const char *, int outcome, void *user) {
-    auto *c = static_cast<RemoveCounts *>(user);
-    (outcome == VRIX_RM_REMOVED ? c->removed : c->other).fetch_add(1);
-}
-
 } // namespace
 
 void step_backup_repair(Demo &d) {
     const std::string day = day_name(d.t0);
-    const std::string dateDb = d.root + "/date.db";
-    const std::string eventDb = d.root + "/" + day + "/event.db";
+    StoreIndex store(d.root);
+    const std::string dateDb = store.date_db();
+    const std::string eventDb = store.event_db(day_start(d.t0));
     vrix_db_backup(d.root.c_str(), day.c_str());
     std::string why;
     if (file_bytes(dateDb + ".sql") != file_bytes(dateDb) || file_bytes(dateDb).empty())
@@ -79,23 +65,16 @@ void step_backup_repair(Demo &d) {
 
     // An unclean stop: one channel's index and the day's events damaged.
     const int ch = 3;
-    StoreIndex store(d.root);
     const auto keys = store.video(day_start(d.t0), ch);
     const auto events = store.events(day_start(d.t0));
-    const std::string videoDb =
-        store.day_dir(day_start(d.t0)) + "/video/" + std::to_string(ch) + "/video.db";
-    const auto began = Clock::now();
+    const std::string videoDb = store.video_db(day_start(d.t0), ch);
+    const Stopwatch began;
     if (why.empty()) {
         damage(videoDb);
         damage(eventDb);
-        Progress bar(d.out, "checking", 16);
-        vrix_hdd_set_correct_step_callback(
-            [](int step, void *user) { static_cast<Progress *>(user)->update((step - 120) / 5); },
-            &bar);
-        vrix_db_correct_all(d.root.c_str());
-        vrix_hdd_set_correct_step_callback(nullptr, nullptr);
+        run_integrity_check(d.root, d.out);
     }
-    const double ms = std::chrono::duration<double, std::milli>(Clock::now() - began).count();
+    const double ms = began.ms();
     if (why.empty() && !same_keys(store.video(day_start(d.t0), ch), keys))
         why = strf("ch %d's index holds %zu key frames after the check, %zu before the damage", ch,
                    key_count(store.video(day_start(d.t0), ch)), key_count(keys));
@@ -112,24 +91,19 @@ void step_backup_repair(Demo &d) {
 }
 
 void step_reduce(Demo &d) {
-    RemoveCounts counts;
-    VrixRmServer *server = vrix_rm_server_start(d.root.c_str(), count_removal, &counts);
-    if (!server) {
-        d.result("reduce", false, "the remove server did not start");
-        return;
-    }
     const std::tm first = local_fields(d.t0);
     const long hourStart = d.t0 - first.tm_min * 60 - first.tm_sec;
     const long expected = hourStart + 3599;
-    const auto began = Clock::now();
+    const Stopwatch began;
     const long predicted = vrix_db_get_reduce_sec(d.root.c_str());
-    const int fd = open(d.root.c_str(), O_RDONLY | O_DIRECTORY);
-    int stop = 0, freeMB = -1;
-    const long limit = vrix_db_reduce_media(d.root.c_str(), &stop, &freeMB, fd);
-    vrix_db_reduce_event(d.root.c_str(), static_cast<int>(limit));
-    if (fd >= 0) close(fd);
-    const double secs = std::chrono::duration<double>(Clock::now() - began).count();
-    vrix_rm_server_stop(server);
+    RemoveLog removals;
+    int freeMB = -1;
+    const long limit = reclaim_oldest_hour(d.root, removals, freeMB);
+    const double secs = began.seconds();
+    if (limit < 0) {
+        d.result("reduce", false, "the remove server did not start");
+        return;
+    }
 
     std::string why;
     StoreIndex store(d.root);
@@ -142,8 +116,7 @@ void step_reduce(Demo &d) {
                    format_time(expected).c_str(), format_time(predicted).c_str(),
                    format_time(limit).c_str());
     for (int ch = 1; ch <= kDemoChannels && why.empty(); ++ch) {
-        const std::string stream = store.day_dir(day) + "/video/" + std::to_string(ch) + "/" +
-                                   std::to_string(first.tm_hour) + ".stream";
+        const std::string stream = store.stream_file(day, ch, first.tm_hour);
         for (const HourIndex &h : store.video(day, ch))
             if (h.hour <= first.tm_hour) why = strf("ch %d still lists hour %d", ch, h.hour);
         if (why.empty() && fs::exists(stream)) why = stream + " is still there";
@@ -171,7 +144,7 @@ void step_reduce(Demo &d) {
                                 "remove server, index rows and %zu events deleted, ch %d now "
                                 "starts at %s; %.2f s with the waits cut to microseconds, "
                                 "%d MiB free above the reserve",
-                                format_clock(limit).c_str(), counts.removed.load(),
+                                format_clock(limit).c_str(), removals.removed.load(),
                                 d.events.size() - static_cast<size_t>(eventsLeft), d.playCh,
                                 format_clock(firstLeft).c_str(), secs, freeMB)
                          : why);

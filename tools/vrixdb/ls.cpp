@@ -166,13 +166,12 @@ int run_ls(const LsOptions &o) {
 } // namespace
 
 void add_ls(CLI::App &app, Status &status) {
-    auto o = std::make_shared<LsOptions>();
-    auto *sub = app.add_subcommand(
-        "ls", "List the recorded days; with --day, per channel the hours, key frames and bytes,\n"
-              "the audio hours and the events of that day");
-    add_root(sub, o->root);
-    sub->add_option("--day", o->day, "one day, YYYYMMDD or YYYY-MM-DD")->check(DayArg);
-    sub->callback([o, &status] { status = run_ls(*o); });
+    auto [sub, o] = add_subcommand<LsOptions>(
+        app, status, "ls",
+        "List the recorded days; with --day, per channel the hours, key frames and bytes,\n"
+        "the audio hours and the events of that day",
+        run_ls);
+    sub->add_option("--day", o.day, "one day, YYYYMMDD or YYYY-MM-DD")->check(DayArg);
 }
 
 } // namespace vrixtool

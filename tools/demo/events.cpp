@@ -1,10 +1,10 @@
 // Demo: paging through the recorded events with a filter, both ways.
 #include "demo.h"
-#include "times.h"
 #include "vrixdb.h"
+#include "vrixdb/progress.h"
+#include "vrixdb/times.h"
 
 #include <algorithm>
-#include <chrono>
 
 namespace vrixtool {
 namespace {
@@ -58,12 +58,11 @@ void step_events(Demo &d) {
     for (const DemoEvent &e : d.events)
         if (wanted(e)) expected.push_back(e);
 
-    const auto began = std::chrono::steady_clock::now();
+    const Stopwatch began;
     std::vector<DemoEvent> forward, backward;
     int pagesF = 0, pagesB = 0;
     const bool okF = walk(d, d.t0, true, forward, pagesF);
-    const double ms =
-        std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - began).count();
+    const double ms = began.ms();
     const bool okB = walk(d, d.t1 - 1, false, backward, pagesB);
     std::reverse(backward.begin(), backward.end());
 
