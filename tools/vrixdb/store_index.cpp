@@ -13,6 +13,16 @@
 
 namespace vrixtool {
 
+namespace {
+// "h<hour>", built by appending: GCC 12 at -O3 warns falsely (-Wrestrict) on
+// a literal prepended to a temporary string.
+std::string hour_table(int64_t h) {
+    std::string t = "h";
+    t += std::to_string(h);
+    return t;
+}
+} // namespace
+
 namespace fs = std::filesystem;
 
 IndexDb::IndexDb(const std::string &path) : path_(path) {
@@ -152,7 +162,7 @@ std::vector<HourIndex> StoreIndex::hours(const std::string &dbPath, const std::s
     if (db.has_table("H"))
         for (int64_t h : db.column("select distinct hour from H order by hour;")) {
             if (h < 0 || h > 23) continue;
-            const std::string table = "h" + std::to_string(h);
+            const std::string table = hour_table(h);
             HourIndex hour{static_cast<int>(h),
                            {},
                            file_size(streamDir + "/" + std::to_string(h) + ".stream")};
@@ -217,7 +227,7 @@ void StoreIndex::check_span(int ch, long first, long last) {
         std::vector<std::string> tables{"H"};
         if (db.has_table("H"))
             for (int64_t h : db.column("select distinct hour from H;"))
-                tables.push_back("h" + std::to_string(h));
+                tables.push_back(hour_table(h));
         check_tables(db, tables);
     }
 }
