@@ -3,14 +3,15 @@
 #   ./dev.sh demo    install what is missing, build, run the demo
 #   ./dev.sh test    install what is missing, build, run the tests
 #   ./dev.sh asan    the tests built with AddressSanitizer + UBSan
-#   ./dev.sh tsan    the concurrency tests built with ThreadSanitizer
+#   ./dev.sh tsan    the concurrency tests built with ThreadSanitizer and checked lock rules
 #   ./dev.sh fuzz    the libFuzzer targets (clang), a few seconds each
-#   ./dev.sh bench   build and run the benchmarks
+#   ./dev.sh release everything built in Release (tests, benchmarks), the quick tests run
+#   ./dev.sh bench   build in Release and run the benchmarks
 set -euo pipefail
 cd "$(dirname "$0")"
 
 packages=(cmake make g++ gcc binutils pkg-config libsqlite3-dev sqlite3 libgtest-dev
-  libbenchmark-dev libcli11-dev libxml2-utils tzdata clang libclang-rt-14-dev)
+  libcli11-dev libxml2-utils tzdata clang libclang-rt-14-dev)
 
 deps() {
   local missing=() p
@@ -26,9 +27,12 @@ deps() {
 }
 
 # build DIR [cmake options...] [-- build targets...]
+# The developers' builds stop on any warning; ccache is used when installed.
 build() {
-  local dir=$1 configure=() targets=()
+  local dir=$1 configure=(-DVRIX_WERROR=ON) targets=()
   shift
+  command -v ccache >/dev/null &&
+    configure+=(-DCMAKE_C_COMPILER_LAUNCHER=ccache -DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
   while [ $# -gt 0 ] && [ "$1" != "--" ]; do configure+=("$1"); shift; done
   [ $# -gt 0 ] && shift && targets=(--target "$@")
   cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo "${configure[@]}" >/dev/null
@@ -54,20 +58,26 @@ asan)
   ;;
 tsan)
   deps
-  build build-tsan -DVRIX_SANITIZE=thread -DVRIX_BENCH=OFF
+  build build-tsan -DVRIX_SANITIZE=thread -DVRIX_DEBUG_LOCKS=ON -DVRIX_BENCH=OFF
   ctest --test-dir build-tsan --output-on-failure -j"$jobs" -L concurrency
   ;;
 fuzz)
   deps
-  cmake -S . -B build-fuzz -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
-    -DVRIX_BENCH=OFF >/dev/null
-  cmake --build build-fuzz -j"$(nproc)" --target fuzz_targets
+  build build-fuzz -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ -DVRIX_BENCH=OFF \
+    -- fuzz_targets
   ctest --test-dir build-fuzz -L fuzz --output-on-failure
+  ;;
+release)
+  deps
+  build build-release -DCMAKE_BUILD_TYPE=Release -DVRIX_TESTS=ON -DVRIX_BENCH=ON
+  # The quick tests: the reliability suite's kill and stress runs are left to
+  # `test` and `asan`.
+  ctest --test-dir build-release --output-on-failure -j"$jobs" -E '^reliability_'
   ;;
 bench)
   deps
-  build build -DCMAKE_BUILD_TYPE=Release
-  for b in build/bench/bench_*; do [ -x "$b" ] && "$b"; done
+  build build-release -DCMAKE_BUILD_TYPE=Release -DVRIX_TESTS=ON -DVRIX_BENCH=ON
+  for b in build-release/bench/bench_*; do [ -x "$b" ] && "$b"; done
   ;;
 *)
   sed -n '2,9p' "$0"

@@ -7,6 +7,10 @@
  *
  * Failures are reported as one line on standard output; functions that open a
  * context return null on failure, steps return 1 (found), 0 (nothing) or -1.
+ *
+ * The recorder interface comes first; what this library offers beyond it
+ * (version, test hooks, the remove server) is in the "Extensions" section at
+ * the end.
  */
 #ifndef VRIXDB_H
 #define VRIXDB_H
@@ -17,7 +21,28 @@
 #include <sys/time.h>
 #include <time.h>
 
+/* The export marker of every public name.  Defined here and in vrixhdd.h
+ * alike, so either header works alone and a board's own vrixhdd.h needs
+ * none. */
+#ifndef VRIX_API
+#if defined(__GNUC__)
+#define VRIX_API __attribute__((visibility("default")))
+#else
+#define VRIX_API
+#endif
+#endif
+
 #include "vrixhdd.h"
+
+/* The library's version (also that of its pkg-config and CMake packages). */
+#define VRIX_VERSION_MAJOR 0
+#define VRIX_VERSION_MINOR 1
+#define VRIX_VERSION_PATCH 0
+
+/* The longest root (characters, without the terminating zero) the open
+ * functions, reports and maintenance accept; every path of the store is
+ * formed from it in 128 bytes. */
+#define VRIX_MAX_ROOT_LENGTH 98
 
 #ifdef __cplusplus
 extern "C" {
@@ -133,18 +158,6 @@ VRIX_API void sec_to_tm(struct tm *tm, int sec);
 /* Frees a result holder of `rows` slots; null is ignored. */
 VRIX_API void db_free_sqlite(ResultTable table, int rows);
 
-/* ---- Test hooks -----------------------------------------------------------
- * The library's fixed waits (reclamation and event reduction pacing, the
- * reduction prediction) are divided by waitDivisor; `now`, when set, replaces
- * the real clock where the library stamps the current time (events).  Null
- * hooks, a divisor of 0 or 1 and a null clock keep the waits and the clock as documented;
- * that is also the state before the first call.  For tests and demos only. */
-typedef struct VrixTestHooks {
-    unsigned waitDivisor;
-    int (*now)(void);
-} VrixTestHooks;
-VRIX_API void vrix_db_set_test_hooks(const VrixTestHooks *hooks);
-
 /* ---- Submit thread ------------------------------------------------------- */
 
 VRIX_API void *vrix_db_submit_thread(void *unused);
@@ -212,24 +225,39 @@ VRIX_API void vrix_db_close_rec_audio(AudioRecContext *ctx);
 VRIX_API void vrix_db_rec_audio(AudioRecContext *ctx, const void *block);
 VRIX_API void vrix_db_rec_audio_flush(AudioRecContext *ctx);
 
-/* Playback of one audio channel (1..4) from `start` to `end` (null or
- * tm_year 0: no end); `bufSize` must hold one 60-byte record.  Steps deliver
- * whole records. */
+/* Playback of one audio channel (1..4) from `start` (local time) to `end`
+ * (null or tm_year 0: no end, following a recording in progress), across
+ * hours and recorded days; `bufSize` must hold one 60-byte record.  Steps
+ * deliver whole records into the context's buffer.  Null when the channel,
+ * the buffer or the root is refused or date.db cannot be opened. */
 VRIX_API AudioPlayContext *vrix_db_open_get_audio(struct tm *start, struct tm *end, int ch,
                                                   int bufSize, const char *root);
 VRIX_API void vrix_db_close_get_audio(AudioPlayContext *ctx);
+/* Locate from `sec` forward (1) or backward (-1): 1 positioned, 0 nothing. */
 VRIX_API int db_audio_get_new(AudioPlayContext *ctx, int sec, int direction);
+/* Locate within the day of `t`: 1 found, 0 hour unusable, -1 day unusable. */
 VRIX_API int db_audio_date_rec_init(AudioPlayContext *ctx, struct tm *t, int *pos, int *endPos,
                                     int *sec);
+/* Next record forward: 1 ready, 0 none (past the end time or nothing more
+ * recorded).  Previous indexed second, newest first: 1 ready (its first
+ * record), 0 none. */
 VRIX_API int vrix_db_next_audio(AudioPlayContext *ctx);
 VRIX_API int vrix_db_pre_audio(AudioPlayContext *ctx);
+/* The record of the last step and its length, 60 (valid until the next step
+ * or close). */
 VRIX_API int vrix_db_get_audio(AudioPlayContext *ctx, void **buf);
 /* The seconds of the record in the buffer. */
 VRIX_API int vrix_get_audio_sec(AudioPlayContext *ctx);
-/* Step mode: each forward step jumps `step` recorded seconds. */
+/* Step mode (`mode` non-zero): each forward step jumps `step` recorded
+ * seconds and delivers the first record there; backward steps move `step`
+ * seconds in either mode. */
 VRIX_API void vrix_db_audio_set_i_mode(AudioPlayContext *ctx, int mode, int step);
+/* The next step locates afresh from `sec`; newPos 0 keeps near the current
+ * row.  Always 1 for a context. */
 VRIX_API int vrix_db_reset_audio_strat_time(AudioPlayContext *ctx, int sec, int newPos);
+/* Drops the end time: forward play then follows a recording in progress. */
 VRIX_API void vrix_db_audio_set_end_time_forever(AudioPlayContext *ctx);
+/* Prints the channel and the current index row on standard output. */
 VRIX_API void vrix_db_show_audio_current_pos(AudioPlayContext *ctx);
 
 /* ---- Events -------------------------------------------------------------- */
@@ -356,22 +384,6 @@ VRIX_API int vrix_db_correct_audio(const char *dir); /* always 0 */
 VRIX_API void vrix_db_repair_video(FILE *stream, SqlHandle db, int hour);
 VRIX_API void vrix_db_repair_audio(FILE *stream, SqlHandle db, int hour);
 
-/* A server for the remove queues, for the application, tools and tests: a
- * thread that takes requests off queue 1221, removes what they name when it
- * lies inside `root` (links are removed, never followed), and answers every
- * request on queue 1222 with text byte 0 the outcome, refused ones included,
- * so the library never blocks.  Refusals and failures print one line.  `log`,
- * when set, is called on the server thread for every request.  Null when the
- * root does not exist or the queues cannot be had. */
-#define VRIX_RM_REMOVED 0
-#define VRIX_RM_REFUSED 1 /* outside the root, or not a known command */
-#define VRIX_RM_FAILED 2  /* nothing there, or removal failed */
-typedef struct VrixRmServer VrixRmServer;
-typedef void (*VrixRmLogFn)(int command, const char *path, int outcome, void *user);
-VRIX_API VrixRmServer *vrix_rm_server_start(const char *root, VrixRmLogFn log, void *user);
-/* Stops the thread (within about a millisecond) and frees the server. */
-VRIX_API void vrix_rm_server_stop(VrixRmServer *server);
-
 /* ---- Reporting ----------------------------------------------------------- */
 
 /* Bytes of the span [start, end] (local times) of one channel, from the
@@ -390,6 +402,42 @@ VRIX_API int vrix_dvd_video_get_start_time(int ch, int sec, const char *root, in
 VRIX_API int vrix_dvd_video_get_end_time(int ch, int sec, const char *root, int bufSize);
 VRIX_API int vrix_dvd_audio_get_start_time(int ch, int sec, const char *root, int bufSize);
 VRIX_API int vrix_dvd_audio_get_end_time(int ch, int sec, const char *root, int bufSize);
+
+/* ==== Extensions ===========================================================
+ * Beyond the recorder interface: the version, the test hooks and the remove
+ * server.  Later additions of this library go here too. */
+
+/* "MAJOR.MINOR.PATCH" of the library that is loaded (the macros above give
+ * the version built against). */
+VRIX_API const char *vrix_db_version(void);
+
+/* Test hooks: the library's fixed waits (reclamation and event reduction
+ * pacing, the reduction prediction) are divided by waitDivisor; `now`, when
+ * set, replaces the real clock where the library stamps the current time
+ * (events).  Null hooks, a divisor of 0 or 1 and a null clock keep the waits
+ * and the clock as documented; that is also the state before the first call.
+ * For tests and demos only. */
+typedef struct VrixTestHooks {
+    unsigned waitDivisor;
+    int (*now)(void);
+} VrixTestHooks;
+VRIX_API void vrix_db_set_test_hooks(const VrixTestHooks *hooks);
+
+/* A server for the remove queues (see Maintenance), for the application,
+ * tools and tests: a thread that takes requests off queue 1221, removes what
+ * they name when it lies inside `root` (links are removed, never followed),
+ * and answers every request on queue 1222 with text byte 0 the outcome,
+ * refused ones included, so the library never blocks.  Refusals and failures
+ * print one line.  `log`, when set, is called on the server thread for every
+ * request.  Null when the root does not exist or the queues cannot be had. */
+#define VRIX_RM_REMOVED 0
+#define VRIX_RM_REFUSED 1 /* outside the root, or not a known command */
+#define VRIX_RM_FAILED 2  /* nothing there, or removal failed */
+typedef struct VrixRmServer VrixRmServer;
+typedef void (*VrixRmLogFn)(int command, const char *path, int outcome, void *user);
+VRIX_API VrixRmServer *vrix_rm_server_start(const char *root, VrixRmLogFn log, void *user);
+/* Stops the thread (within about a millisecond) and frees the server. */
+VRIX_API void vrix_rm_server_stop(VrixRmServer *server);
 
 #ifdef __cplusplus
 }

@@ -29,10 +29,13 @@
 extern "C" {
 #endif
 
+/* The export marker; vrixdb.h defines it the same way. */
+#ifndef VRIX_API
 #if defined(__GNUC__)
 #define VRIX_API __attribute__((visibility("default")))
 #else
 #define VRIX_API
+#endif
 #endif
 
 /* Milliseconds SQLite waits on a lock held by another handle before it reports busy. */

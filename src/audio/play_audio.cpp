@@ -1,13 +1,15 @@
 // Playing one audio channel back by time, record by record.
 #include "core/calendar.h"
+#include "core/flags.h"
 #include "core/store_access.h"
+#include "media/index_row.h"
+#include "media/locate.h"
+#include "media/stream_file.h"
 #include "play_context.h"
 #include "store/format.h"
 #include "store/paths.h"
 #include "store/records.h"
 #include "store/schema.h"
-#include "video/locate.h"
-#include "video/stream_file.h"
 
 #include <sys/stat.h>
 
@@ -39,40 +41,30 @@ struct AudioMedia {
     static void position_missing(const char *, int) {}
 };
 
-constexpr int kStoreAttempts = 20; // about a second with SQLite's own busy wait
-
 struct CloseAudioPlay {
     void operator()(AudioPlayContext *ctx) const { vrix_db_close_get_audio(ctx); }
 };
 
-enum class Row { Good, Missing, Disagrees, Failed };
+void offset_message(const AudioPlayContext &c, int rows) {
+    std::printf("play audio : get offset iCount = %d , curpos = %d , endpos = %d\n", rows,
+                c.iCurPos, c.iEndPos);
+}
 
-// The offset of index row `id`, checked against the record there.
-Row seek_row(AudioPlayContext &c, int id) {
-    Sql q;
-    format_into(q.text, sizeof q.text, sql::kRowOfId, c.iHour, id);
-    int rows = -1;
-    for (int i = 0; i < kStoreAttempts && rows < 0; ++i) {
-        if (i) usleep(1);
-        SqlLock hold(audio_mutex());
-        rows = sql_submit(c.pAudioDb, q.text, "%u %d", &c.pOffsetResult, &c.pIntResult);
-        if (rows < 0)
-            std::printf("play audio : get offset iCount = %d , curpos = %d , endpos = %d\n", rows,
-                        c.iCurPos, c.iEndPos);
-    }
-    if (rows < 0) return Row::Failed;
+// The offset of index row `id`, checked against the record there; sought to
+// when it agrees.  NotYet: the record runs past the end of the file as it is.
+RowCheck seek_row(AudioPlayContext &c, int id) {
     long long offset;
     int sec;
-    if (rows == 0 || !holder_offset(c.pOffsetResult, offset) || !holder_int(c.pIntResult, sec)) {
-        std::printf("play audio : get offset iCount = %d , curpos = %d , endpos = %d\n", rows,
-                    c.iCurPos, c.iEndPos);
-        return Row::Missing;
-    }
-    if (!audio_record_agrees(c.fpStream, offset, file_size(c.fpStream), sec)) return Row::Disagrees;
+    const IndexRows ix{audio_mutex(), c.pAudioDb, c.iHour, c.pOffsetResult, c.pIntResult};
+    const RowCheck r =
+        read_index_row(ix, id, offset, sec, [&c](int rows) { offset_message(c, rows); });
+    if (r != RowCheck::Good) return r;
+    const AtRow at = audio_record_at(c.fpStream, offset, file_size(c.fpStream), sec);
     std::clearerr(c.fpStream);
-    if (fseeko(c.fpStream, offset, SEEK_SET) != 0) return Row::Disagrees;
+    if (at != AtRow::Agrees) return row_check(at);
+    if (fseeko(c.fpStream, offset, SEEK_SET) != 0) return RowCheck::Disagrees;
     c.llNextRecord = offset;
-    return Row::Good;
+    return RowCheck::Good;
 }
 
 // Reads one record; false on a short read (position kept at its start).
@@ -84,6 +76,35 @@ bool read_record(AudioPlayContext &c) {
     }
     c.iFrameLen = VRIX_AUDIO_RECORD_SIZE;
     c.llNextRecord += VRIX_AUDIO_RECORD_SIZE;
+    return true;
+}
+
+// Puts the record just read back, to be read again by a later step.
+void unread_record(AudioPlayContext &c) {
+    c.llNextRecord -= VRIX_AUDIO_RECORD_SIZE;
+    fseeko(c.fpStream, c.llNextRecord, SEEK_SET);
+}
+
+// The record in the buffer as play sees it: damage (a length word other than
+// 48, or a time outside the hour being played), after the end time, or good.
+enum class Held { Damaged, PastEnd, Good };
+Held check_record(const AudioPlayContext &c, int32_t &sec) {
+    uint32_t w;
+    if (!parse_audio_record(c.pFrameBuf, sec, w)) return Held::Damaged;
+    const long long into_hour = static_cast<long long>(sec) - c.iHourStart;
+    if (into_hour < 0 || into_hour >= 3600) return Held::Damaged;
+    return sec > c.iEndSec ? Held::PastEnd : Held::Good;
+}
+
+// The first index row of the hour whose record starts after `offset` (0 for
+// none yet); false when the store keeps failing.
+bool row_after(AudioPlayContext &c, long long offset, int &id) {
+    Sql q;
+    format_into(q.text, sizeof q.text, sql::kIdAfter, c.iHour, offset);
+    const int rows = retry_busy(
+        [&] { return query_locked(audio_mutex(), c.pAudioDb, q.text, "%d", c.pIntResult); });
+    if (rows == kBusy) return false;
+    if (rows <= 0 || !holder_int(c.pIntResult, id)) id = 0;
     return true;
 }
 
@@ -154,49 +175,79 @@ extern "C" int vrix_db_next_audio(AudioPlayContext *ctx) {
     if (!ctx) return 0;
     AudioPlayContext &c = *ctx;
     bool seek = false;
+    // A backward step that found nothing leaves no position to go on from.
+    if (!usable(c)) c.iDirection = 0;
     if (c.iDirection == 0) {
         seek = true;
         if (!db_audio_get_new(ctx, c.iCurSec, 1)) return 0;
+    } else if (c.iDirection == -1 && !c.iIMode) {
+        ++c.iCurPos; // reading on in the second just delivered
     }
     c.iDirection = 1;
+    // A step that finds nothing leaves the position as it was, so that the
+    // next step tries the same row again.
+    const int from = c.iCurPos;
+    bool moved = false;
+    auto none = [&] {
+        if (!moved) c.iCurPos = from;
+        return 0;
+    };
     if (c.iIMode) {
         seek = true;
         c.iCurPos += c.iStep;
         if (c.iCurPos > c.iEndPos + 1) c.iCurPos = c.iEndPos + 2;
     }
+    long long damaged = -1; // offset of a damaged record: resume at the next row after it
     for (;;) {
-        bool used_up = !usable(c) || c.iCurPos > c.iEndPos + 1;
+        bool used_up = !usable(c);
+        if (!used_up && damaged >= 0) {
+            int id;
+            if (!row_after(c, damaged, id)) return give_up("vrix_db_next_audio");
+            if (id > 0) {
+                c.iCurPos = id;
+                damaged = -1;
+            }
+            used_up = id == 0;
+        } else if (!used_up) {
+            used_up = seek && c.iCurPos > c.iEndPos + 1;
+        }
         if (!used_up && seek) {
             switch (seek_row(c, c.iCurPos)) {
-            case Row::Failed:
+            case RowCheck::Failed:
                 return give_up("vrix_db_next_audio");
-            case Row::Missing:
+            case RowCheck::Missing:
+            case RowCheck::NotYet: // the growing end: wait for it, never pass it
                 used_up = true;
                 break;
-            case Row::Disagrees:
+            case RowCheck::Disagrees:
                 ++c.iCurPos;
                 continue;
-            case Row::Good:
+            case RowCheck::Good:
                 seek = false;
                 break;
             }
         }
         if (!used_up && read_record(c)) {
             int32_t s;
-            uint32_t w;
-            if (!parse_audio_record(c.pFrameBuf, s, w)) {
-                ++c.iCurPos;
+            switch (check_record(c, s)) {
+            case Held::Damaged:
+                damaged = c.llNextRecord - VRIX_AUDIO_RECORD_SIZE;
                 seek = true;
                 continue;
+            case Held::PastEnd:
+                unread_record(c);
+                return none();
+            case Held::Good:
+                break;
             }
-            if (c.iEndSec != kNoEnd && s > c.iEndSec) return 0;
             if (!c.iIMode && s != c.iLastSec) {
                 c.iLastSec = s;
                 ++c.iCurPos;
             }
             return 1;
         }
-        // The hour is used up: rows of a recording in progress, or the next hour.
+        // The hour is used up: rows of a recording in progress, or the next
+        // hour, found from this hour.
         if (usable(c) && c.iEndSec == kNoEnd) {
             Sql q;
             format_into(q.text, sizeof q.text, sql::kLastId, c.iHour);
@@ -208,7 +259,9 @@ extern "C" int vrix_db_next_audio(AudioPlayContext *ctx) {
                 continue;
             }
         }
-        if (!db_audio_get_new(ctx, c.iCurSec, 1)) return 0;
+        if (!db_audio_get_new(ctx, c.iHourStart, 1)) return none();
+        moved = true;
+        damaged = -1;
     }
 }
 
@@ -216,24 +269,26 @@ extern "C" int vrix_db_pre_audio(AudioPlayContext *ctx) {
     using namespace vrix;
     if (!ctx) return 0;
     AudioPlayContext &c = *ctx;
+    if (!usable(c)) c.iDirection = 0;
     if (c.iDirection == 0 && !db_audio_get_new(ctx, c.iCurSec, -1)) return 0;
     c.iCurPos = c.iCurPos < c.iStep ? 0 : c.iCurPos - c.iStep;
     c.iDirection = -1;
     for (;;) {
-        if (c.iCurPos <= 0 || !usable(c)) {
-            if (!db_audio_get_new(ctx, c.iCurSec, -1)) return 0;
+        if (c.iCurPos <= 0) {
+            if (!db_audio_get_new(ctx, c.iHourStart, -1)) return 0;
             continue;
         }
         switch (seek_row(c, c.iCurPos)) {
-        case Row::Failed:
+        case RowCheck::Failed:
             return give_up("vrix_db_pre_audio");
-        case Row::Missing:
+        case RowCheck::Missing:
             c.iCurPos = 0;
             continue; // locate backward
-        case Row::Disagrees:
+        case RowCheck::Disagrees:
+        case RowCheck::NotYet:
             --c.iCurPos;
             continue;
-        case Row::Good:
+        case RowCheck::Good:
             break;
         }
         if (!read_record(c)) {
@@ -241,11 +296,11 @@ extern "C" int vrix_db_pre_audio(AudioPlayContext *ctx) {
             continue;
         }
         int32_t s;
-        uint32_t w;
-        if (!parse_audio_record(c.pFrameBuf, s, w)) {
+        if (check_record(c, s) != Held::Good) {
             --c.iCurPos;
             continue;
         }
+        c.iLastSec = s; // forward play reads on in this second
         return 1;
     }
 }

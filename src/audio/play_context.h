@@ -29,4 +29,5 @@ struct AudioPlayContext {
     int iLastSec; // seconds of the last record that advanced iCurPos forward
     // Offset of the next record forward play reads (see the video context).
     long long llNextRecord;
+    int iHourStart; // first second of the hour being played (see the video context)
 };

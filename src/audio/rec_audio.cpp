@@ -1,15 +1,17 @@
 // Recording the audio block of every audio channel.
 #include "core/calendar.h"
 #include "core/file_io.h"
+#include "core/live_hours.h"
 #include "core/messages.h"
 #include "core/root_lock.h"
 #include "core/store_access.h"
+#include "media/index_row.h"
+#include "media/stream_file.h"
 #include "rec_context.h"
 #include "store/format.h"
 #include "store/paths.h"
 #include "store/records.h"
 #include "store/schema.h"
-#include "video/stream_file.h"
 
 #include <cstdint>
 #include <cstdlib>
@@ -33,7 +35,7 @@ void commit_rows(AudioRecContext &c) {
 // The hour's audio.db, with its tables and the hour registered in H.
 void open_hour_db(AudioRecContext &c, const char *audio_dir, int hour) {
     Path p;
-    format_into(p.text, sizeof p.text, "%s/audio.db", audio_dir);
+    dir_audio_db(p, audio_dir);
     SqlLock hold(audio_mutex());
     if (sql_open(p.text, &c.pAudioDb) != 0) {
         c.pAudioDb = nullptr; // treated as no database
@@ -59,40 +61,29 @@ void close_channel_file(AudioRecChannel &ch) {
     ch.iBufLen = 0;
 }
 
-constexpr long long kUnknown = -1;
+// The audio writer's side of the restart search: rows at or below the
+// shortest file's whole records `m`, checked in the first channel's file.
+struct AudioRestart {
+    static constexpr bool kInclusive = true;
+    AudioRecContext &c;
+    long long m;
+    int query(const char *sql) {
+        return query_locked(audio_mutex(), c.pAudioDb, sql, "%u", c.pOffsetResult);
+    }
+    ResultTable &offsets() { return c.pOffsetResult; }
+    bool agrees(long long offset, int sec) {
+        FILE *first = c.pChannels[0].fpStream;
+        return first && audio_record_agrees(first, offset, m, sec);
+    }
+    void row_read() {}
+};
 
 // The common restart point at or below `m` (the shortest file's whole
-// records): the newest row whose record is a whole audio record of the row's
-// second.  0 when the hour has no such row, kUnknown when the index cannot be
-// read.
-long long restart_point(AudioRecContext &c, int hour, long long m) {
-    if (!c.pAudioDb) return kUnknown;
-    FILE *first = c.pChannels[0].fpStream;
-    long long bound = m;
-    bool inclusive = true;
-    Sql q;
-    for (;;) {
-        format_into(q.text, sizeof q.text, inclusive ? sql::kAudioResumeOffset : sql::kResumeOffset,
-                    hour, bound);
-        long long found = 0;
-        const int rows = query_locked(audio_mutex(), c.pAudioDb, q.text, "%u", c.pOffsetResult);
-        if (rows <= 0) {
-            // No table means no row; anything else is an index we cannot read.
-            format_into(q.text, sizeof q.text, sql::kTableExists, hour);
-            int tables = -1;
-            return query_int(audio_mutex(), c.pAudioDb, q.text, c.pIntResult, tables) && tables == 0
-                       ? 0
-                       : kUnknown;
-        }
-        if (!holder_offset(c.pOffsetResult, found)) return 0;
-        if (found == m) return m; // rewritten from here on: nothing to check
-        format_into(q.text, sizeof q.text, sql::kSecAtOffset, hour, found);
-        int sec = 0;
-        query_int(audio_mutex(), c.pAudioDb, q.text, c.pIntResult, sec);
-        if (first && audio_record_agrees(first, found, m, sec)) return found;
-        bound = found;
-        inclusive = false;
-    }
+// records); kIndexUnknown also when there is no audio.db.
+long long restart_at(AudioRecContext &c, int hour, long long m) {
+    if (!c.pAudioDb) return kIndexUnknown;
+    AudioRestart w{c, m};
+    return restart_point(w, hour, m);
 }
 
 // Opens every channel's file of the new hour and moves all of them to one
@@ -102,11 +93,11 @@ bool open_hour_files(AudioRecContext &c, const char *audio_dir, int hour) {
     for (int k = 0; k < c.iChannelCount; ++k) {
         AudioRecChannel &ch = c.pChannels[k];
         Path dir, p;
-        format_into(dir.text, sizeof dir.text, "%s/%d", audio_dir, k + 1);
+        dir_channel(dir, audio_dir, k + 1);
         io::make_dir(dir.text);
         close_channel_file(ch);
         ch.llOffset = 0;
-        format_into(p.text, sizeof p.text, "%s/%d.stream", dir.text, hour);
+        dir_stream(p, dir.text, hour);
         if (!(ch.fpStream = open_stream_for_writing(p.text))) {
             std::printf("rec audio : cannot open %s\n", p.text);
             // The later channels stop rather than write on into the old hour.
@@ -118,8 +109,8 @@ bool open_hour_files(AudioRecContext &c, const char *audio_dir, int hour) {
         ch.llOffset = size - size % VRIX_AUDIO_RECORD_SIZE;
         if (m < 0 || ch.llOffset < m) m = ch.llOffset;
     }
-    long long restart = m > 0 ? restart_point(c, hour, m) : 0;
-    if (restart == kUnknown) {
+    long long restart = m > 0 ? restart_at(c, hour, m) : 0;
+    if (restart == kIndexUnknown) {
         std::printf("rec audio : index of hour %d unreadable , continuing at %lld\n", hour, m);
         restart = m;
     } else {
@@ -148,7 +139,7 @@ bool new_hour(AudioRecContext &c, const std::tm &tm, bool date_changed, uint32_t
         writer_day_dir(day, c.strRoot, c.strDay);
         io::make_dir(day.text);
     }
-    format_into(audio.text, sizeof audio.text, "%s/%s/audio", c.strRoot, c.strDay);
+    writer_audio_dir(audio, c.strRoot, c.strDay);
     if (date_changed) io::make_dir(audio.text);
     if (c.pAudioDb) {
         commit_rows(c);
@@ -217,6 +208,7 @@ extern "C" AudioRecContext *vrix_db_open_rec_audio(const char *root, int count) 
 extern "C" void vrix_db_close_rec_audio(AudioRecContext *ctx) {
     using namespace vrix;
     if (!ctx) return;
+    forget_live_hours(ctx);
     std::free(ctx->strRoot);
     std::free(ctx->pSqlBuf);
     db_free_sqlite(ctx->pIntResult, 1);
@@ -261,8 +253,9 @@ extern "C" void vrix_db_rec_audio(AudioRecContext *ctx, const void *block) {
                 ctx->iPacing = 0;
             }
         }
-    } else if (!new_hour(*ctx, tm, date_changed, w)) {
-        return;
+    } else {
+        note_live_hour(ctx, 0, ctx->strRoot, day_start(t, tm), tm.tm_hour);
+        if (!new_hour(*ctx, tm, date_changed, w)) return;
     }
     const bool index = ctx->iLastSec == 0 || ctx->iLastSec != t;
     if (index) {

@@ -21,6 +21,13 @@ inline int day_start(int t, const std::tm &tm) {
     return t - (tm.tm_hour * 3600 + tm.tm_min * 60 + tm.tm_sec);
 }
 
+// The local calendar fields of `sec` (by sec_to_tm).
+inline std::tm fields_of(long long sec) {
+    std::tm tm{};
+    sec_to_tm(&tm, static_cast<int>(sec));
+    return tm;
+}
+
 // The inverse of sec_to_tm: the seconds whose local fields, in the zone of
 // g_TimeZone, are those of `local` (only the six fields sec_to_tm writes are
 // read).  Midnights and hour bounds formed with it always match the day keys

@@ -1,5 +1,6 @@
 // Start-up: mutexes, queues and the parked submit thread.
 #include "flags.h"
+#include "lock_check.h"
 #include "messages.h"
 #include "vrixdb.h"
 
@@ -14,6 +15,7 @@
 namespace vrix {
 
 void poll_pause() {
+    require_no_db_lock("poll pause");
     usleep(1);
 }
 
@@ -21,9 +23,19 @@ namespace {
 
 std::atomic<bool> g_started{false};
 
+// With VRIX_DEBUG_LOCKS the database mutexes are error-checking: a thread
+// locking one twice, or unlocking one it does not hold, is told so.
 pthread_mutex_t *new_mutex() {
     auto *m = static_cast<pthread_mutex_t *>(std::malloc(sizeof(pthread_mutex_t)));
-    if (m && pthread_mutex_init(m, nullptr) != 0) {
+    if (!m) return nullptr;
+    pthread_mutexattr_t attr;
+    pthread_mutexattr_init(&attr);
+#if VRIX_DEBUG_LOCKS
+    pthread_mutexattr_settype(&attr, PTHREAD_MUTEX_ERRORCHECK);
+#endif
+    const int rc = pthread_mutex_init(m, &attr);
+    pthread_mutexattr_destroy(&attr);
+    if (rc != 0) {
         std::free(m);
         return nullptr;
     }
@@ -32,8 +44,17 @@ pthread_mutex_t *new_mutex() {
 
 constexpr int kQueueFlags = IPC_CREAT | 0666;
 
+#define VRIX_TEXT(x) #x
+#define VRIX_VERSION_TEXT(a, b, c) VRIX_TEXT(a) "." VRIX_TEXT(b) "." VRIX_TEXT(c)
+constexpr const char *kVersion =
+    VRIX_VERSION_TEXT(VRIX_VERSION_MAJOR, VRIX_VERSION_MINOR, VRIX_VERSION_PATCH);
+
 } // namespace
 } // namespace vrix
+
+extern "C" const char *vrix_db_version(void) {
+    return vrix::kVersion;
+}
 
 extern "C" int vrix_db_init(int send_queue) {
     using namespace vrix;
@@ -77,7 +98,7 @@ extern "C" int vrix_db_init(int send_queue) {
         std::puts("vrix db : create submit thread failed");
         return 0;
     }
-    wait_flag(g_iDbSubmitThreadStopAck);
+    handover_wait(g_iDbSubmitThreadStopAck, true);
     g_started.store(true);
     vrix_thread_print_priority(g_ThreadFd);
     return 1;

@@ -1,5 +1,6 @@
 #include "messages.h"
 
+#include "lock_check.h"
 #include "store/records.h"
 
 #include <sys/msg.h>
@@ -10,18 +11,29 @@
 namespace vrix {
 
 int send_message(int queue, const NotifyMessage &msg) {
+    require_no_db_lock("queue send");
     while (msgsnd(queue, &msg, VRIX_MSG_TEXT_SIZE, 0) != 0) {
         if (errno != EINTR) return -1;
     }
     return 0;
 }
 
-int receive_message(int queue, NotifyMessage &msg) {
+// One byte more than a message of ours holds tells a longer one apart (the
+// kernel cuts it to what fits and reports the cut size).
+ssize_t receive_message(int queue, NotifyMessage &msg) {
+    struct {
+        long mtype;
+        unsigned char mtext[VRIX_MSG_TEXT_SIZE + 1];
+    } in;
+    require_no_db_lock("queue receive");
     ssize_t n;
-    while ((n = msgrcv(queue, &msg, VRIX_MSG_TEXT_SIZE, 0, MSG_NOERROR)) < 0)
+    while ((n = msgrcv(queue, &in, sizeof in.mtext, 0, MSG_NOERROR)) < 0)
         if (errno != EINTR) return -1;
-    if (n < VRIX_MSG_TEXT_SIZE) std::memset(msg.mtext + n, 0, VRIX_MSG_TEXT_SIZE - n);
-    return 0;
+    msg.mtype = in.mtype;
+    const size_t kept = n < VRIX_MSG_TEXT_SIZE ? static_cast<size_t>(n) : VRIX_MSG_TEXT_SIZE;
+    std::memcpy(msg.mtext, in.mtext, kept);
+    std::memset(msg.mtext + kept, 0, VRIX_MSG_TEXT_SIZE - kept);
+    return n;
 }
 
 void prepare_message(NotifyMessage &msg, unsigned char kind) {

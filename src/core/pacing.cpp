@@ -1,5 +1,6 @@
 #include "pacing.h"
 
+#include "lock_check.h"
 #include "vrixdb.h"
 
 #include <sys/time.h>
@@ -14,6 +15,7 @@ std::atomic<int (*)(void)> g_clock{nullptr};
 } // namespace
 
 void pace_sleep_us(unsigned long us) {
+    require_no_db_lock("paced sleep");
     const unsigned d = g_wait_divisor.load();
     usleep(static_cast<useconds_t>(us / (d ? d : 1)));
 }

@@ -1,5 +1,6 @@
 #include "store_access.h"
 
+#include "store/format.h"
 #include "store/schema.h"
 
 #include <cstdint>
@@ -75,6 +76,31 @@ bool query_int(pthread_mutex_t *m, SqlHandle db, const char *sql, ResultTable &h
 bool query_offset(pthread_mutex_t *m, SqlHandle db, const char *sql, ResultTable &holder,
                   long long &out) {
     return query_locked(m, db, sql, "%u", holder) > 0 && holder_offset(holder, out);
+}
+
+int submit_busy(SqlHandle db, const char *sql, const char *format, ResultTable *holder) {
+    return retry_busy(
+        [&] { return holder ? sql_submit(db, sql, format, holder) : sql_submit(db, sql, format); },
+        kBusyAttempts, false);
+}
+
+void Db::transaction(std::initializer_list<const char *> parts) const {
+    SqlLock hold(m_);
+    sql_submit(h_, sql::kReduceBegin, "");
+    for (const char *p : parts)
+        if (p) sql_submit(h_, p, "");
+    sql_submit(h_, sql::kReduceCommit, "");
+}
+
+void ensure_row(SqlHandle db, const char *find, const char *insert, ResultTable &holder) {
+    if (submit_busy(db, find, "%d", &holder) <= 0) submit_busy(db, insert);
+}
+
+void ensure_day(SqlHandle date_db, int day, ResultTable &holder) {
+    Sql find, insert;
+    format_into(find.text, sizeof find.text, sql::kFindDay, day);
+    format_into(insert.text, sizeof insert.text, sql::kInsertDay, day);
+    ensure_row(date_db, find.text, insert.text, holder);
 }
 
 bool holder_int(ResultTable t, int &out) {

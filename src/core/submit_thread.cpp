@@ -1,7 +1,8 @@
 // The submit thread: day and hour bookkeeping for the video writer, taken off
-// the submit queue so the writer never stalls on it.
+// the submit queue so the writer never stalls on it.  Here: the queue, the
+// checks of every message, parking and the hand-over; the registrations
+// themselves are the recording side's (submit_target.h).
 #include "calendar.h"
-#include "file_io.h"
 #include "flags.h"
 #include "messages.h"
 #include "store/format.h"
@@ -9,14 +10,17 @@
 #include "store/records.h"
 #include "store/schema.h"
 #include "store_access.h"
-#include "video/rec_context.h"
+#include "submit_target.h"
+#include "sync_point.h"
 
 #include <unistd.h>
 
 #include <atomic>
 #include <climits>
+#include <condition_variable>
 #include <cstdio>
 #include <cstring>
+#include <mutex>
 
 namespace vrix {
 namespace {
@@ -29,96 +33,59 @@ namespace {
 // earlier process never matches one of this process.
 std::atomic<int> g_stop_seq{static_cast<int>(static_cast<unsigned>(getpid()) << 12)};
 
+// Lives as long as the thread, which never ends: never destroyed, since a
+// condition destroyed at exit while the parked thread waits on it hangs the
+// exit.
+struct Handover {
+    std::mutex lock;
+    std::condition_variable changed;
+};
+Handover &handover() {
+    static Handover *const h = new Handover;
+    return *h;
+}
+
+// The acknowledgement is re-raised on every wake-up, so a requester that
+// clears it while the thread is parked sees it set again.
 void park() {
+    Handover &h = handover();
+    std::unique_lock<std::mutex> hold(h.lock);
     while (flag_get(g_iDbSubmitThreadStop) != 0) {
-        if (flag_get(g_iDbSubmitThreadStopAck) == 0) flag_set(g_iDbSubmitThreadStopAck, 1);
-        poll_pause();
+        if (flag_get(g_iDbSubmitThreadStopAck) == 0) {
+            flag_set(g_iDbSubmitThreadStopAck, 1);
+            h.changed.notify_all();
+        }
+        h.changed.wait(hold);
     }
 }
 
-// A day key is a local midnight; anything negative or so large that the
-// next day overflows cannot come from the writer.
+// The earliest day key taken: 1970-01-03 00:00 UTC.  Keys of 0, 1 or of the
+// first days of 1970 come from zeroed or foreign messages, never from a
+// recorder's clock.
+constexpr int kFirstDay = 2 * 86400;
+
+// A day key is a local midnight by the library's own calendar, no earlier
+// than kFirstDay and at least a day below the end of 32-bit seconds (the
+// next day is prepared from it).
 bool plausible_day(int day) {
-    return day >= 0 && day <= INT_MAX - 86400;
-}
-
-// "select ... limit 1" into the context's holder: true when a row was found.
-bool found(pthread_mutex_t *m, SqlHandle db, ResultTable &holder, const char *sql) {
-    SqlLock hold(m);
-    return sql_submit(db, sql, "%d", &holder) > 0;
-}
-
-void prepare_next_day(RecContext &ctx, int day) {
-    std::tm tm{};
-    sec_to_tm(&tm, day + 86400);
-    char name[12];
-    day_name(name, tm);
-    Path p;
-    if (!writer_day_dir(p, ctx.strRoot, name)) return;
-    io::make_dir(p.text);
-    if (!writer_video_dir(p, ctx.strRoot, name)) return;
-    io::make_dir(p.text);
-    for (int n = 1; n < ctx.iChannelCount; ++n) {
-        if (!writer_channel_dir(p, ctx.strRoot, name, n)) continue;
-        io::make_dir(p.text);
-        if (!writer_video_db(p, ctx.strRoot, name, n)) continue;
-        SqlHandle db = nullptr;
-        if (open_db(video_mutex(n), p.text, db)) close_db(video_mutex(n), db);
-    }
-}
-
-void handle_day(RecContext &ctx, int day) {
-    prepare_next_day(ctx, day);
-    Sql q;
-    format_into(q.text, sizeof q.text, sql::kFindDay, day);
-    if (found(date_mutex(), ctx.pDateDb, ctx.pIntResult, q.text)) return;
-    format_into(q.text, sizeof q.text, sql::kInsertDay, day);
-    submit_locked(date_mutex(), ctx.pDateDb, q.text);
-}
-
-// Registers the hour in the channel's video.db of the message's day.  That is
-// normally the database the writer has open; when the writer has moved on to
-// another day meanwhile, the day's own file is opened for the registration.
-void register_hour(RecContext &ctx, int ch, int hour, int day) {
+    if (day < kFirstDay || day > INT_MAX - 86400) return false;
     std::tm tm{};
     sec_to_tm(&tm, day);
-    char name[12];
-    day_name(name, tm);
-    Path p;
-    writer_video_db(p, ctx.strRoot, name, ch);
-    RecChannel &c = ctx.pChannels[ch];
-    Sql q;
-    format_into(q.text, sizeof q.text, sql::kFindHour, hour);
-    SqlLock hold(video_mutex(ch));
-    SqlHandle db = c.pVideoDb;
-    SqlHandle own = nullptr;
-    if (std::memcmp(c.strDay, name, 9) != 0) db = sql_open(p.text, &own) == 0 ? own : nullptr;
-    if (sql_submit(db, q.text, "%d", &ctx.pIntResult) <= 0) {
-        sql_submit(db, sql::kCreateHourH, "");
-        format_into(q.text, sizeof q.text, sql::kInsertHour, hour);
-        sql_submit(db, q.text, "");
-    }
-    if (own) sql_close(own);
+    return tm.tm_hour == 0 && tm.tm_min == 0 && tm.tm_sec == 0;
 }
 
-void handle_hour(RecContext &ctx, int ch, int hour, int day) {
-    Sql q;
-    format_into(q.text, sizeof q.text, sql::kFindChannelDay, ch, day);
-    int rows;
-    {
-        SqlLock hold(date_mutex());
-        rows = sql_submit(ctx.pDateDb, q.text, "%d", &ctx.pIntResult);
+// Validates and carries out one message of `size` text bytes.  Returns true
+// for a stop request that should park the thread.  Every message of ours has
+// 128 bytes of text: any other size is somebody else's.
+bool handle(RecContext *ctx, const NotifyMessage &msg, ssize_t size) {
+    if (size > VRIX_MSG_TEXT_SIZE) {
+        std::printf("submit thread : drop message longer than %d bytes\n", VRIX_MSG_TEXT_SIZE);
+        return false;
     }
-    if (rows == 0) {
-        format_into(q.text, sizeof q.text, sql::kInsertChannelDay, ch, day);
-        submit_locked(date_mutex(), ctx.pDateDb, q.text);
+    if (size != VRIX_MSG_TEXT_SIZE) {
+        std::printf("submit thread : drop message of %zd bytes\n", size);
+        return false;
     }
-    register_hour(ctx, ch, hour, day);
-}
-
-// Validates and carries out one message.  Returns true for a stop request
-// that should park the thread.
-bool handle(RecContext *ctx, const NotifyMessage &msg) {
     const unsigned kind = msg.mtext[0];
     if (kind == VRIX_MSG_STOP) {
         if (flag_get(g_iDbSubmitThreadStop) != 0 && message_word(msg, 4) == g_stop_seq.load())
@@ -136,40 +103,58 @@ bool handle(RecContext *ctx, const NotifyMessage &msg) {
         return false;
     }
     if (kind == VRIX_MSG_DAY) {
-        handle_day(*ctx, day);
+        register_day_message(*ctx, day);
         return false;
     }
     const int ch = msg.mtext[1];
     const int hour = msg.mtext[2];
-    if (ch < 1 || ch >= ctx->iChannelCount || hour > 23) {
+    if (ch < 1 || ch >= channel_slots(*ctx) || hour > 23) {
         std::printf("submit thread : drop hour message , channel %d , hour %d\n", ch, hour);
         return false;
     }
-    handle_hour(*ctx, ch, hour, day);
+    register_hour_message(*ctx, ch, hour, day);
     return false;
 }
 
 } // namespace
+
+void handover_set(int &word, int value) {
+    Handover &h = handover();
+    std::lock_guard<std::mutex> hold(h.lock);
+    flag_set(word, value);
+    h.changed.notify_all();
+}
+
+void handover_wait(int &word, bool raised) {
+    Handover &h = handover();
+    std::unique_lock<std::mutex> hold(h.lock);
+    h.changed.wait(hold, [&] { return (flag_get(word) != 0) == raised; });
+}
+
 } // namespace vrix
 
 extern "C" void *vrix_db_submit_thread(void *) {
     using namespace vrix;
+    pthread_setname_np(pthread_self(), "vrix submit"); // as top -H and the tests show it
     for (;;) {
         park();
         // Out of parking: the opener waits for this before it returns, so a
         // close that follows at once is served and not taken for a park.
-        flag_set(g_iDbSubmitThreadStopAck, 0);
+        handover_set(g_iDbSubmitThreadStopAck, 0);
         RecContext *ctx = g_pVrixDbRec;
         NotifyMessage msg;
         for (;;) {
-            if (receive_message(g_iSubmitMq, msg) != 0) {
+            const ssize_t size = receive_message(g_iSubmitMq, msg);
+            if (size < 0) {
                 // A queue that fails (removed under us) delivers nothing more,
                 // not even the stop request: a close must still get its park.
                 if (flag_get(g_iDbSubmitThreadStop) != 0) break;
                 poll_pause();
                 continue;
             }
-            if (handle(ctx, msg)) break;
+            const bool stop = handle(ctx, msg, size);
+            VRIX_SYNC_POINT("submit_thread:message_handled");
+            if (stop) break;
         }
     }
     return nullptr;
@@ -177,13 +162,12 @@ extern "C" void *vrix_db_submit_thread(void *) {
 
 extern "C" void vrix_db_rec_open_thread(RecContext *ctx) {
     using namespace vrix;
-    flag_set(g_iDbSubmitThreadStopAck, 0);
-    flag_set(g_iDbSubmitThreadStop, 1);
-    wait_flag(g_iDbSubmitThreadStopAck);
+    handover_set(g_iDbSubmitThreadStopAck, 0);
+    handover_set(g_iDbSubmitThreadStop, 1);
+    handover_wait(g_iDbSubmitThreadStopAck, true);
     g_pVrixDbRec = ctx;
-    flag_set(g_iDbSubmitThreadStop, 0);
-    while (flag_get(g_iDbSubmitThreadStopAck) != 0)
-        poll_pause();
+    handover_set(g_iDbSubmitThreadStop, 0);
+    handover_wait(g_iDbSubmitThreadStopAck, false);
 }
 
 // A thread that is parked already (no context handed over, or an open that
@@ -192,12 +176,12 @@ extern "C" void vrix_db_rec_open_thread(RecContext *ctx) {
 extern "C" void vrix_db_rec_close_thread(void) {
     using namespace vrix;
     const bool serving = flag_get(g_iDbSubmitThreadStop) == 0;
-    flag_set(g_iDbSubmitThreadStopAck, 0);
-    flag_set(g_iDbSubmitThreadStop, 1);
+    handover_set(g_iDbSubmitThreadStopAck, 0);
+    handover_set(g_iDbSubmitThreadStop, 1);
     if (serving) {
         NotifyMessage stop = g_RecMsg;
         put_message_word(stop, 4, g_stop_seq.fetch_add(1) + 1);
         send_message(g_iSubmitMq, stop);
     }
-    wait_flag(g_iDbSubmitThreadStopAck);
+    handover_wait(g_iDbSubmitThreadStopAck, true);
 }

@@ -25,7 +25,6 @@ constexpr uint32_t kTypeBits = 0x7f;      // the seven type codes 1..64
 constexpr uint32_t kMinusOneTypes = 0x49; // types 1, 8 and 64 also select channel -1
 constexpr time_t kDaySeconds = 86400;
 constexpr time_t kLastStoreSec = INT_MAX; // store times are 32-bit
-constexpr int kBusyRetries = 20;          // each after the store's own busy wait
 constexpr char kWho[] = "vrix_db_open_get_event";
 
 // ---- filter clauses: "(f=a or f=b ...) and " ----
@@ -66,12 +65,6 @@ bool build_filters(EventQueryContext &q, uint32_t lo, uint32_t hi, int withCh0, 
 // from the C library's zone rules, so they always equal the day keys that
 // recording wrote with sec_to_tm.
 
-std::tm fields_of(time_t t) {
-    std::tm tm{};
-    sec_to_tm(&tm, static_cast<int>(t));
-    return tm;
-}
-
 time_t midnight_of(time_t t) {
     return day_start(static_cast<int>(t), fields_of(t));
 }
@@ -85,12 +78,6 @@ int store_sec(time_t t) {
 }
 
 // ---- store access ----
-
-// A day database opened for one inspection, closed under the event mutex.
-struct DayDb {
-    SqlHandle handle = nullptr;
-    ~DayDb() { close_db(event_mutex(), handle); }
-};
 
 int cell(ResultTable t, int row) {
     int32_t v = 0;
@@ -130,19 +117,13 @@ void take_rows(EventQueryContext &c, int rows, int &n) {
 // Re-reads the current day's last id; true when events were recorded into
 // the day since it was entered.  Busy is retried a bounded number of times.
 bool day_grew(EventQueryContext &c) {
-    for (int tries = 0;; ++tries) {
-        int last = 0;
-        const int rc =
-            query_locked(event_mutex(), c.pEventDb, sql::kEventLastId, "%d", c.pIntResult);
-        const bool got = rc > 0 && holder_int(c.pIntResult, last);
-        if (rc == -1 && tries < kBusyRetries) {
-            pace_sleep_us(1);
-            continue;
-        }
-        if (!got || last <= c.iEndPos) return false;
-        c.iEndPos = last;
-        return true;
-    }
+    const int rc = retry_busy([&] {
+        return query_locked(event_mutex(), c.pEventDb, sql::kEventLastId, "%d", c.pIntResult);
+    });
+    int last = 0;
+    if (rc <= 0 || !holder_int(c.pIntResult, last) || last <= c.iEndPos) return false;
+    c.iEndPos = last;
+    return true;
 }
 
 // Moves the cursor over `count` matching events in `dir` (the reversal of an
@@ -200,13 +181,6 @@ int page(EventQueryContext &c, int dir) {
         if (dir < 0 && c.iCurPos <= 0) c.iCurPos = 1;
         return n;
     }
-}
-
-char *copy_root(const char *root) {
-    const size_t len = std::strlen(root);
-    char *s = static_cast<char *>(std::calloc(1, len + 10));
-    if (s) std::memcpy(s, root, len);
-    return s;
 }
 
 } // namespace
@@ -334,18 +308,17 @@ extern "C" int db_event_date_rec_init(EventQueryContext *ctx, struct tm *day, in
     if (!ctx || !day || !startPos || !endPos) return 0;
     Path p;
     if (!reader_event_db(p, ctx->strRoot, *day) || access(p.text, F_OK) != 0) return 0;
-    DayDb db;
-    if (!open_db(event_mutex(), p.text, db.handle)) return 0;
+    Db db(event_mutex());
+    if (!db.open(p.text)) return 0;
     int last = 0;
-    if (!query_int(event_mutex(), db.handle, sql::kEventLastId, ctx->pIntResult, last) || last == 0)
-        return 0;
+    if (!db.value(ctx->pIntResult, sql::kEventLastId, last) || last == 0) return 0;
     *endPos = last;
     Sql q;
     format_into(q.text, sizeof q.text,
                 ctx->iDirection < 0 ? sql::kEventLastIdUpTo : sql::kEventFirstIdFrom,
                 store_sec(sec));
     int first = 0;
-    if (!query_int(event_mutex(), db.handle, q.text, ctx->pIntResult, first)) return 0;
+    if (!db.value(ctx->pIntResult, q.text, first)) return 0;
     *startPos = first;
     return 1;
 }

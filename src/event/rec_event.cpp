@@ -31,22 +31,6 @@ namespace {
 
 constexpr int kMinuteType = 8;
 
-// Adds the day to date.db's H unless a row for it is there already.  The
-// check and the insert are two separate holds of the date mutex.
-void register_day(EventRecContext &ctx, int day) {
-    Sql q;
-    format_into(q.text, sizeof q.text, sql::kFindDay, day);
-    int rows;
-    {
-        SqlLock hold(date_mutex());
-        rows = sql_submit(ctx.pDateDb, q.text, "%d", &ctx.pIntResult);
-    }
-    int found;
-    if (rows > 0 && holder_int(ctx.pIntResult, found)) return;
-    format_into(q.text, sizeof q.text, sql::kInsertDay, day);
-    submit_locked(date_mutex(), ctx.pDateDb, q.text);
-}
-
 // Opens a day database as the context's day; prints "<who> : open sqlite fail"
 // when it cannot be had (a null path is a name that did not fit).
 int open_day(EventRecContext &ctx, const char *path, const char *who) {
@@ -113,7 +97,10 @@ extern "C" void db_chech_event_dir(EventRecContext *ctx, const char *day, struct
     if (std::strncmp(day, ctx->strDay, sizeof ctx->strDay) == 0) return;
     std::snprintf(ctx->strDay, sizeof ctx->strDay, "%s", day);
 
-    register_day(*ctx, day_start(static_cast<int>(sec), tm));
+    {
+        SqlLock hold(date_mutex());
+        ensure_day(ctx->pDateDb, day_start(static_cast<int>(sec), tm), ctx->pIntResult);
+    }
 
     Path dir, db;
     const bool named = writer_day_dir(dir, ctx->strRoot, ctx->strDay) && dir_event_db(db, dir.text);

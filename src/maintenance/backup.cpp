@@ -19,7 +19,7 @@ std::mutex g_backup_turn;
 // once its source has opened, so a missing source never empties an earlier
 // good copy.
 void copy_aside(pthread_mutex_t *m, const Path &source) {
-    Path copy;
+    SidePath copy;
     if (!source.text[0] || !path_with_suffix(copy, source.text, ".sql")) return;
     SqlLock hold(m);
     File in(io::open_file(source.text, "r"));

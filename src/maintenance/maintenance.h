@@ -1,8 +1,11 @@
-// Shared pieces of reclamation, backup and repair: database and file handles
-// that close themselves, the remove handshake, and running a helper program.
+// Shared pieces of reclamation, backup and repair: the remove handshake,
+// what a writer keeps, and running a helper program.  Their database, holder
+// and file handles are core's (core/store_access.h).
 #pragma once
 
+#include "core/calendar.h"
 #include "core/store_access.h"
+#include "store/paths.h"
 #include "vrixdb.h"
 
 #include <cstdint>
@@ -12,45 +15,23 @@
 
 namespace vrix {
 
-// A database handle opened and closed under its kind's mutex (a null mutex,
-// as repair uses, takes no lock).
-class Db {
-  public:
-    explicit Db(pthread_mutex_t *m) : m_(m) {}
-    ~Db() { close(); }
-    Db(const Db &) = delete;
-    Db &operator=(const Db &) = delete;
-
-    bool open(const char *path) { return open_db(m_, path, h_); }
-    void close() { close_db(m_, h_); }
-    bool is_open() const { return h_ != nullptr; }
-    SqlHandle get() const { return h_; }
-
-    // One statement under the mutex, empty result format.
-    int run(const char *sql) const { return submit_locked(m_, h_, sql); }
-    // A "%d" query under the mutex into a one-slot holder; true when it
-    // returned a row holding a value, which is stored in `out`.
-    bool value(ResultTable &holder, const char *sql, int &out) const;
-    // The reclamation's transaction: "BEGIN TRANSACTION", the parts, "COMMIT
-    // TRANSACTION", under one hold of the mutex; results are not examined.
-    void transaction(std::initializer_list<const char *> parts) const;
-
-  private:
-    pthread_mutex_t *m_;
-    SqlHandle h_ = nullptr;
+// What every reduction and the prediction do first: the root checked
+// ("<who> : root path too long"), the zone refreshed, a one-int holder made
+// and date.db opened.  False when any of it failed; `no_date` is printed when
+// date.db would not open.
+struct MaintenanceStart {
+    Holder holder{1, kIntCell};
+    Db date{date_mutex()};
+    bool start(const char *root, const char *who, const char *no_date = nullptr) {
+        if (!root_fits(root, who)) return false;
+        refresh_timezone();
+        if (!holder.t) return false;
+        Path p;
+        if (reader_date_db(p, root) && date.open(p.text)) return true;
+        if (no_date) std::puts(no_date);
+        return false;
+    }
 };
-
-// A one-slot result holder freed on scope exit.
-struct Holder {
-    ResultTable t = nullptr;
-    int rows = 1;
-    ~Holder() { db_free_sqlite(t, rows); }
-};
-
-struct FileCloser {
-    void operator()(FILE *fp) const { std::fclose(fp); }
-};
-using File = std::unique_ptr<FILE, FileCloser>;
 
 // Remove commands of the remove request (text byte 0).
 constexpr unsigned char kRemoveFile = 0;
@@ -62,13 +43,22 @@ constexpr unsigned char kRemoveTree = 1;
 // `announce` prints "before wait" once sent and "after wait" once answered.
 void request_remove(unsigned char command, const char *path, bool announce = false);
 
+// True when a writer of this process is recording in day `day` (named `name`)
+// of the store under `root` at an hour up to `last_hour`: what it writes is
+// never removed, and one line "<who> : hour H of <name> is being recorded ,
+// kept" (or "day <name>" when `last_hour` is kWholeDay) says so.  Recorders in
+// other processes are not seen.
+constexpr int kWholeDay = 99;
+bool kept_for_recording(const char *who, const char *root, int day, const char *name,
+                        int last_hour);
+
 // Deletes a day's rows from date.db: H, then ch1..ch16, each under the date
 // mutex by itself, with the reclamation's wait after each channel.
 void unregister_day(const Db &date_db, int day);
 
 // The free-space figure: MiB above a 9 GiB reserve, from statfs's available
-// blocks (low 32 bits used) and block size.
-unsigned free_space_figure(uint64_t bavail, uint64_t bsize);
+// blocks and block size, truncated; INT_MAX for anything larger.
+int free_space_figure(uint64_t bavail, uint64_t bsize);
 
 // Runs a program found on PATH with the given argument vector (null-ended),
 // with no command interpreter in between.  Returns its wait status as

@@ -40,8 +40,10 @@ void reduce_day(const char *root, int sec, const Db &date, Db &events, ResultTab
                     tm.tm_mday);
         return;
     }
-    // No event left, or none could be counted (no h_all table): the day goes.
+    // No event left, or none could be counted (no h_all table): the day goes,
+    // unless it is being recorded.
     events.close();
+    if (kept_for_recording("event", root, key, day, kWholeDay)) return;
     pace_sleep_s(1);
     if (writer_day_dir(p, root, day)) request_remove(kRemoveTree, p.text);
     std::printf("delete event on %d%02d%02d\n", tm.tm_year + 1900, tm.tm_mon + 1, tm.tm_mday);
@@ -54,16 +56,12 @@ void reduce_day(const char *root, int sec, const Db &date, Db &events, ResultTab
 
 extern "C" int vrix_db_reduce_event(const char *root, int sec) {
     using namespace vrix;
-    if (!root_fits(root, "event")) return 0;
-    refresh_timezone();
-    Holder holder;
-    if (!(holder.t = make_holder(1, kIntCell))) return 0;
-    Path p;
-    Db date(date_mutex()), events(event_mutex());
-    if (!reader_date_db(p, root) || !date.open(p.text)) return 0;
-    reduce_day(root, sec, date, events, holder.t);
+    MaintenanceStart m;
+    if (!m.start(root, "event")) return 0;
+    Db events(event_mutex());
+    reduce_day(root, sec, m.date, events, m.holder.t);
     events.close();
     pace_sleep_s(1);
-    date.close();
+    m.date.close();
     return 0;
 }

@@ -10,16 +10,21 @@
 
 #include <sys/vfs.h>
 
+#include <climits>
 #include <cstdio>
 
 namespace vrix {
 
-unsigned free_space_figure(uint64_t bavail, uint64_t bsize) {
-    constexpr int32_t kReserveKiB = 9437184; // 9 GiB
-    const uint64_t bytes = (bavail & 0xffffffffu) * bsize;
-    const auto kib = static_cast<int32_t>((bytes + 512) / 1024);
-    const int32_t excess = kib > kReserveKiB ? kib - kReserveKiB : 0;
-    return static_cast<unsigned>(static_cast<float>(excess) * 0.0009765625f);
+// 64-bit throughout: a disk of several TiB would wrap a 32-bit count of KiB
+// to nothing, and a caller that reduces while the figure is low would delete
+// recordings on an empty disk.
+int free_space_figure(uint64_t bavail, uint64_t bsize) {
+    constexpr uint64_t kReserveKiB = 9437184; // 9 GiB
+    uint64_t bytes;
+    if (__builtin_mul_overflow(bavail, bsize, &bytes)) return INT_MAX;
+    const uint64_t kib = bytes / 1024 + (bytes % 1024 >= 512 ? 1 : 0); // to the nearest KiB
+    const uint64_t mib = kib > kReserveKiB ? (kib - kReserveKiB) / 1024 : 0;
+    return mib < INT_MAX ? static_cast<int>(mib) : INT_MAX;
 }
 
 namespace {
@@ -79,8 +84,17 @@ void remove_day(const char *root, const Db &date, const Day &day) {
 void store_free_space(int fd, int *freeMB) {
     struct statfs64 st {};
     if (fstatfs64(fd, &st) != 0) return; // the caller's figure stays as it was
-    flag_set(*freeMB, static_cast<int>(free_space_figure(static_cast<uint64_t>(st.f_bavail),
-                                                         static_cast<uint64_t>(st.f_bsize))));
+    flag_set(*freeMB, free_space_figure(static_cast<uint64_t>(st.f_bavail),
+                                        static_cast<uint64_t>(st.f_bsize)));
+}
+
+// An index's rows up to `limit` in `hour` and its hours up to `hour`, in one
+// transaction.
+void drop_hours(const Db &index, int hour, int limit) {
+    Sql rows, hours;
+    format_into(rows.text, sizeof rows.text, sql::kDeleteIndexUpTo, hour, limit);
+    format_into(hours.text, sizeof hours.text, sql::kDeleteHoursUpTo, hour);
+    index.transaction({rows.text, hours.text});
 }
 
 // One channel's share of the hour: its index rows, then its stream file.
@@ -91,10 +105,7 @@ bool reduce_channel(const char *root, const Day &day, int ch, int hour, int limi
     Db video(video_mutex(ch));
     if (!writer_video_db(p, root, day.name, ch) || !video.open(p.text)) return true;
     pace_sleep_s(1);
-    Sql rows, hours;
-    format_into(rows.text, sizeof rows.text, sql::kDeleteIndexUpTo, hour, limit);
-    format_into(hours.text, sizeof hours.text, sql::kDeleteHoursUpTo, hour);
-    video.transaction({rows.text, hours.text});
+    drop_hours(video, hour, limit);
     pace_sleep_s(1);
     if (writer_video_stream(p, root, day.name, ch, hour)) request_remove(kRemoveFile, p.text);
     pace_sleep_s(1);
@@ -112,26 +123,26 @@ int reduce(const char *root, const Db &date, Db &audio, ResultTable &holder, con
     pace_sleep_s(1);
     Path p;
     if (!day_audio_db(p, root, day.name) || !audio.open(p.text)) {
-        remove_day(root, date, day);
+        if (!kept_for_recording("media", root, day.key, day.name, kWholeDay))
+            remove_day(root, date, day);
         return 0;
     }
     const int hour = first_audio_hour(audio, holder, 1000000);
     if (hour < 0) {
         audio.close(); // not held open while its directory is removed
+        if (kept_for_recording("media", root, day.key, day.name, kWholeDay)) return 0;
         remove_day(root, date, day);
         std::puts("rm : no video data");
         return 0;
     }
+    if (kept_for_recording("media", root, day.key, day.name, hour)) return 0;
     const int limit = day.key + 3599 + 3600 * hour;
     std::printf("we got hour %d\n", hour);
     for (int ch = 1; ch <= VRIX_VIDEO_CHANNELS; ++ch) {
         if (!reduce_channel(root, day, ch, hour, limit, stop, freeMB, fd)) return limit;
         pace_sleep_s(1);
     }
-    Sql rows, hours;
-    format_into(rows.text, sizeof rows.text, sql::kDeleteIndexUpTo, hour, limit);
-    format_into(hours.text, sizeof hours.text, sql::kDeleteHoursUpTo, hour);
-    audio.transaction({rows.text, hours.text});
+    drop_hours(audio, hour, limit);
     pace_sleep_s(1);
     pace_sleep_s(1);
     return limit;
@@ -142,15 +153,11 @@ int reduce(const char *root, const Db &date, Db &audio, ResultTable &holder, con
 
 extern "C" int vrix_db_get_reduce_sec(const char *root) {
     using namespace vrix;
-    if (!root_fits(root, "vrix_db_get_reduce_sec")) return 0;
-    refresh_timezone();
-    Holder holder;
-    if (!(holder.t = make_holder(1, kIntCell))) return 0;
-    Path p;
-    Db date(date_mutex()), audio(audio_mutex());
-    if (!reader_date_db(p, root) || !date.open(p.text)) return 0;
-    const int limit = predict(root, date, audio, holder.t);
-    date.close();
+    MaintenanceStart m;
+    if (!m.start(root, "vrix_db_get_reduce_sec")) return 0;
+    Db audio(audio_mutex());
+    const int limit = predict(root, m.date, audio, m.holder.t);
+    m.date.close();
     pace_sleep_us(500000);
     audio.close();
     return limit;
@@ -158,23 +165,16 @@ extern "C" int vrix_db_get_reduce_sec(const char *root) {
 
 extern "C" int vrix_db_reduce_media(const char *root, int *stop, int *freeMB, int fd) {
     using namespace vrix;
-    if (!root_fits(root, "media")) return 0;
-    refresh_timezone();
-    Holder holder;
-    if (!(holder.t = make_holder(1, kIntCell))) return 0;
-    Path p;
-    Db date(date_mutex()), audio(audio_mutex());
-    if (!reader_date_db(p, root) || !date.open(p.text)) {
-        std::puts("media : no date db");
-        return 0;
-    }
+    MaintenanceStart m;
+    if (!m.start(root, "media", "media : no date db")) return 0;
+    Db audio(audio_mutex());
     Day day;
-    if (!oldest_day(date, holder.t, day)) {
+    if (!oldest_day(m.date, m.holder.t, day)) {
         std::puts("media : no data in date");
         return 0;
     }
-    const int limit = reduce(root, date, audio, holder.t, day, stop, freeMB, fd);
-    date.close();
+    const int limit = reduce(root, m.date, audio, m.holder.t, day, stop, freeMB, fd);
+    m.date.close();
     pace_sleep_s(1);
     if (audio.is_open()) {
         audio.close();

@@ -1,4 +1,6 @@
 // The remove handshake on queues 1221/1222, and unregistering a removed day.
+#include "core/live_hours.h"
+#include "core/lock_check.h"
 #include "core/messages.h"
 #include "core/pacing.h"
 #include "maintenance.h"
@@ -11,6 +13,7 @@
 namespace vrix {
 
 void request_remove(unsigned char command, const char *path, bool announce) {
+    require_no_db_lock("remove handshake");
     // g_RmMsg keeps the type of the last reply (1 from start-up on); only its
     // text is filled here.
     std::memset(g_RmMsg.mtext, 0, sizeof g_RmMsg.mtext);
@@ -29,6 +32,17 @@ void request_remove(unsigned char command, const char *path, bool announce) {
     if (announce) std::puts("before wait");
     receive_message(g_iRmAckMq, g_RmMsg);
     if (announce) std::puts("after wait");
+}
+
+bool kept_for_recording(const char *who, const char *root, int day, const char *name,
+                        int last_hour) {
+    const int live = live_hour_up_to(root, day, last_hour);
+    if (live < 0) return false;
+    if (last_hour == kWholeDay)
+        std::printf("%s : day %s is being recorded , kept\n", who, name);
+    else
+        std::printf("%s : hour %d of %s is being recorded , kept\n", who, live, name);
+    return true;
 }
 
 void unregister_day(const Db &date_db, int day) {

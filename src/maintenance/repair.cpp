@@ -24,7 +24,7 @@ struct Voice {
 // A path handed to a program as an argument: one starting with "-" would be
 // taken for an option.
 struct Arg {
-    Path p;
+    SidePath p;
     explicit Arg(const char *path) {
         if (!format_into(p.text, sizeof p.text, path[0] == '-' ? "./%s" : "%s", path))
             p.text[0] = '\0';
@@ -58,7 +58,7 @@ bool sound(const char *db, const char *table, const Voice &voice, bool open_firs
 
 // The names beside a database that repair touches; false (with a line) when
 // one does not fit, so nothing is done to the database.
-bool side_paths(const char *db, Path &journal, Path &copy) {
+bool side_paths(const char *db, SidePath &journal, SidePath &copy) {
     if (path_with_suffix(journal, db, "-journal") && path_with_suffix(copy, db, ".sql") &&
         Arg(copy.text).p.text[0] && Arg(db).p.text[0])
         return true;
@@ -67,7 +67,7 @@ bool side_paths(const char *db, Path &journal, Path &copy) {
 }
 
 int correct_db(const char *db, const char *table) {
-    Path journal, copy;
+    SidePath journal, copy;
     if (!side_paths(db, journal, copy)) return -1;
     if (sound(db, table, Voice{})) return 0;
     std::remove(journal.text);
@@ -79,55 +79,67 @@ int correct_db(const char *db, const char *table) {
     return std::remove(db);
 }
 
-// `dir` ends in "/"; the paths formed from it hold a doubled "/".
-void correct_video(const char *dir) {
-    Path db, journal;
-    if (!format_into(db.text, sizeof db.text, "%s/video.db", dir) ||
-        !path_with_suffix(journal, db.text, "-journal")) {
-        std::printf("vrix_db_correct_video : path too long %s\n", dir);
+// What differs between rebuilding a video and an audio index, the lines
+// each prints included.
+struct IndexKind {
+    const char *who; // "<who> : path too long"
+    bool (*db)(SidePath &, const char *dir);
+    bool (*stream)(Path &, const char *dir, int hour);
+    void (*rebuild)(FILE *, SqlHandle, int hour);
+    Voice voice;
+    bool announce_db;      // "open <db>" before the test
+    bool announce_removal; // "remove <db>" after it
+    bool per_stream;       // "open <stream>" for each hour; the index is made
+                           // only once a stream is there
+};
+
+const IndexKind kVideoIndex{"vrix_db_correct_video",
+                            dir_video_db<kSidePathSize>,
+                            dir_stream,
+                            vrix_db_repair_video,
+                            {true, true, "video ret = %d\n"},
+                            false,
+                            true,
+                            true};
+const IndexKind kAudioIndex{"vrix_db_correct_audio",
+                            dir_audio_db<kSidePathSize>,
+                            dir_first_audio_stream,
+                            vrix_db_repair_audio,
+                            {true, false, "audio iRet = %d\n"},
+                            true,
+                            false,
+                            false};
+
+// Tests the index in `dir` (which ends in "/": the paths formed from it hold
+// a doubled "/") and rebuilds it from the hour files when it is not sound.
+void correct_index(const IndexKind &k, const char *dir) {
+    SidePath db, journal;
+    if (!k.db(db, dir) || !path_with_suffix(journal, db.text, "-journal")) {
+        std::printf("%s : path too long %s\n", k.who, dir);
         return;
     }
-    const Voice voice{true, true, "video ret = %d\n"};
-    if (sound(db.text, "H", voice)) return;
+    if (k.announce_db) std::printf("open %s\n", db.text);
+    if (sound(db.text, "H", k.voice)) return;
     std::remove(journal.text);
     std::remove(db.text);
-    std::printf("remove %s\n", db.text);
+    if (k.announce_removal) std::printf("remove %s\n", db.text);
 
     Db index(nullptr);
+    auto open_index = [&] {
+        if (index.is_open()) return true;
+        if (!index.open(db.text)) return false;
+        index.run(sql::kCreateHourH);
+        return true;
+    };
+    if (!k.per_stream && !open_index()) return;
     for (int h = 0; h < 24; ++h) {
         Path stream;
-        if (!format_into(stream.text, sizeof stream.text, "%s/%d.stream", dir, h)) continue;
-        std::printf("open %s\n", stream.text);
+        if (!k.stream(stream, dir, h)) continue;
+        if (k.per_stream) std::printf("open %s\n", stream.text);
         File fp(io::open_file(stream.text, "rb+"));
         if (!fp) continue;
-        if (!index.is_open()) {
-            if (!index.open(db.text)) return;
-            index.run(sql::kCreateHourH);
-        }
-        vrix_db_repair_video(fp.get(), index.get(), h);
-    }
-}
-
-void correct_audio(const char *dir) {
-    Path db, journal;
-    if (!format_into(db.text, sizeof db.text, "%s/audio.db", dir) ||
-        !path_with_suffix(journal, db.text, "-journal")) {
-        std::printf("vrix_db_correct_audio : path too long %s\n", dir);
-        return;
-    }
-    std::printf("open %s\n", db.text);
-    const Voice voice{true, false, "audio iRet = %d\n"};
-    if (sound(db.text, "H", voice)) return;
-    std::remove(journal.text);
-    std::remove(db.text);
-    Db index(nullptr);
-    if (!index.open(db.text)) return;
-    index.run(sql::kCreateHourH);
-    for (int h = 0; h < 24; ++h) {
-        Path stream;
-        if (!format_into(stream.text, sizeof stream.text, "%s/1/%d.stream", dir, h)) continue;
-        File fp(io::open_file(stream.text, "rb+"));
-        if (fp) vrix_db_repair_audio(fp.get(), index.get(), h);
+        if (!open_index()) return;
+        k.rebuild(fp.get(), index.get(), h);
     }
 }
 
@@ -163,10 +175,10 @@ void correct_all(const char *root) {
             sec_to_tm(&tm, key);
             std::printf("check ch%d %d%02d%02d\n", ch, tm.tm_year + 1900, tm.tm_mon + 1,
                         tm.tm_mday);
-            if (repair_channel_dir(p, root, tm, ch)) correct_video(p.text);
+            if (repair_channel_dir(p, root, tm, ch)) correct_index(kVideoIndex, p.text);
             if (!first_day) continue;
             first_day = false;
-            if (repair_audio_dir(p, root, tm)) correct_audio(p.text);
+            if (repair_audio_dir(p, root, tm)) correct_index(kAudioIndex, p.text);
             if (reader_event_db(p, root, tm)) correct_db(p.text, "h_all");
         }
         db_free_sqlite(days, n);
@@ -193,11 +205,11 @@ extern "C" int vrix_db_correct(const char *path, const char *table) {
 
 extern "C" void vrix_db_correct_video(const char *dir) {
     using namespace vrix;
-    if (dir && shell_ready("vrix_db_correct_video")) correct_video(dir);
+    if (dir && shell_ready("vrix_db_correct_video")) correct_index(kVideoIndex, dir);
 }
 
 extern "C" int vrix_db_correct_audio(const char *dir) {
     using namespace vrix;
-    if (dir && shell_ready("vrix_db_correct_audio")) correct_audio(dir);
+    if (dir && shell_ready("vrix_db_correct_audio")) correct_index(kAudioIndex, dir);
     return 0;
 }

@@ -52,10 +52,17 @@ const Medium kAudio{"vrix_db_get_audio_total_size",
                     800,
                     false};
 
-std::tm fields_of(long long sec) {
-    std::tm tm{};
-    sec_to_tm(&tm, static_cast<int>(sec));
-    return tm;
+// The whole date, so that days a month or a year apart are never confused.
+int date_of(const std::tm &tm) {
+    return (tm.tm_year * 100 + tm.tm_mon) * 100 + tm.tm_mday;
+}
+
+// The bytes from an indexed offset up to `end`, of which the file holds only
+// `size`: rows beyond the end of the file (frames still buffered by the
+// writer, or lost in a crash) name nothing.
+unsigned long long bytes_between(long long from, long long end, long long size) {
+    const long long to = end < size ? end : size;
+    return to > from ? static_cast<unsigned long long>(to - from) : 0;
 }
 
 long long file_size(const char *path) {
@@ -68,29 +75,23 @@ struct Scan {
     const Medium &m;
     const char *root;
     int ch;
-    ResultTable holder = nullptr;
-    SqlHandle date = nullptr;
-    SqlHandle day = nullptr;
-    int day_mday = 255;
-    ~Scan() {
-        close_db(date_mutex(), date);
-        close_db(m.mutex(ch), day);
-        db_free_sqlite(holder, 1);
-    }
+    Holder holder{1, kOffsetCell};
+    Db date{date_mutex()};
+    Db day{m.mutex(ch)};
+    int day_date = -1; // date_of the day whose database is open
     bool open_day(const std::tm &d) {
-        close_db(m.mutex(ch), day);
+        day.close();
         Path p;
-        if (!m.day_db(p, root, d, ch) || !open_db(m.mutex(ch), p.text, day)) return false;
-        day_mday = d.tm_mday;
+        if (!m.day_db(p, root, d, ch) || !day.open(p.text)) return false;
+        day_date = date_of(d);
         return true;
     }
     // The first indexed offset at or after `sec` in its hour.
     bool first_offset(long long sec, long long &out, const char *tag) {
         const std::tm t = fields_of(sec);
         Sql q;
-        format_into(q.text, sizeof q.text, "select min(offset) from h%d where sec >= %d", t.tm_hour,
-                    static_cast<int>(sec));
-        const bool found = query_offset(m.mutex(ch), day, q.text, holder, out);
+        format_into(q.text, sizeof q.text, sql::kFirstOffsetFrom, t.tm_hour, static_cast<int>(sec));
+        const bool found = query_offset(day.mutex(), day.get(), q.text, holder.t, out);
         if (tag) std::printf("%s %s\n", tag, q.text);
         return found;
     }
@@ -107,7 +108,7 @@ unsigned total_size(const Medium &m, struct tm *start, struct tm *end, const cha
         return 0;
     }
     Scan s{m, root, ch};
-    if (!(s.holder = make_holder(1, kOffsetCell))) return 0;
+    if (!s.holder.t) return 0;
     const long long t1 = mktime(start), t2 = mktime(end);
     if (m.per_second) std::printf("enter %s\n", m.name);
     if (t1 > t2) return 0;
@@ -122,7 +123,7 @@ unsigned total_size(const Medium &m, struct tm *start, struct tm *end, const cha
         return static_cast<unsigned>(R);
     };
     Path p;
-    if (!reader_date_db(p, root) || !open_db(date_mutex(), p.text, s.date)) {
+    if (!reader_date_db(p, root) || !s.date.open(p.text)) {
         std::puts(m.date_error);
         return leave();
     }
@@ -131,16 +132,15 @@ unsigned total_size(const Medium &m, struct tm *start, struct tm *end, const cha
         const std::tm h = fields_of(H);
         if (h.tm_hour == 0 && h.tm_min == 0 && h.tm_sec == 0) {
             Sql q;
-            format_into(q.text, sizeof q.text, "select min(date) from ch%d where date >= %d", ch,
-                        static_cast<int>(H));
+            format_into(q.text, sizeof q.text, sql::kChannelDayFrom, ch, static_cast<int>(H));
             long long day;
-            if (!query_offset(date_mutex(), s.date, q.text, s.holder, day)) return leave();
+            if (!query_offset(date_mutex(), s.date.get(), q.text, s.holder.t, day)) return leave();
             if (day != H) L = H = day;
         }
         if (H > t2) return leave();
         if (H == E) break;
         const std::tm l = fields_of(L);
-        if (l.tm_mday != s.day_mday && !s.open_day(l)) {
+        if (date_of(l) != s.day_date && !s.open_day(l)) {
             advance();
             continue;
         }
@@ -151,7 +151,7 @@ unsigned total_size(const Medium &m, struct tm *start, struct tm *end, const cha
         if (!indexed) continue;
         const long long z = s.stream_size(at);
         if (z < 0) continue;
-        T += static_cast<unsigned long long>(z - s0 + m.per_second * 3600);
+        T += bytes_between(s0, z, z) + static_cast<unsigned long long>(m.per_second * 3600);
         if (T >= kSaturated) {
             R = kSaturated;
             return leave();
@@ -162,14 +162,15 @@ unsigned total_size(const Medium &m, struct tm *start, struct tm *end, const cha
     if (!s.open_day(fields_of(L))) return leave();
     long long s0, s1;
     if (!s.first_offset(L, s0, m.print_queries ? "1" : nullptr)) return leave();
-    if (s.first_offset(t2, s1, m.print_queries ? "2" : nullptr)) {
-        std::printf("u64StartOffset = %lld , u64EndOffset = %lld\n", s0, s1);
-        R = T + static_cast<unsigned long long>(s1 - s0 + (t2 - L) * m.per_second);
-    } else {
-        const long long z = s.stream_size(L);
-        if (z >= 0)
-            R = T + static_cast<unsigned long long>(z - s0 + (3600 - (L - H)) * m.per_second);
-    }
+    const bool ends = s.first_offset(t2, s1, m.print_queries ? "2" : nullptr);
+    if (ends) std::printf("u64StartOffset = %lld , u64EndOffset = %lld\n", s0, s1);
+    const long long z = s.stream_size(L);
+    if (z < 0) return leave(); // no file, no bytes
+    if (ends)
+        R = T + bytes_between(s0, s1, z) + static_cast<unsigned long long>((t2 - L) * m.per_second);
+    else
+        R = T + bytes_between(s0, z, z) +
+            static_cast<unsigned long long>((3600 - (L - H)) * m.per_second);
     if (R >= kSaturated) R = kSaturated;
     return leave();
 }

@@ -18,10 +18,10 @@ bool root_fits(const char *root, const char *who) {
     return true;
 }
 
-char *make_writer_root(const char *root) {
-    const size_t size = std::strlen(root) + 10;
+char *copy_root(const char *root, const char *tail) {
+    const size_t size = std::strlen(root) + std::strlen(tail) + 10;
     char *s = static_cast<char *>(std::calloc(1, size));
-    if (s) std::snprintf(s, size, "%s/", root);
+    if (s) std::snprintf(s, size, "%s%s", root, tail);
     return s;
 }
 
@@ -81,6 +81,19 @@ bool dir_event_db(Path &p, const char *dir) {
     return format_into(p.text, sizeof p.text, "%s/event.db", dir);
 }
 
+bool dir_channel(Path &p, const char *dir, int ch) {
+    return format_into(p.text, sizeof p.text, "%s/%d", dir, ch);
+}
+bool dir_stream(Path &p, const char *dir, int hour) {
+    return format_into(p.text, sizeof p.text, "%s/%d.stream", dir, hour);
+}
+bool dir_first_audio_stream(Path &p, const char *dir, int hour) {
+    return format_into(p.text, sizeof p.text, "%s/1/%d.stream", dir, hour);
+}
+bool writer_audio_dir(Path &p, const char *strRoot, const char *day) {
+    return format_into(p.text, sizeof p.text, "%s/%s/audio", strRoot, day);
+}
+
 bool day_audio_db(Path &p, const char *root, const char *day) {
     return format_into(p.text, sizeof p.text, "%s/%s/audio/audio.db", root, day);
 }
@@ -98,7 +111,7 @@ bool repair_audio_dir(Path &p, const char *root, const std::tm &d) {
 bool root_lock_file(Path &p, const char *root) {
     return format_into(p.text, sizeof p.text, "%s/.vrixdb.lock", root);
 }
-bool path_with_suffix(Path &p, const char *path, const char *suffix) {
+bool path_with_suffix(SidePath &p, const char *path, const char *suffix) {
     return format_into(p.text, sizeof p.text, "%s%s", path, suffix);
 }
 

@@ -13,8 +13,14 @@ namespace vrix {
 // "<who> : root path too long" and returns false.
 bool root_fits(const char *root, const char *who);
 
-// The writer's root text: "%s/" of the root (caller frees with free()).
-char *make_writer_root(const char *root);
+// A copy of the root with `tail` appended and room to spare (caller frees
+// with free()); null when it cannot be had.
+char *copy_root(const char *root, const char *tail = "");
+
+// The writer's root text: "%s/" of the root.
+inline char *make_writer_root(const char *root) {
+    return copy_root(root, "/");
+}
 
 // Day name "%d%02d%02d" (year + 1900, month + 1, day) into a 12-byte field.
 void day_name(char (&out)[12], const std::tm &tm);
@@ -26,6 +32,7 @@ bool writer_video_dir(Path &p, const char *strRoot, const char *day); // %s/%s/v
 bool writer_channel_dir(Path &p, const char *strRoot, const char *day, int ch);
 bool writer_video_db(Path &p, const char *strRoot, const char *day, int ch);
 bool writer_video_stream(Path &p, const char *strRoot, const char *day, int ch, int hour);
+bool writer_audio_dir(Path &p, const char *strRoot, const char *day); // %s/%s/audio
 
 // Reader forms, from the plain root and a calendar date.
 bool reader_date_db(Path &p, const char *root);
@@ -37,6 +44,19 @@ bool reader_event_db(Path &p, const char *root, const std::tm &day);
 
 // The day's event database inside a day directory given as a path: "%s/event.db".
 bool dir_event_db(Path &p, const char *dir);
+
+// Inside a channel's or the audio directory given as a path (repair's forms
+// keep their doubled "/"): the index, a channel's directory, an hour's
+// stream, and the first audio channel's stream.
+template <size_t N> bool dir_video_db(FixedText<N> &p, const char *dir) {
+    return format_into(p.text, N, "%s/video.db", dir);
+}
+template <size_t N> bool dir_audio_db(FixedText<N> &p, const char *dir) {
+    return format_into(p.text, N, "%s/audio.db", dir);
+}
+bool dir_channel(Path &p, const char *dir, int ch);              // %s/%d
+bool dir_stream(Path &p, const char *dir, int hour);             // %s/%d.stream
+bool dir_first_audio_stream(Path &p, const char *dir, int hour); // %s/1/%d.stream
 
 // Maintenance forms from the plain root and a day text "%d%02d%02d" (the
 // day directory, video.db and stream names are the writer forms above given
@@ -50,6 +70,6 @@ bool repair_audio_dir(Path &p, const char *root, const std::tm &day);
 // The lock file of one recording process per store: "%s/.vrixdb.lock".
 bool root_lock_file(Path &p, const char *root);
 // A file beside another: "%s%s" (".sql" backup copies, "-journal").
-bool path_with_suffix(Path &p, const char *path, const char *suffix);
+bool path_with_suffix(SidePath &p, const char *path, const char *suffix);
 
 } // namespace vrix

@@ -47,6 +47,11 @@ inline constexpr char kHintIdUpTo[] = "select id from h%d where sec = %d and id 
 // The offset of a key frame with the time its row gives, so the record found
 // there can be checked against the row before it is trusted.
 inline constexpr char kRowOfId[] = "select offset,sec from h%d where id = %d limit 1;";
+// Size totals: the first indexed position at or after a time (printed as
+// submitted, so without a closing ";").
+inline constexpr char kFirstOffsetFrom[] = "select min(offset) from h%d where sec >= %d";
+// The first row whose record lies after a damaged one: where play resumes.
+inline constexpr char kIdAfter[] = "select min(id) from h%d where offset > %lld;";
 
 // event.db
 inline constexpr char kCreateEvents[] =

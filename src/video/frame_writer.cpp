@@ -1,15 +1,19 @@
 // The frame writer: every frame of every channel goes through here.
 #include "core/calendar.h"
 #include "core/file_io.h"
+#include "core/live_hours.h"
 #include "core/messages.h"
 #include "core/store_access.h"
+#include "core/sync_point.h"
+#include "media/index_row.h"
+#include "media/stream_file.h"
 #include "rec_context.h"
 #include "rec_writer.h"
+#include "registration.h"
 #include "store/format.h"
 #include "store/paths.h"
 #include "store/records.h"
 #include "store/schema.h"
-#include "stream_file.h"
 
 #include <cstdio>
 #include <cstring>
@@ -25,59 +29,10 @@ void close_hour_file(RecChannel &c, int) {
     c.llOffset = 0;
 }
 
-namespace {
-
-constexpr int kBusyTries = 20; // with SQLite's own busy wait, about a second
-
-// The day of the channel's rows in date.db (H and ch<N>), found or added
-// through the writer's own holder.  The submit thread does the same from the
-// queue; doing it here too, before the rows are committed, means that rows
-// never stand in an index that playback cannot reach, even when the process
-// dies with the thread's registration still in the queue.
-// A statement repeated while the database is busy (about a second with
-// SQLite's own wait), so that a reader in another process holding a lock for
-// a moment costs no registration and leaves no transaction open.
-int submit_busy(SqlHandle db, const char *sql, const char *format = "",
-                ResultTable *holder = nullptr) {
-    int r = -1;
-    for (int i = 0; i < kBusyTries && r == -1; ++i)
-        r = holder ? sql_submit(db, sql, format, holder) : sql_submit(db, sql, format);
-    return r;
-}
-
-// Adds the row unless the lookup found it; a lookup that failed adds it too
-// (a second row does no harm, a missing one hides footage).
-void ensure_row(RecContext &ctx, SqlHandle db, const Sql &find, const Sql &insert) {
-    if (submit_busy(db, find.text, "%u", &ctx.pOffsetResult) <= 0) submit_busy(db, insert.text);
-}
-
-void register_day(RecContext &ctx, int n, int day) {
-    Sql find, insert;
-    SqlLock hold(date_mutex());
-    format_into(find.text, sizeof find.text, sql::kFindChannelDay, n, day);
-    format_into(insert.text, sizeof insert.text, sql::kInsertChannelDay, n, day);
-    ensure_row(ctx, ctx.pDateDb, find, insert);
-    format_into(find.text, sizeof find.text, sql::kFindDay, day);
-    format_into(insert.text, sizeof insert.text, sql::kInsertDay, day);
-    ensure_row(ctx, ctx.pDateDb, find, insert);
-}
-
-// The hour's table and its row in the day's H, inside the commit.
-void prepare_hour(RecContext &ctx, SqlHandle db, int hour) {
-    Sql q, insert;
-    format_into(q.text, sizeof q.text, sql::kCreateIndex, hour);
-    sql_submit(db, q.text, "");
-    format_into(q.text, sizeof q.text, sql::kFindHour, hour);
-    format_into(insert.text, sizeof insert.text, sql::kInsertHour, hour);
-    ensure_row(ctx, db, q, insert);
-}
-
-} // namespace
-
 void commit_channel(RecContext &ctx, RecChannel &c, int n) {
     unsigned hours = c.iPendingTables;
     if (c.iNewTable && c.iHour >= 0) hours |= 1u << c.iHour;
-    if (hours && c.pVideoDb) register_day(ctx, n, message_word(c.HourMsg, 4));
+    if (hours && c.pVideoDb) register_channel_day(ctx, n, message_word(c.HourMsg, 4));
     {
         SqlLock hold(video_mutex(n));
         submit_busy(c.pVideoDb, sql::kBegin);
@@ -136,62 +91,43 @@ void move_to_day(RecContext &ctx, RecChannel &c, int n) {
 
 // A query into the context's holder, repeated while the database is busy.
 int query_retrying(SqlHandle db, int n, const char *sql, const char *format, ResultTable &holder) {
-    int rows = -1;
-    for (int i = 0; i < kBusyTries && rows == -1; ++i) {
+    return retry_busy([&] {
         SqlLock hold(video_mutex(n));
-        rows = sql_submit(db, sql, format, &holder);
+        return sql_submit(db, sql, format, &holder);
+    });
+}
+
+// The video writer's side of the restart search: the writer's own holder
+// (pIntResult belongs to the submit thread), queries repeated while busy, and
+// rows exclusive of the file's size.
+struct VideoRestart {
+    static constexpr bool kInclusive = false;
+    RecContext &ctx;
+    RecChannel &c;
+    int n;
+    long long size;
+    int query(const char *sql) {
+        return query_retrying(c.pVideoDb, n, sql, "%u", ctx.pOffsetResult);
     }
-    return rows;
-}
-
-constexpr long long kUnknown = -1;
-
-// A one-value query into the writer's own holder (pIntResult belongs to the
-// submit thread): the value read as a 64-bit cell.
-bool writer_value(RecContext &ctx, SqlHandle db, int n, const char *sql, long long &out) {
-    return query_retrying(db, n, sql, "%u", ctx.pOffsetResult) > 0 &&
-           holder_offset(ctx.pOffsetResult, out);
-}
-
-// The newest indexed key frame below `bound`: its offset, 0 when the hour has
-// no such row or no table, kUnknown when the index cannot be read.
-long long newest_row_below(RecContext &ctx, RecChannel &c, int n, long long bound, int &sec) {
-    Sql q;
-    format_into(q.text, sizeof q.text, sql::kResumeOffset, c.iHour, bound);
-    const int rows = query_retrying(c.pVideoDb, n, q.text, "%u", ctx.pOffsetResult);
-    long long found = 0;
-    if (rows > 0) {
-        if (!holder_offset(ctx.pOffsetResult, found)) return 0; // max() over no row
-        format_into(q.text, sizeof q.text, sql::kSecAtOffset, c.iHour, found);
-        long long s = 0;
-        sec = writer_value(ctx, c.pVideoDb, n, q.text, s) ? static_cast<int>(s) : 0;
-        return found;
+    ResultTable &offsets() { return ctx.pOffsetResult; }
+    bool agrees(long long offset, int sec) {
+        return key_frame_agrees(c.fpStream, offset, size, sec);
     }
-    // A failed query means no table only when the table is truly missing.
-    format_into(q.text, sizeof q.text, sql::kTableExists, c.iHour);
-    long long tables = -1;
-    if (writer_value(ctx, c.pVideoDb, n, q.text, tables) && tables == 0) return 0;
-    return kUnknown;
-}
+    void row_read() { VRIX_SYNC_POINT("rec_video:resume_row_read"); }
+};
 
 // Picks the restart point of an hour file that has data: the newest indexed
 // key frame whose record is whole and agrees with its row.  Rows from there
-// on are deleted.  kUnknown when the index cannot be read (no database, or a
+// on are deleted.  kIndexUnknown when the index cannot be read (no database, or a
 // damaged one): the file is then continued at its end, never cut.
 long long resume_point(RecContext &ctx, RecChannel &c, int n, long long size) {
-    if (!c.pVideoDb) return kUnknown;
+    if (!c.pVideoDb) return kIndexUnknown;
     // Rows still waiting for this very hour (the clock went back) must be in
     // the table before it is read.
     if (c.iSqlRows) commit_channel(ctx, c, n);
-    long long bound = size;
-    long long offset;
-    for (;;) {
-        int sec = 0;
-        offset = newest_row_below(ctx, c, n, bound, sec);
-        if (offset <= 0 || key_frame_agrees(c.fpStream, offset, size, sec)) break;
-        bound = offset; // the row names no whole key frame there: try the one before
-    }
-    if (offset == kUnknown) return kUnknown;
+    VideoRestart w{ctx, c, n, size};
+    const long long offset = restart_point(w, c.iHour, size);
+    if (offset == kIndexUnknown) return kIndexUnknown;
     Sql q;
     format_into(q.text, sizeof q.text, sql::kDeleteFrom, c.iHour, offset);
     submit_locked(video_mutex(n), c.pVideoDb, q.text);
@@ -226,7 +162,7 @@ bool open_hour(RecContext &ctx, RecChannel &c, int n, const char *day, int hour,
         return true;
     }
     const long long restart = resume_point(ctx, c, n, size);
-    if (restart == kUnknown) {
+    if (restart == kIndexUnknown) {
         std::printf("vrix_db_rec_video : ch%d index of hour %d unreadable , appending\n", n, hour);
         c.llOffset = size;
     } else {
@@ -329,6 +265,7 @@ extern "C" void vrix_db_rec_video(RecContext *ctx, const void *frame, int size) 
         char day[12];
         day_name(day, tm);
         const int start = day_start(f.sec, tm);
+        note_live_hour(ctx, n, ctx->strRoot, start, tm.tm_hour);
         db_chech_video_dir(ctx, day, start);
         if (std::memcmp(c.strDay, ctx->strDay, 9) != 0) move_to_day(*ctx, c, n);
         c.HourMsg.mtext[2] = static_cast<unsigned char>(tm.tm_hour);

@@ -35,4 +35,7 @@ struct PlayContext {
     // Offset in fpStream of the next record forward play reads; a short read
     // at the growing end of a file goes back here before trying again.
     long long llNextRecord;
+    // First second of the hour being played: a record of this hour's file
+    // whose time lies outside [iHourStart, iHourStart + 3600) is damage.
+    int iHourStart;
 };

@@ -1,6 +1,6 @@
 // Locating a channel's video by time: the day from its ch<N> table, the hour
 // from the day's video.db, the key frame from the hour's index.
-#include "locate.h"
+#include "media/locate.h"
 #include "play_context.h"
 #include "store/paths.h"
 

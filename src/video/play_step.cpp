@@ -1,25 +1,22 @@
 // Stepping through a channel's recording: forward frame by frame (or key
 // frame by key frame), backward key frame by key frame.
 #include "core/calendar.h"
+#include "core/flags.h"
 #include "core/store_access.h"
+#include "media/index_row.h"
+#include "media/stream_file.h"
 #include "play_context.h"
 #include "play_video.h"
 #include "store/format.h"
 #include "store/records.h"
 #include "store/schema.h"
-#include "stream_file.h"
 
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cstdio>
 
 namespace vrix {
 namespace {
-
-// A failing store is asked again for about a second (SQLite waits on a busy
-// lock itself), then the step gives up.
-constexpr int kStoreAttempts = 20;
 
 bool seek_to(PlayContext &c, long long offset) {
     std::clearerr(c.fpStream);
@@ -34,15 +31,21 @@ void rewind_record(PlayContext &c) {
     seek_to(c, c.llNextRecord);
 }
 
-enum class Read { Frame, Short, Impossible };
+enum class Read { Frame, Short, Impossible, PastEnd };
 
-// Reads the record at the file position into the context.
+// Reads the record at the file position into the context.  A record with an
+// impossible length, time 0 or a time outside the hour being played is
+// damage (Impossible); one after the end time is PastEnd.  Neither changes
+// the frame held.
 Read read_record(PlayContext &c, FrameInfo &f) {
     unsigned char head[VRIX_FRAME_HEADER_SIZE];
     if (std::fread(head, 1, sizeof head, c.fpStream) != sizeof head) return Read::Short;
     parse_frame(head, sizeof head, f);
     const int len = static_cast<int>(f.len);
-    if (len < 1 || len > c.iBufSize || f.sec == 0) return Read::Impossible;
+    const long long into_hour = static_cast<long long>(f.sec) - c.iHourStart;
+    if (len < 1 || len > c.iBufSize || f.sec == 0 || into_hour < 0 || into_hour >= 3600)
+        return Read::Impossible;
+    if (f.sec > c.iEndSec) return Read::PastEnd;
     c.iFrameSec = f.sec;
     c.iFrameSubTime = static_cast<int>(f.sec2);
     c.iFrameScale = static_cast<int>(f.scale);
@@ -56,17 +59,28 @@ Read read_record(PlayContext &c, FrameInfo &f) {
     return Read::Frame;
 }
 
+// A one-value query on the day's database, asked again while the store fails;
+// false when it kept failing, else `value` is the value or 0 for none.
+bool ask(PlayContext &c, const char *sql, int &value) {
+    const int rows = retry_busy(
+        [&] { return query_locked(video_mutex(c.iCh), c.pVideoDb, sql, "%d", c.pIntResult); });
+    if (rows == kBusy) return false;
+    if (rows <= 0 || !holder_int(c.pIntResult, value)) value = 0;
+    return true;
+}
+
 // Largest key-frame id of the current hour, for following a recording.
 bool refresh_end(PlayContext &c, int &last) {
     Sql q;
     format_into(q.text, sizeof q.text, sql::kLastId, c.iHour);
-    for (int i = 0; i < kStoreAttempts; ++i) {
-        if (i) usleep(1);
-        const int rows = query_locked(video_mutex(c.iCh), c.pVideoDb, q.text, "%d", c.pIntResult);
-        if (rows == -1) continue;
-        return rows > 0 && holder_int(c.pIntResult, last);
-    }
-    return false;
+    return ask(c, q.text, last) && last > 0;
+}
+
+// The first key frame of the hour whose record starts after `offset`.
+bool row_after(PlayContext &c, long long offset, int &id) {
+    Sql q;
+    format_into(q.text, sizeof q.text, sql::kIdAfter, c.iHour, offset);
+    return ask(c, q.text, id);
 }
 
 int give_up(PlayContext &c, const char *step) {
@@ -78,21 +92,13 @@ int give_up(PlayContext &c, const char *step) {
 } // namespace
 
 RowCheck key_frame_row(PlayContext &c, int id, long long &offset) {
-    Sql q;
-    format_into(q.text, sizeof q.text, sql::kRowOfId, c.iHour, id);
-    int rows = -1;
-    for (int i = 0; i < kStoreAttempts && rows < 0; ++i) {
-        if (i) usleep(1);
-        SqlLock hold(video_mutex(c.iCh));
-        rows = sql_submit(c.pVideoDb, q.text, "%u %d", &c.pOffsetResult, &c.pIntResult);
-    }
-    if (rows < 0) return RowCheck::Failed;
     int sec;
-    if (rows == 0 || !holder_offset(c.pOffsetResult, offset) || !holder_int(c.pIntResult, sec))
-        return RowCheck::Missing;
-    const bool agrees = key_frame_agrees(c.fpStream, offset, file_size(c.fpStream), sec);
+    const IndexRows ix{video_mutex(c.iCh), c.pVideoDb, c.iHour, c.pOffsetResult, c.pIntResult};
+    const RowCheck r = read_index_row(ix, id, offset, sec, [](int) {});
+    if (r != RowCheck::Good) return r;
+    const AtRow at = key_frame_at(c.fpStream, offset, file_size(c.fpStream), sec, c.iBufSize);
     std::clearerr(c.fpStream);
-    return agrees ? RowCheck::Good : RowCheck::Disagrees;
+    return row_check(at);
 }
 
 } // namespace vrix
@@ -102,6 +108,8 @@ extern "C" int vrix_db_next_video(PlayContext *ctx) {
     if (!ctx) return 0;
     PlayContext &c = *ctx;
     bool seek = false;
+    // A backward step that found nothing leaves no position to reverse from.
+    if (c.iDirection == -1 && !c.pVideoDb) c.iDirection = 0;
     if (c.iDirection == 0) {
         seek = true;
         if (!db_video_get_new(ctx, c.iCurSec, 1)) return 0;
@@ -110,6 +118,8 @@ extern "C" int vrix_db_next_video(PlayContext *ctx) {
             c.iEnd = 0;
             c.iCurPos = 1;
             seek = true;
+        } else if (c.iDirection == -1 && !c.iIMode) {
+            ++c.iCurPos; // reading on past the key frame just delivered
         } else if (c.iDirection == 1 && c.iEnd != 0) {
             return 0;
         }
@@ -124,15 +134,27 @@ extern "C" int vrix_db_next_video(PlayContext *ctx) {
         c.iEnd = 1;
         return 0;
     }
+    long long damaged = -1; // offset of a damaged record: resume at the next row after it
     for (;;) {
-        bool used_up = c.iCurPos > c.iEndPos + 1;
-        bool sought = false;
+        bool used_up = false;
+        if (damaged >= 0) {
+            int id;
+            if (!row_after(c, damaged, id)) return give_up(c, "vrix_db_next_video");
+            if (id > 0) {
+                c.iCurPos = id;
+                damaged = -1;
+            }
+            used_up = id == 0;
+        } else {
+            used_up = seek && c.iCurPos > c.iEndPos + 1;
+        }
         if (!used_up && seek) {
             long long offset = 0;
             switch (key_frame_row(c, c.iCurPos, offset)) {
             case RowCheck::Failed:
                 return give_up(c, "vrix_db_next_video");
             case RowCheck::Missing:
+            case RowCheck::NotYet: // the growing end: wait for it, never pass it
                 used_up = true;
                 break;
             case RowCheck::Disagrees:
@@ -141,43 +163,46 @@ extern "C" int vrix_db_next_video(PlayContext *ctx) {
             case RowCheck::Good:
                 seek_to(c, offset);
                 seek = false;
-                sought = true;
                 break;
             }
         }
         if (!used_up) {
             FrameInfo f{};
-            const Read r = read_record(c, f);
-            if (r == Read::Impossible) {
-                // Resume at the next indexed key frame: in normal play that is
-                // iCurPos already, unless the bad record is the one just
-                // sought to.
-                if (sought || c.iIMode) ++c.iCurPos;
+            switch (read_record(c, f)) {
+            case Read::Impossible:
+                damaged = c.llNextRecord;
                 seek = true;
                 continue;
-            }
-            if (r == Read::Short) {
+            case Read::PastEnd:
+                rewind_record(c);
+                c.iEnd = 1;
+                return 0;
+            case Read::Short:
                 rewind_record(c);
                 if (c.iIMode) seek = true;
                 used_up = true;
-            } else if (f.key) {
-                c.iSkipCount = 0;
-                if (!c.iIMode) ++c.iCurPos;
-                return 1;
-            } else {
+                break;
+            case Read::Frame:
+                if (f.key) {
+                    c.iSkipCount = 0;
+                    if (!c.iIMode) ++c.iCurPos;
+                    return 1;
+                }
                 ++c.iSkipCount;
                 if (c.iSkipFrame == 0 || c.iSkipCount < c.iSkipFrame) return 1;
                 continue; // dropped by the skip-frame limit
             }
         }
         // The hour is used up: new key frames of a recording in progress, or
-        // the next recorded hour.
+        // the next recorded hour, found from this hour and never from the time
+        // of a frame.
         int last;
         if (c.iEndSec == kNoEnd && refresh_end(c, last) && last > c.iEndPos) {
             c.iEndPos = last;
             continue;
         }
-        if (!db_video_get_new(ctx, c.iCurSec, 1)) return 0;
+        if (!db_video_get_new(ctx, c.iHourStart, 1)) return 0;
+        damaged = -1;
         if (!seek) c.llNextRecord = 0;
     }
 }
@@ -205,7 +230,7 @@ extern "C" int vrix_db_pre_video(PlayContext *ctx) {
             back(c.iStep);
             if (c.iCurPos == 0) {
                 c.iDirection = -1;
-                if (!db_video_get_new(ctx, c.iCurSec, -1)) {
+                if (!db_video_get_new(ctx, c.iHourStart, -1)) {
                     if (!c.pVideoDb) return 0;
                     c.iCurPos = 1;
                 }
@@ -219,7 +244,7 @@ extern "C" int vrix_db_pre_video(PlayContext *ctx) {
     }
     for (;;) {
         if (c.iCurPos <= 0) {
-            if (!db_video_get_new(ctx, c.iCurSec, -1)) return 0;
+            if (!db_video_get_new(ctx, c.iHourStart, -1)) return 0;
             continue;
         }
         long long offset = 0;
@@ -228,6 +253,7 @@ extern "C" int vrix_db_pre_video(PlayContext *ctx) {
             return give_up(c, "vrix_db_pre_video");
         case RowCheck::Missing:
         case RowCheck::Disagrees:
+        case RowCheck::NotYet:
             back(1);
             continue;
         case RowCheck::Good:
@@ -238,6 +264,7 @@ extern "C" int vrix_db_pre_video(PlayContext *ctx) {
             back(1);
             continue;
         }
+        c.iSkipCount = 0; // forward play reads on in this key frame's group
         return 1;
     }
 }

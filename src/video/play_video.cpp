@@ -1,7 +1,7 @@
 // Opening and closing a playback context, and its accessors.
 #include "core/calendar.h"
 #include "core/store_access.h"
-#include "locate.h"
+#include "media/locate.h"
 #include "play_context.h"
 #include "store/paths.h"
 

@@ -1,5 +1,6 @@
 // Opening and closing the video recording context.
 #include "core/calendar.h"
+#include "core/live_hours.h"
 #include "core/root_lock.h"
 #include "core/store_access.h"
 #include "rec_context.h"
@@ -97,6 +98,7 @@ extern "C" void vrix_db_close_rec_video(RecContext *ctx) {
     using namespace vrix;
     if (!ctx) return;
     vrix_db_rec_close_thread();
+    forget_live_hours(ctx);
     std::free(ctx->strRoot);
     db_free_sqlite(ctx->pOffsetResult, 1);
     db_free_sqlite(ctx->pIntResult, 1);

@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <fstream>
 
 namespace {
 
@@ -20,13 +21,10 @@ constexpr int kDay = 1710028800; // 2024-03-10 00:00:00 UTC
 constexpr int kHour10 = kDay + 10 * 3600;
 
 VrixAudioBlock make_block(int sec, uint32_t word, unsigned seq) {
-    VrixAudioBlock b{};
-    for (int k = 0; k < 4; ++k)
+    return audio_block(sec, word, [seq](int ch, unsigned char *piece) {
         for (int i = 0; i < 48; ++i)
-            b.piece[k][i] = static_cast<unsigned char>(seq * 7 + k * 48 + i);
-    b.iSec = static_cast<uint32_t>(sec);
-    b.iSec2 = word;
-    return b;
+            piece[i] = static_cast<unsigned char>(seq * 7 + (ch - 1) * 48 + i);
+    });
 }
 
 Record record_of(const VrixAudioBlock &b, int k) {
@@ -84,6 +82,11 @@ class Audio : public ::testing::Test {
         localtime_r(&s, &ts);
         if (end) localtime_r(&e, &te);
         return vrix_db_open_get_audio(&ts, end ? &te : nullptr, ch, 64, dir.path().c_str());
+    }
+    static uint32_t load_word(const Record &r, int at) {
+        uint32_t v;
+        std::memcpy(&v, r.data() + at, 4);
+        return v;
     }
     static Record got(AudioPlayContext *p) {
         void *buf = nullptr;
@@ -234,6 +237,70 @@ TEST_F(Audio, Refusals) {
     vrix_db_rec_audio(rec, &zero); // time 0
     const std::string out = testing::internal::GetCapturedStdout();
     EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), 6) << out;
+}
+
+// A record whose time lies outside the hour, or whose length word is wrong,
+// is skipped with the rest of its second; play goes on at the next second.
+TEST_F(Audio, DamagedRecordsSkipOnlyTheirSecond) {
+    register_day(kDay);
+    record_span(kHour10, 20, 3);
+    vrix_db_rec_audio_flush(rec);
+    auto patch = [&](int record, int at, uint32_t value) {
+        std::fstream f(stream(1, 10), std::ios::in | std::ios::out | std::ios::binary);
+        f.seekp(record * 60 + at);
+        f.write(reinterpret_cast<const char *>(&value), 4);
+    };
+    patch(10, 4, 315532800); // second 3's second record says 1980
+    patch(31, 0, 47);        // second 10's second record: a bad length word
+    AudioPlayContext *p = play(1, kHour10);
+    std::vector<int> want, seen;
+    for (int i = 0; i < 60; ++i)
+        if (i != 10 && i != 11 && i != 31 && i != 32) want.push_back(i);
+    while (vrix_db_next_audio(p) == 1 && seen.size() < 100)
+        seen.push_back(static_cast<int>(load_word(got(p), 8)));
+    EXPECT_EQ(seen, want);
+    vrix_db_close_get_audio(p);
+}
+
+// Records indexed while still in the writer's buffer are waited for; the end
+// time holds backward too; starts that find nothing backward or lie before
+// 1970 still play forward.
+TEST_F(Audio, WaitsForBufferedRecordsAndKeepsToTheEnd) {
+    register_day(kDay);
+    record_span(kHour10, 6, 1);
+    vrix_db_rec_audio_flush(rec);
+    AudioPlayContext *p = play(1, kHour10);
+    vrix_db_audio_set_i_mode(p, 1, 1);
+    std::vector<int> secs;
+    while (vrix_db_next_audio(p) == 1)
+        secs.push_back(vrix_get_audio_sec(p) - kHour10);
+    EXPECT_EQ(secs, (std::vector<int>{1, 2, 3, 4, 5}));
+    record_span(kHour10 + 6, 6, 1); // six rows committed, the records buffered
+    EXPECT_EQ(vrix_db_next_audio(p), 0);
+    vrix_db_rec_audio_flush(rec);
+    ASSERT_EQ(vrix_db_next_audio(p), 1);
+    EXPECT_EQ(vrix_get_audio_sec(p), kHour10 + 6);
+    vrix_db_close_get_audio(p);
+
+    p = play(1, kHour10 + 15, kHour10 + 8);
+    ASSERT_EQ(vrix_db_pre_audio(p), 1);
+    EXPECT_EQ(vrix_get_audio_sec(p), kHour10 + 7); // a row before the end time's
+    vrix_db_close_get_audio(p);
+
+    p = play(1, kHour10 - 50);
+    EXPECT_EQ(vrix_db_pre_audio(p), 0);
+    ASSERT_EQ(vrix_db_next_audio(p), 1);
+    EXPECT_EQ(vrix_get_audio_sec(p), kHour10);
+    vrix_db_close_get_audio(p);
+
+    std::tm t{};
+    t.tm_year = 69;
+    t.tm_mon = 11;
+    t.tm_mday = 31;
+    p = vrix_db_open_get_audio(&t, nullptr, 1, 64, dir.path().c_str());
+    ASSERT_EQ(vrix_db_next_audio(p), 1);
+    EXPECT_EQ(vrix_get_audio_sec(p), kHour10);
+    vrix_db_close_get_audio(p);
 }
 
 } // namespace

@@ -1,4 +1,6 @@
-/* An application in C99, built against the installed header and library. */
+/* An application in C99, built against the installed header and library.
+   With VRIXDB_ONLY it calls libvrixdb alone, so a link with --as-needed
+   records only libvrixdb, which must then find libvrixhdd by itself. */
 #include <vrixdb.h>
 
 #include <stdio.h>
@@ -8,9 +10,8 @@
 
 int main(void) {
     struct tm tm;
-    ResultTable t = NULL;
-    SqlHandle db = NULL;
     NotifyMessage m;
+    char version[32];
     int app, ok;
 
     memset(&tm, 0, sizeof tm);
@@ -18,16 +19,26 @@ int main(void) {
     if (tm.tm_year != 70 || tm.tm_mday != 1) return 1;
     if (g_iCommit[2] != 10 || g_iCommit[9] != 2) return 2;
     if (sizeof(EventRecord) != 140 || sizeof(VrixAudioBlock) != 200) return 3;
-    if (sql_open(":memory:", &db) != 0) return 4;
-    if (sql_submit(db, "select 42", "%d", &t) != 1 || *(int *)t[0] != 42) return 5;
-    db_free_sqlite(t, 1);
-    sql_close(db);
+#ifndef VRIXDB_ONLY
+    {
+        ResultTable t = NULL;
+        SqlHandle db = NULL;
+        if (sql_open(":memory:", &db) != 0) return 4;
+        if (sql_submit(db, "select 42", "%d", &t) != 1 || *(int *)t[0] != 42) return 5;
+        db_free_sqlite(t, 1);
+        sql_close(db);
+    }
+#endif
 
     app = msgget(IPC_PRIVATE, IPC_CREAT | 0600);
     ok = vrix_db_init(app);
     msgctl(app, IPC_RMID, NULL);
     if (ok != 1 || g_iDbSubmitThreadStopAck != 1) return 6;
     memset(&m, 0, sizeof m);
-    puts("consumer ok");
+    /* The library loaded is the one of the header built against. */
+    snprintf(version, sizeof version, "%d.%d.%d", VRIX_VERSION_MAJOR, VRIX_VERSION_MINOR,
+             VRIX_VERSION_PATCH);
+    if (strcmp(version, vrix_db_version()) != 0) return 7;
+    printf("consumer ok %s\n", version);
     return 0;
 }

@@ -4,7 +4,12 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/syscall.h>
+
 #include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sched.h>
 
 namespace {
 
@@ -88,6 +93,36 @@ TEST(StartUp, SecondCallIsHarmless) {
     EXPECT_EQ(vrix_db_init(vrix::test::app_queue()), 1);
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "vrix db : already started\n");
     EXPECT_EQ(g_pDateSqlMutex, before);
+}
+
+// The system call the library's submit thread is in, from /proc: its first
+// field is the call's number ("running" while on a processor).
+std::string submit_thread_syscall() {
+    for (const auto &task : std::filesystem::directory_iterator("/proc/self/task")) {
+        std::string name, call;
+        std::getline(std::ifstream(task.path() / "comm"), name);
+        if (name != "vrix submit") continue;
+        std::ifstream(task.path() / "syscall") >> call;
+        return call;
+    }
+    return "no submit thread";
+}
+
+// Parked, the thread waits on a condition (a futex), not in a timed sleep
+// that would wake it over and over: a process that only started the library
+// costs no CPU.  Checked after start-up and after a hand-over.
+TEST(StartUp, ParkedThreadSleepsUntilWoken) {
+    start_over_stale_queues();
+    const std::string futex = std::to_string(SYS_futex);
+    for (int round = 0; round < 2; ++round) {
+        std::string seen;
+        for (int i = 0; i < 2000 && seen != futex; ++i) {
+            seen = submit_thread_syscall();
+            sched_yield();
+        }
+        EXPECT_EQ(seen, futex) << "round " << round;
+        vrix_db_rec_close_thread();
+    }
 }
 
 // Releasing and parking the thread without a context to serve: the stop

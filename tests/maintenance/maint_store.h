@@ -96,7 +96,8 @@ inline void write_audio_db(const std::string &root, const std::map<int, std::vec
     std::filesystem::create_directories(dir);
     std::string sql = "create table H(hour int);";
     for (const auto &[h, secs] : hours) {
-        const std::string t = "h" + std::to_string(h);
+        std::string t = "h";
+        t += std::to_string(h);
         sql += "create table " + t + "(id integer primary key , sec int,offset int);";
         if (!secs.empty()) sql += "insert into H values(" + std::to_string(h) + ");";
         for (size_t i = 0; i < secs.size(); ++i)

@@ -50,6 +50,20 @@ TEST_F(ReduceEvent, DayGoesOnlyWhenNoEventIsLeft) {
     EXPECT_EQ(asked[0].path, day);
 }
 
+// A day being recorded in this process keeps its directory, events gone or not.
+TEST_F(ReduceEvent, DayBeingRecordedStays) {
+    RecContext *video = vrix_db_open_rec_video(dir.path().c_str(), 17);
+    ASSERT_NE(video, nullptr);
+    record(video, make_frame(3, kDay + 13 * 3600, true, 100));
+    const std::string out = reduce(kDay + 14 * 3600);
+    vrix_db_close_rec_video(video);
+    EXPECT_NE(out.find("event : day 20240310 is being recorded , kept\n"), std::string::npos)
+        << out;
+    EXPECT_TRUE(rows(day + "/event.db", "select sec from h_all").empty());
+    EXPECT_TRUE(exists(day + "/video/3/13.stream"));
+    EXPECT_TRUE(server.take().empty());
+}
+
 // A registered day without event.db goes whole; an unregistered day stays.
 TEST_F(ReduceEvent, DaysWithoutEventDbOrRegistration) {
     const int later = kNextDay + 86400;

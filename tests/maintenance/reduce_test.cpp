@@ -4,7 +4,12 @@
 #include "maintenance/maintenance.h"
 
 #include <fcntl.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/wait.h>
 #include <unistd.h>
+
+#include <climits>
 
 namespace {
 
@@ -111,6 +116,46 @@ TEST_F(Reduce, DayWithoutUsableAudioGoesWholeAndIsUnregistered) {
     }
 }
 
+// What a writer of this process is recording in is kept, with one line: the
+// hour, and the whole day when the day would go.  Once the writer has moved
+// on, the hour goes as usual.
+TEST_F(Reduce, HourOrDayBeingRecordedIsKept) {
+    auto kept = [&](const char *line) {
+        testing::internal::CaptureStdout();
+        EXPECT_EQ(reduce(), 0);
+        const std::string out = testing::internal::GetCapturedStdout();
+        EXPECT_NE(out.find(line), std::string::npos) << out;
+        EXPECT_TRUE(server.take().empty());
+    };
+    RecContext *video = vrix_db_open_rec_video(root().c_str(), 17);
+    ASSERT_NE(video, nullptr);
+    record(video, make_frame(1, kHour5 + 10, true, 200));
+    vrix_db_rec_video_flush(video, 1);
+    kept("media : day 20240310 is being recorded , kept\n"); // no audio.db
+    EXPECT_TRUE(exists(stream(1)));
+
+    write_audio_db(root(), {{5, {kHour5}}, {6, {kHour6}}});
+    kept("media : hour 5 of 20240310 is being recorded , kept\n");
+    EXPECT_EQ(count(video_db(1), "h5"), "1");
+    EXPECT_EQ(count(audio_db(), "h5"), "1");
+
+    record(video, make_frame(1, kHour6, true, 200));
+    EXPECT_EQ(reduce(), kLimit5);
+    EXPECT_FALSE(exists(stream(1)));
+    EXPECT_EQ(server.take().size(), 1u);
+    vrix_db_close_rec_video(video);
+
+    AudioRecContext *audio = vrix_db_open_rec_audio(root().c_str(), 1);
+    ASSERT_NE(audio, nullptr);
+    VrixAudioBlock b{};
+    b.iSec = kHour6 + 1;
+    vrix_db_rec_audio(audio, &b);
+    vrix_db_rec_audio_flush(audio); // the writer's own row of hour 6
+    kept("media : hour 6 of 20240310 is being recorded , kept\n");
+    vrix_db_close_rec_audio(audio);
+    EXPECT_EQ(reduce(), kDay + 6 * 3600 + 3599);
+}
+
 // The remove server keeps to its root and still answers every request.
 TEST_F(Reduce, RemoveServerRefusesAnythingOutsideItsRoot) {
     ScratchDir outside;
@@ -132,12 +177,48 @@ TEST_F(Reduce, RemoveServerRefusesAnythingOutsideItsRoot) {
 TEST(FreeSpace, MegabytesAboveTheReserve) {
     using vrix::free_space_figure;
     constexpr uint64_t kGiB = (1u << 30) / 4096; // in 4 KiB blocks
-    EXPECT_EQ(free_space_figure(9 * kGiB, 4096), 0u);
-    EXPECT_EQ(free_space_figure(2 * kGiB, 4096), 0u);
-    EXPECT_EQ(free_space_figure(10 * kGiB, 4096), 1024u);
-    EXPECT_EQ(free_space_figure((uint64_t{1} << 32) + 10 * kGiB, 4096), 1024u); // low 32 bits
-    EXPECT_EQ(free_space_figure(9437184 + 1023, 1024), 0u);                     // truncated
-    EXPECT_EQ(free_space_figure((9437184 + 1024) * 2 - 1, 512), 1u);            // KiB rounded
+    EXPECT_EQ(free_space_figure(9 * kGiB, 4096), 0);
+    EXPECT_EQ(free_space_figure(2 * kGiB, 4096), 0);
+    EXPECT_EQ(free_space_figure(10 * kGiB, 4096), 1024);
+    EXPECT_EQ(free_space_figure(9437184 + 1023, 1024), 0);          // truncated
+    EXPECT_EQ(free_space_figure((9437184 + 1024) * 2 - 1, 512), 1); // KiB rounded
+    // Large disks are neither wrapped nor cut to 32 bits; the int saturates.
+    EXPECT_EQ(free_space_figure(4000000000000 / 4096, 4096), 3805481); // 4 TB
+    EXPECT_EQ(free_space_figure((uint64_t{1} << 32) + 10 * kGiB, 4096), (1 << 24) + 1024);
+    EXPECT_EQ(free_space_figure(uint64_t{1} << 40, 1 << 20), INT_MAX);
+    EXPECT_EQ(free_space_figure(UINT64_MAX, 4096), INT_MAX);
+}
+
+// The figure of a sparse 8 TiB file system (a tmpfs mounted in a mount
+// namespace of a child process) after a real reduction.
+TEST_F(Reduce, FreeSpaceOfALargeDiskIsNotWrapped) {
+    hour_five_store();
+    const std::string mnt = dir / "large";
+    std::filesystem::create_directories(mnt);
+    int out[2];
+    ASSERT_EQ(pipe(out), 0);
+    const pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+        int figure = INT_MIN; // no such file system here
+        if (unshare(CLONE_NEWNS) == 0 &&
+            mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+            mount("tmpfs", mnt.c_str(), "tmpfs", 0, "size=8T") == 0) {
+            const int fd = open(mnt.c_str(), O_RDONLY);
+            int stop = 0;
+            figure = -7;
+            vrix_db_reduce_media(root().c_str(), &stop, &figure, fd);
+        }
+        _exit(write(out[1], &figure, sizeof figure) == sizeof figure ? 0 : 1);
+    }
+    close(out[1]);
+    int figure = 0, status = 0;
+    const bool got = read(out[0], &figure, sizeof figure) == sizeof figure;
+    close(out[0]);
+    waitpid(pid, &status, 0);
+    ASSERT_TRUE(got && WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    if (figure == INT_MIN) GTEST_SKIP() << "no tmpfs in a private mount namespace here";
+    EXPECT_EQ(figure, 8 * 1024 * 1024 - 9 * 1024); // MiB above the 9 GiB reserve
 }
 
 } // namespace

@@ -127,4 +127,29 @@ TEST_F(Repair, CorrectAllAndAMissingShell) {
     EXPECT_EQ(index(), written);
 }
 
+// The longest root the library records into (98 characters) is repaired like
+// any other: lost video and audio indexes are rebuilt beside their streams.
+TEST(RepairLongRoot, LostIndexesAreRebuilt) {
+    Started started;
+    ScratchDir dir;
+    const std::string root = dir / std::string(97 - dir.path().size(), 'r');
+    ASSERT_EQ(root.size(), 98u);
+    std::filesystem::create_directories(root);
+    record_video(root, {{16, {kHour10 + 1, kHour10 + 2}}});
+    const std::string day = root + "/" + kDayName, video = day + "/video/16/video.db";
+    std::filesystem::create_directories(day + "/audio/1");
+    write_file(day + "/audio/1/10.stream", audio_records({kHour10, kHour10 + 1}));
+    const Rows keys = rows(video, "select sec,offset from h10");
+    ASSERT_EQ(keys.size(), 2u);
+    std::filesystem::remove(video);
+
+    testing::internal::CaptureStdout();
+    vrix_db_correct_all(root.c_str());
+    const std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(out.find("too long"), std::string::npos) << out;
+    EXPECT_EQ(rows(video, "select sec,offset from h10"), keys);
+    EXPECT_EQ(rows(day + "/audio/audio.db", "select sec,offset from h10"),
+              (Rows{std::to_string(kHour10) + ",0", std::to_string(kHour10 + 1) + ",60"}));
+}
+
 } // namespace

@@ -278,22 +278,36 @@ TEST_F(Hostile, GarbageOnTheSubmitQueue) {
         {msg(VRIX_MSG_HOUR, 1, 10, -86400), 128},
         {msg(VRIX_MSG_DAY, 0, 0, INT_MAX), 128},
         {msg(VRIX_MSG_DAY, 0, 0, INT_MIN), 128},
+        {msg(VRIX_MSG_DAY, 0, 0, 0), 128}, // no local midnight of a real day
+        {msg(VRIX_MSG_DAY, 0, 0, 1), 128},
+        {msg(VRIX_MSG_DAY, 0, 0, INT_MAX - 86400 - 7), 128},
+        {msg(VRIX_MSG_DAY, 0, 0, day + 3600), 128},
+        {msg(VRIX_MSG_HOUR, 1, 11, day + 60), 128},
         {msg(VRIX_MSG_STOP, 0, 0, 0), 128}, // a stop request nobody made
         {msg(VRIX_MSG_STOP, 0, 0, 12345), 128},
         {msg('x', 0, 0, 0), 1}, // short messages
         {msg(VRIX_MSG_HOUR, 9, 0, 0), 2},
+        {msg(VRIX_MSG_HOUR, 1, 11, day), 8}, // whole fields, but not a message of ours
+        {msg(VRIX_MSG_HOUR, 1, 11, day), 127},
     };
+    struct {
+        long mtype = 1;
+        unsigned char text[200] = {};
+    } longer;
+    const NotifyMessage whole = msg(VRIX_MSG_HOUR, 1, 11, day);
+    std::memcpy(longer.text, whole.mtext, sizeof whole.mtext);
     NotifyMessage odd = msg('q', 0, 0, 0);
     odd.mtype = 7; // a foreign message type
     const auto out = output_of([&] {
         for (const auto &[m, size] : garbage)
             ASSERT_EQ(msgsnd(g_iSubmitMq, &m, size, 0), 0);
         ASSERT_EQ(msgsnd(g_iSubmitMq, &odd, 128, 0), 0);
+        ASSERT_EQ(msgsnd(g_iSubmitMq, &longer, sizeof longer.text, 0), 0);
         // Still serving: the hour of a real frame gets registered.
         record(ctx, make_frame(2, kHour10, true, 100));
         vrix_db_close_rec_video(ctx);
     });
-    ASSERT_EQ(out.size(), garbage.size() + 1) << ::testing::PrintToString(out);
+    ASSERT_EQ(out.size(), garbage.size() + 2) << ::testing::PrintToString(out);
     for (const std::string &l : out)
         EXPECT_EQ(l.rfind("submit thread : ", 0), 0u) << l;
     EXPECT_EQ(rows(dir / "20240310/video/2/video.db", "select hour from H"),
@@ -301,7 +315,12 @@ TEST_F(Hostile, GarbageOnTheSubmitQueue) {
     EXPECT_EQ(rows(dir / "date.db", "select date from ch2"),
               std::vector<std::string>{std::to_string(day)});
     EXPECT_TRUE(
-        rows(dir / "date.db", "select date from H where date < 0 or date > 1800000000").empty());
+        rows(dir / "date.db", "select date from H where date <> " + std::to_string(day)).empty());
+    EXPECT_TRUE(rows(dir / "date.db", "select date from ch1").empty());
+    for (const auto &e : std::filesystem::directory_iterator(dir.path()))
+        EXPECT_TRUE(e.path().filename() == "date.db" || e.path().filename() == ".vrixdb.lock" ||
+                    e.path().filename().string().rfind("202403", 0) == 0)
+            << e.path();
 }
 
 // Remove requests that name anything outside the root, directly, through

@@ -63,7 +63,7 @@ namespace {
 // ---- the harness ----
 
 int run_recorder(const std::string &recipe, const std::string &log) {
-    const std::string var = "VRIX_POWER_CUT_RECORDER=" + recipe;
+    const std::string var = std::string("VRIX_POWER_CUT_RECORDER=").append(recipe);
     std::vector<char *> env;
     for (char **e = environ; *e; ++e)
         if (std::strncmp(*e, "VRIX_POWER_CUT_RECORDER=", 24) != 0) env.push_back(*e);
@@ -119,7 +119,7 @@ TEST(PowerCut, WhatRecordingKeepsThroughCuts) {
             for (uint32_t r : w.rounds)
                 mine += r >= start;
             kept += mine;
-            per_channel += " " + std::to_string(mine);
+            per_channel.append(" ").append(std::to_string(mine));
         }
         uint64_t audio_kept = 0;
         for (int ch = 1; ch <= kAudioChannels; ++ch) {

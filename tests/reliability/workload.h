@@ -103,12 +103,8 @@ inline void audio_piece(int ch, uint32_t r, unsigned char *out) {
     }
 }
 inline VrixAudioBlock audio_block(uint32_t r) {
-    VrixAudioBlock b{};
-    for (int ch = 1; ch <= kAudioChannels; ++ch)
-        audio_piece(ch, r, b.piece[ch - 1]);
-    b.iSec = static_cast<uint32_t>(round_sec(r));
-    b.iSec2 = r;
-    return b;
+    return test::audio_block(static_cast<int>(round_sec(r)), r,
+                             [r](int ch, unsigned char *piece) { audio_piece(ch, r, piece); });
 }
 // The round of a 60-byte record playback delivered, if it is exactly the
 // generator's record.

@@ -96,6 +96,37 @@ TEST_F(Report, VideoSizeSaturates) {
     EXPECT_EQ(video_size(h10, h10 + 3599), 3221225472u);
 }
 
+// Rows committed while their frames still wait in the write-behind buffer
+// name bytes the file does not hold yet: an hour counts only what is there.
+TEST_F(Report, VideoSizeCountsOnlyBytesInTheFile) {
+    record_video(h10, 10);
+    EXPECT_EQ(video_size(h10 + 2, h10 + 3605), 0u); // all 30 frames still buffered
+    EXPECT_EQ(video_size(h10 + 2, h10 + 5), 0u);
+    finish_video();
+    EXPECT_EQ(video_size(h10 + 2, h10 + 3605), 24000u);
+    ASSERT_EQ(truncate(stream("20240310", 4, 10).c_str(), 7000), 0); // cut by a crash
+    EXPECT_EQ(video_size(h10 + 2, h10 + 3605), 1000u);
+    EXPECT_EQ(video_size(h10 + 1, h10 + 5), 4000u);
+    EXPECT_EQ(video_size(h10 + 5, h10 + 8), 0u);
+}
+
+// Days are told apart by their whole date, not by the day of the month.
+TEST_F(Report, VideoSizeOverAMonth) {
+    auto at = [](int mon, int mday, int hour) {
+        std::tm tm{};
+        tm.tm_year = 124;
+        tm.tm_mon = mon;
+        tm.tm_mday = mday;
+        tm.tm_hour = hour;
+        tm.tm_isdst = -1;
+        return static_cast<int>(mktime(&tm));
+    };
+    record_video(at(2, 5, 10), 2);
+    record_video(at(3, 5, 11), 3);
+    finish_video();
+    EXPECT_EQ(video_size(at(2, 5, 10), at(3, 5, 12)), 15000u);
+}
+
 TEST_F(Report, AudioSizeOfAFullHour) {
     record_video(h10, 1, 1); // days are found through the channel's video days
     finish_video();

@@ -9,15 +9,23 @@ v7=$ROOT/20240614/video/7/video.db
 first=$(sql "$v7" "select min(sec) from h11;")
 offset() { sql "$1" "select offset from h11 where sec = $2 order by id limit 1;"; }
 
-# Video: from one key frame to another, the bytes between them.
+# Video: the seconds from --from to --to, both included: the bytes from the
+# key frame of the first to the key frame after the last.
 run size --root "$ROOT" --ch 7 --from "$(at $((first + 2)))" --to "$(at $((first + 12)))"
-want=$(($(offset "$v7" $((first + 12))) - $(offset "$v7" $((first + 2)))))
+want=$(($(offset "$v7" $((first + 13))) - $(offset "$v7" $((first + 2)))))
 grep -q "^video ch 7 .*: $want bytes" "$OUT" || fail "video size, want $want: $(cat "$OUT")"
-# Audio: the records between the two seconds and 800 bytes a second on top.
+# Audio: the records of those 11 seconds and 800 bytes a second on top.
 a=$ROOT/20240614/audio/audio.db
 run size --root "$ROOT" --ch 2 --audio --from "$(at $((first + 2)))" --to "$(at $((first + 12)))"
-want=$(($(offset "$a" $((first + 12))) - $(offset "$a" $((first + 2))) + 10 * 800))
+want=$(($(offset "$a" $((first + 13))) - $(offset "$a" $((first + 2))) + 11 * 800))
 grep -q "^audio ch 2 .*: $want bytes" "$OUT" || fail "audio size, want $want: $(cat "$OUT")"
+# One second: size counts what play delivers (payloads and 16-byte headers).
+t=$(at $((first + 5)))
+run play --root "$ROOT" --ch 7 --from "$t" --to "$t"
+played=$(frames | awk '{s += $3 + 16} END {print s + 0}')
+run size --root "$ROOT" --ch 7 --from "$t" --to "$t"
+[ "$played" -gt 0 ] && grep -q "^video ch 7 .*: $played bytes" "$OUT" ||
+    fail "one second: play gives $played bytes, size $(cat "$OUT")"
 
 # Range: around a moment in a gap of the channel that records on motion, and
 # after the last recording.

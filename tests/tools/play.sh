@@ -21,9 +21,12 @@ bytes=$(frames | awk 'NR<=25 {s += $3} END {print s}')
 span=$(sql "$db" "select (select offset from h11 where sec=$((first + 1))) - offset from h11 where sec=$first;")
 [ "$bytes" = $((span - 25 * 16)) ] || fail "a second's payloads: $bytes bytes, the file holds $span"
 
-# --to ends with the last frame of that second.
+# --to ends with the last frame of that second, also when it is --from's.
 run play --root "$ROOT" --ch 7 --from "$(at "$first")" --to "$(at $((first + 1)))"
 [ "$(frames | wc -l)" = 50 ] || fail "play --to: $(frames | wc -l) frames"
+run play --root "$ROOT" --ch 7 --from "$(at $((first + 1)))" --to "$(at $((first + 1)))"
+[ "$(frames | awk '{print $1}' | uniq -c | awk '{print $1 " " $2}')" = "25 $(at $((first + 1)))" ] ||
+    fail "play of one second: $(cat "$OUT")"
 
 # Key frames only, 3 at a time, forward and backward.
 run play --root "$ROOT" --ch 7 --from "$(at "$first")" --iframes 3 --count 4

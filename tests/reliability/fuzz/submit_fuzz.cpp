@@ -1,8 +1,11 @@
 // Fuzz target: whatever any process on the machine may put on the submit
 // queue, handled by the submit thread while it serves a recording context.
-// Each input is a run of messages (text size 0..128, message type 1..4, text
-// bytes); the context is opened, the messages sent and the context closed,
-// which returns only once the thread has dealt with all of them.
+// Each input is a run of messages (a length byte, a type byte, that many text
+// bytes, 0..128); the context is opened, the messages sent and the context
+// closed, which returns only once the thread has dealt with all of them.  The
+// type byte's bits 0..1 give the message type 1..4; bits 6..7 the size sent:
+// mostly the whole 128-byte text (zero-padded), as the library's own
+// messages are, sometimes just the bytes taken or a longer text.
 #include "scratch.h"
 #include "vrixdb.h"
 
@@ -51,10 +54,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (!ctx) return 0;
     for (size_t at = 0, sent = 0; at + 2 <= size && sent < 32; ++sent) {
         const size_t len = std::min<size_t>(data[at] % (VRIX_MSG_TEXT_SIZE + 1), size - at - 2);
-        NotifyMessage m{};
+        struct {
+            long mtype;
+            unsigned char mtext[VRIX_MSG_TEXT_SIZE + 72];
+        } m{};
         m.mtype = 1 + data[at + 1] % 4;
         std::memcpy(m.mtext, data + at + 2, len);
-        msgsnd(g_iSubmitMq, &m, len, IPC_NOWAIT);
+        const unsigned pick = data[at + 1] >> 6;
+        const size_t text = pick == 3 ? sizeof m.mtext : pick == 2 ? len : VRIX_MSG_TEXT_SIZE;
+        msgsnd(g_iSubmitMq, &m, text, IPC_NOWAIT);
         at += 2 + len;
     }
     vrix_db_close_rec_video(ctx);

@@ -1,0 +1,209 @@
+// Locating a recording by time, shared by video and audio playback: the day
+// from date.db, the hour from the day's table H, the row from the hour's
+// index.  What differs between the media comes from a traits class:
+//
+//   using Context;                          the playback context
+//   static pthread_mutex_t *mutex(const Context &);
+//   static SqlHandle &db(Context &);        the context's day database
+//   static bool day_db(Path &, const Context &, const std::tm &day);
+//   static bool stream(Path &, const Context &, const std::tm &day, int hour);
+//   static void day_query(Sql &, const Context &, int direction, int midnight);
+//   static constexpr int kAttempts;         attempts of the last-id and position queries
+//   static void open_failed();              the day database did not open
+//   static void no_rows(const Context &);   the hour's index holds no row
+//   static void hint_missed(const Context &);
+//   static void position_missing(const char *sql, int rows);
+#pragma once
+
+#include "core/calendar.h"
+#include "core/file_io.h"
+#include "core/flags.h"
+#include "core/store_access.h"
+#include "store/format.h"
+#include "store/paths.h"
+#include "store/schema.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+
+namespace vrix {
+
+// What opening a playback context does alike for video and audio, after the
+// frame buffer: the root, date.db, the two holders and the times (read with
+// mktime from copies, so the caller's records are left as they are).  False
+// when something could not be had; the caller then closes the context.
+template <class Ctx>
+bool open_playback(Ctx &c, const struct tm *start, const struct tm *end, const char *root) {
+    if (root) c.strRoot = copy_root(root);
+    if (c.strRoot) {
+        Path p;
+        reader_date_db(p, c.strRoot);
+        open_db(date_mutex(), p.text, c.pDateDb);
+    }
+    if (!c.strRoot || !c.pDateDb) return false;
+    if (!(c.pIntResult = make_holder(1, kIntCell))) return false;
+    if (!(c.pOffsetResult = make_holder(1, kOffsetCell))) return false;
+    auto seconds = [](const struct tm *t) {
+        std::tm copy = *t;
+        return static_cast<int>(mktime(&copy));
+    };
+    c.iDirection = 0;
+    c.iStep = 1;
+    c.iEndSec = end && end->tm_year != 0 ? seconds(end) : kNoEnd;
+    c.iCurSec = seconds(start);
+    c.iHintPos = -1;
+    return true;
+}
+
+// Releases what open_playback made, and the stream.
+template <class Ctx> void close_playback(Ctx &c) {
+    std::free(c.strRoot);
+    if (c.fpStream) std::fclose(c.fpStream);
+    close_db(date_mutex(), c.pDateDb);
+    db_free_sqlite(c.pIntResult, 1);
+    db_free_sqlite(c.pOffsetResult, 1);
+}
+
+// Locates within the day of `t`, in the direction c.iDirection: 1 found
+// (*pos, *endPos written, the hour's stream installed), 0 the hour is not
+// usable, -1 the day is not.  `t` and `*sec` move to the hour tried.
+template <class Media>
+int locate_in_day(typename Media::Context &c, std::tm *t, int *pos, int *endPos, int *sec) {
+    Db day(Media::mutex(c));
+    Path p;
+    if (!Media::day_db(p, c, *t) || !day.open(p.text)) {
+        Media::open_failed();
+        return -1;
+    }
+    const bool fwd = c.iDirection == 1;
+    Sql q;
+    format_into(q.text, sizeof q.text, fwd ? sql::kHourFrom : sql::kHourUpTo, t->tm_hour);
+    int h;
+    if (!day.value(c.pIntResult, q.text, h) || h < 0 || h > 23) return -1;
+    if (h != t->tm_hour) {
+        const int midnight = *sec - (t->tm_hour * 3600 + t->tm_min * 60 + t->tm_sec);
+        *sec = midnight + h * 3600 + (fwd ? 0 : 3599);
+        t->tm_hour = h;
+        t->tm_min = t->tm_sec = fwd ? 0 : 59;
+    }
+    // Forward, an hour that begins after the end time is not entered.
+    if (fwd && *sec > c.iEndSec) return 0;
+    File stream;
+    if (!Media::stream(p, c, *t, t->tm_hour) || !(stream = File(io::open_file(p.text, "rb"))))
+        return 0;
+
+    // The last row to play: up to the end time when it lies in this hour.
+    const std::tm e = fields_of(c.iEndSec);
+    const bool end_here = e.tm_year == t->tm_year && e.tm_mon == t->tm_mon &&
+                          e.tm_mday == t->tm_mday && e.tm_hour == t->tm_hour;
+    if (end_here)
+        format_into(q.text, sizeof q.text, sql::kIdUpTo, t->tm_hour, c.iEndSec);
+    else
+        format_into(q.text, sizeof q.text, sql::kLastId, t->tm_hour);
+    int last;
+    // A last id that is not there yet is asked for again, like a busy store.
+    if (retry_busy([&] { return day.value(c.pIntResult, q.text, last) ? 1 : kBusy; },
+                   Media::kAttempts) == kBusy)
+        return 0;
+    if (!end_here && last == 0) {
+        Media::no_rows(c);
+        return 0;
+    }
+
+    // The position: the first row at or after the time (forward), the last
+    // at or before it (backward); with a hint, near the hinted row.
+    if (c.iHintPos == -1) {
+        format_into(q.text, sizeof q.text, fwd ? sql::kIdFrom : sql::kIdUpTo, t->tm_hour, *sec);
+    } else {
+        const int hint = c.iHintPos;
+        c.iHintPos = -1;
+        format_into(q.text, sizeof q.text, fwd ? sql::kHintSecFrom : sql::kHintSecUpTo, t->tm_hour,
+                    *sec, hint);
+        int s;
+        if (!day.value(c.pIntResult, q.text, s)) {
+            Media::hint_missed(c);
+            return 0;
+        }
+        format_into(q.text, sizeof q.text, fwd ? sql::kHintIdFrom : sql::kHintIdUpTo, t->tm_hour, s,
+                    hint);
+    }
+    const int rows = retry_busy(
+        [&] {
+            const int r = query_locked(day.mutex(), day.get(), q.text, "%d", c.pIntResult);
+            return r < 0 ? kBusy : r;
+        },
+        Media::kAttempts);
+    int found;
+    if (rows <= 0 || !holder_int(c.pIntResult, found)) {
+        if (rows >= 0) Media::position_missing(q.text, rows);
+        return 0;
+    }
+    *pos = found;
+    *endPos = last;
+    if (c.fpStream) std::fclose(c.fpStream);
+    c.fpStream = stream.release();
+    return 1;
+}
+
+// Locates from `sec` in `direction` (1 or -1), walking hours and recorded
+// days: 1 positioned (day database, stream, hour, rows and time set), 0
+// nothing found.
+template <class Media> int locate(typename Media::Context &c, int sec, int direction) {
+    // Forward from before 1970 is forward from 1970; backward never starts
+    // after the end time.
+    long long s = direction == 1 && sec < 0 ? 0 : sec;
+    if (direction == -1 && s > c.iEndSec) s = c.iEndSec;
+    std::tm tm = fields_of(static_cast<int>(s));
+    int pos = 0, endPos = 0;
+    for (;;) {
+        if (direction == 1 && s > c.iEndSec) return 0;
+        if (c.iDirection == 1)
+            s = s - tm.tm_min * 60 - tm.tm_sec + 3600;
+        else if (c.iDirection == -1)
+            s = s - tm.tm_min * 60 - tm.tm_sec - 1;
+        if (s < 0 || s > kNoEnd) return 0;
+        tm = fields_of(static_cast<int>(s));
+        c.iDirection = direction;
+        const int midnight = day_start(static_cast<int>(s), tm);
+        Sql q;
+        Media::day_query(q, c, direction, midnight);
+        int d;
+        if (!query_int(date_mutex(), c.pDateDb, q.text, c.pIntResult, d)) return 0;
+        if (d != midnight) {
+            s = d;
+            tm = fields_of(d);
+            if (direction == -1) {
+                // 23:59:59 of that day in the store's own calendar.
+                tm.tm_hour = 23;
+                tm.tm_min = tm.tm_sec = 59;
+                s = local_seconds(tm);
+            }
+        }
+        int at = static_cast<int>(s);
+        const int r = locate_in_day<Media>(c, &tm, &pos, &endPos, &at);
+        s = at;
+        if (r == 1) break;
+        if (r == -1) s = day_start(static_cast<int>(s), tm) + (c.iDirection == 1 ? 82800 : 3599);
+        tm = fields_of(static_cast<int>(s));
+        if (c.iDirection == -1 && s < 0) return 0;
+    }
+    Path p;
+    Media::day_db(p, c, tm);
+    SqlHandle &db = Media::db(c);
+    {
+        SqlLock hold(Media::mutex(c));
+        if (db) sql_close(db);
+        if (sql_open(p.text, &db) != 0) db = nullptr;
+    }
+    if (!db) return 0;
+    c.iHour = tm.tm_hour;
+    c.iHourStart = static_cast<int>(s) - tm.tm_min * 60 - tm.tm_sec;
+    c.iCurSec = static_cast<int>(s);
+    c.iCurPos = pos;
+    c.iEndPos = endPos;
+    return 1;
+}
+
+} // namespace vrix

@@ -1,0 +1,177 @@
+// vrixdb ls: what a store holds, day by day, from its index databases.
+#include "cli.h"
+#include "library.h"
+#include "lists.h"
+#include "store_index.h"
+#include "times.h"
+#include "units.h"
+
+#include <map>
+
+namespace vrixtool {
+namespace {
+
+struct LsOptions {
+    std::string root;
+    std::string day;
+};
+
+struct VideoTotals {
+    int channels = 0;
+    int hourFiles = 0;
+    int64_t keys = 0;
+    int64_t bytes = 0;
+};
+
+VideoTotals video_totals(StoreIndex &store, long day) {
+    VideoTotals t;
+    for (int ch = 1; ch <= 16; ++ch) {
+        auto hours = store.video(day, ch);
+        if (hours.empty()) continue;
+        ++t.channels;
+        for (const HourIndex &h : hours) {
+            ++t.hourFiles;
+            t.keys += static_cast<int64_t>(h.keys.size());
+            if (h.streamBytes > 0) t.bytes += h.streamBytes;
+        }
+    }
+    return t;
+}
+
+std::string hour_list(const std::vector<HourIndex> &hours) {
+    std::string s;
+    for (const HourIndex &h : hours)
+        s += (s.empty() ? "" : " ") + std::to_string(h.hour);
+    return s.empty() ? "-" : s;
+}
+
+std::string event_summary(const std::vector<EventRow> &events) {
+    std::map<int, int> byType;
+    for (const EventRow &e : events)
+        ++byType[e.type];
+    std::string s = std::to_string(events.size());
+    if (!events.empty()) {
+        s += " (";
+        bool first = true;
+        for (auto [type, n] : byType) {
+            s += (first ? "" : ", ") + type_name(type) + " " + std::to_string(n);
+            first = false;
+        }
+        s += ")";
+    }
+    return s;
+}
+
+void list_days(StoreIndex &store) {
+    const auto days = store.days();
+    std::fprintf(out(), "store %s: %zu day%s (times at UTC%s)\n", store.root().c_str(), days.size(),
+                 days.size() == 1 ? "" : "s", format_offset().c_str());
+    if (days.empty()) return;
+    std::fprintf(out(), "%-10s  %-38s  %-18s  %s\n", "day", "video", "audio", "events");
+    for (long day : days) {
+        const size_t before = store.unreadable().size();
+        const VideoTotals v = video_totals(store, day);
+        const auto audio = store.audio(day);
+        int64_t seconds = 0;
+        for (const HourIndex &h : audio)
+            seconds += static_cast<int64_t>(h.keys.size());
+        char video[64], sound[48];
+        std::snprintf(video, sizeof video, "%2d ch %3d h %6lld keys %10s", v.channels, v.hourFiles,
+                      static_cast<long long>(v.keys), format_bytes(v.bytes).c_str());
+        if (audio.empty())
+            std::snprintf(sound, sizeof sound, "-");
+        else
+            std::snprintf(sound, sizeof sound, "%zu h %lld s", audio.size(),
+                          static_cast<long long>(seconds));
+        const size_t events = store.events(day).size();
+        std::fprintf(out(), "%-10s  %-38s  %-18s  %zu%s\n", day_name(day).c_str(), video, sound,
+                     events, store.unreadable().size() > before ? "  (incomplete)" : "");
+    }
+}
+
+// The database the last read found unreadable, if it did: what a listing
+// shows in its place.
+const char *unreadable_since(const StoreIndex &store, size_t before) {
+    return store.unreadable().size() > before ? store.unreadable().back().c_str() : nullptr;
+}
+
+void list_day(StoreIndex &store, long day) {
+    std::fprintf(out(), "day %s in %s (times at UTC%s)\n", day_name(day).c_str(),
+                 store.root().c_str(), format_offset().c_str());
+    std::fprintf(out(), "video\n  %-3s %-24s %10s %12s  %s\n", "ch", "hours", "key frames", "bytes",
+                 "first .. last key frame");
+    bool any = false;
+    for (int ch = 1; ch <= 16; ++ch) {
+        const size_t before = store.unreadable().size();
+        auto hours = store.video(day, ch);
+        if (const char *bad = unreadable_since(store, before)) {
+            std::fprintf(out(), "  %-3d cannot read %s\n", ch, bad);
+            any = true;
+            continue;
+        }
+        if (hours.empty()) continue;
+        any = true;
+        int64_t keys = 0, bytes = 0;
+        int first = 0, last = 0;
+        for (const HourIndex &h : hours) {
+            keys += static_cast<int64_t>(h.keys.size());
+            if (h.streamBytes > 0) bytes += h.streamBytes;
+            if (!h.keys.empty()) {
+                if (!first) first = h.keys.front().sec;
+                last = h.keys.back().sec;
+            }
+        }
+        std::fprintf(out(), "  %-3d %-24s %10lld %12s  %s\n", ch, hour_list(hours).c_str(),
+                     static_cast<long long>(keys), format_bytes(bytes).c_str(),
+                     first ? (format_clock(first) + " .. " + format_clock(last)).c_str() : "-");
+    }
+    if (!any) std::fprintf(out(), "  (none)\n");
+
+    size_t before = store.unreadable().size();
+    const auto audio = store.audio(day);
+    int64_t seconds = 0, bytes = 0;
+    for (const HourIndex &h : audio) {
+        seconds += static_cast<int64_t>(h.keys.size());
+        if (h.streamBytes > 0) bytes += h.streamBytes;
+    }
+    const int channels = store.audio_channels(day);
+    if (const char *bad = unreadable_since(store, before))
+        std::fprintf(out(), "audio  cannot read %s\n", bad);
+    else if (audio.empty())
+        std::fprintf(out(), "audio  (none)\n");
+    else
+        std::fprintf(out(), "audio  hours %s, %lld s indexed, %d ch, %s per channel\n",
+                     hour_list(audio).c_str(), static_cast<long long>(seconds), channels,
+                     format_bytes(bytes).c_str());
+    before = store.unreadable().size();
+    const auto events = store.events(day);
+    if (const char *bad = unreadable_since(store, before))
+        std::fprintf(out(), "events cannot read %s\n", bad);
+    else
+        std::fprintf(out(), "events %s\n", event_summary(events).c_str());
+}
+
+int run_ls(const LsOptions &o) {
+    const std::string root = library_root(o.root, "ls");
+    if (root.empty() || !require_store(root, "ls")) return 1;
+    StoreIndex store(root);
+    if (o.day.empty())
+        list_days(store);
+    else
+        list_day(store, *parse_day(o.day));
+    std::fflush(out());
+    return report_unreadable(store, "ls");
+}
+
+} // namespace
+
+void add_ls(CLI::App &app, Status &status) {
+    auto [sub, o] = add_subcommand<LsOptions>(
+        app, status, "ls",
+        "List the recorded days; with --day, per channel the hours, key frames and bytes,\n"
+        "the audio hours and the events of that day",
+        run_ls);
+    sub->add_option("--day", o.day, "one day, YYYYMMDD or YYYY-MM-DD")->check(DayArg);
+}
+
+} // namespace vrixtool

@@ -1,0 +1,38 @@
+// vrixdb repair: the integrity check after an unclean stop.
+#include "cli.h"
+#include "library.h"
+#include "maintenance.h"
+#include "progress.h"
+
+namespace vrixtool {
+namespace {
+
+struct RepairOptions {
+    std::string root;
+};
+
+int run_repair(const RepairOptions &o) {
+    const std::string root = library_root(o.root, "repair");
+    if (root.empty() || !require_store(root, "repair", true)) return 1;
+    // The check runs before anything is opened and needs no start-up.
+    separate_library_output();
+    const Stopwatch began;
+    const bool done = run_integrity_check(root, out());
+    const double secs = began.seconds();
+    std::fprintf(out(), "integrity check of %s %s in %.1f s\n", root.c_str(),
+                 done ? "done" : "stopped early (see the lines above)", secs);
+    return done ? 0 : 1;
+}
+
+} // namespace
+
+void add_repair(CLI::App &app, Status &status) {
+    add_subcommand<RepairOptions>(
+        app, status, "repair",
+        "Integrity check after an unclean stop: restore damaged databases from their "
+        "copies,\nrebuild damaged indexes from the stream files (needs the sqlite3 "
+        "shell)",
+        run_repair);
+}
+
+} // namespace vrixtool
