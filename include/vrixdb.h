@@ -9,8 +9,8 @@
  * context return null on failure, steps return 1 (found), 0 (nothing) or -1.
  *
  * The recorder interface comes first; what this library offers beyond it
- * (version, test hooks, the remove server) is in the "Extensions" section at
- * the end.
+ * (version, sync interval, test hooks, the remove server) is in the
+ * "Extensions" section at the end.
  */
 #ifndef VRIXDB_H
 #define VRIXDB_H
@@ -404,19 +404,33 @@ VRIX_API int vrix_dvd_audio_get_start_time(int ch, int sec, const char *root, in
 VRIX_API int vrix_dvd_audio_get_end_time(int ch, int sec, const char *root, int bufSize);
 
 /* ==== Extensions ===========================================================
- * Beyond the recorder interface: the version, the test hooks and the remove
- * server.  Later additions of this library go here too. */
+ * Beyond the recorder interface: the version, the sync interval, the test
+ * hooks and the remove server.  Later additions of this library go here too. */
 
 /* "MAJOR.MINOR.PATCH" of the library that is loaded (the macros above give
  * the version built against). */
 VRIX_API const char *vrix_db_version(void);
 
+/* Durability: the sync interval T in milliseconds (default
+ * VRIX_DEFAULT_SYNC_INTERVAL_MS, 2 s).  While a video, audio or event
+ * recording context is open, a thread of the library writes out the
+ * recording buffers and makes the store's file system durable (syncfs) every
+ * T/2, so every frame, audio block and event handed over more than T before a
+ * power cut is kept; closing a context makes its store durable at once.  The
+ * recording calls never wait for the disk.  0 = never sync (what a power cut
+ * loses is then up to the kernel).  Takes effect at the next look at the
+ * clock; returns the previous value.  A negative value is refused with one
+ * line and changes nothing. */
+#define VRIX_DEFAULT_SYNC_INTERVAL_MS 2000
+VRIX_API int vrix_db_set_sync_interval(int milliseconds);
+
 /* Test hooks: the library's fixed waits (reclamation and event reduction
- * pacing, the reduction prediction) are divided by waitDivisor; `now`, when
- * set, replaces the real clock where the library stamps the current time
- * (events).  Null hooks, a divisor of 0 or 1 and a null clock keep the waits
- * and the clock as documented; that is also the state before the first call.
- * For tests and demos only. */
+ * pacing, the reduction prediction, the sync thread's looks at the clock) are
+ * divided by waitDivisor; `now`, when set, replaces the real clock where the
+ * library stamps the current time (events) and where it ages the recording
+ * buffers for the sync interval.  Null hooks, a divisor of 0 or 1 and a null
+ * clock keep the waits and the clock as documented; that is also the state
+ * before the first call.  For tests and demos only. */
 typedef struct VrixTestHooks {
     unsigned waitDivisor;
     int (*now)(void);

@@ -5,6 +5,7 @@
 #include "core/messages.h"
 #include "core/root_lock.h"
 #include "core/store_access.h"
+#include "core/syncer.h"
 #include "media/index_row.h"
 #include "media/stream_file.h"
 #include "rec_context.h"
@@ -17,6 +18,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <new>
 
 namespace vrix {
 namespace {
@@ -59,6 +61,30 @@ void close_channel_file(AudioRecChannel &ch) {
     std::fclose(ch.fpStream);
     ch.fpStream = nullptr;
     ch.iBufLen = 0;
+}
+
+// Writes out a channel's buffered records; the caller holds pBufLock.
+void write_channel(AudioRecChannel &ch) {
+    if (!ch.fpStream || !ch.iBufLen) return;
+    const size_t w = write_bytes(ch.fpStream, ch.pFrameBuf, static_cast<size_t>(ch.iBufLen));
+    if (w < static_cast<size_t>(ch.iBufLen)) {
+        std::puts("rec audio : ide error");
+        send_message(g_iVrixDbSendMq, g_IdeErrMsg);
+    }
+    std::fflush(ch.fpStream);
+    ch.iBufLen = 0;
+}
+
+void write_out_locked(AudioRecContext &c) {
+    for (int k = 0; k < c.iChannelCount; ++k)
+        write_channel(c.pChannels[k]);
+}
+
+// The syncer's side of the buffers.
+void write_out(void *context) {
+    auto &c = *static_cast<AudioRecContext *>(context);
+    const std::lock_guard hold(*c.pBufLock);
+    write_out_locked(c);
 }
 
 // The audio writer's side of the restart search: rows at or below the
@@ -154,16 +180,7 @@ void store_block(AudioRecContext &c, const unsigned char *block) {
     for (int k = 0; k < c.iChannelCount; ++k) {
         AudioRecChannel &ch = c.pChannels[k];
         if (!ch.fpStream) continue;
-        if (kAudioBufSize - ch.iBufLen <= VRIX_AUDIO_RECORD_SIZE) {
-            const size_t w =
-                write_bytes(ch.fpStream, ch.pFrameBuf, static_cast<size_t>(ch.iBufLen));
-            if (w < static_cast<size_t>(ch.iBufLen)) {
-                std::puts("rec audio : ide error");
-                send_message(g_iVrixDbSendMq, g_IdeErrMsg);
-            }
-            std::fflush(ch.fpStream);
-            ch.iBufLen = 0;
-        }
+        if (kAudioBufSize - ch.iBufLen <= VRIX_AUDIO_RECORD_SIZE) write_channel(ch);
         unsigned char *rec = ch.pFrameBuf + ch.iBufLen;
         std::memcpy(rec, c.Header, sizeof c.Header);
         std::memcpy(rec + sizeof c.Header, block + VRIX_AUDIO_PIECE_SIZE * k,
@@ -188,6 +205,7 @@ extern "C" AudioRecContext *vrix_db_open_rec_audio(const char *root, int count) 
     auto *raw = static_cast<AudioRecContext *>(std::calloc(1, sizeof(AudioRecContext)));
     if (!raw) return nullptr;
     std::unique_ptr<AudioRecContext, CloseAudio> ctx(raw);
+    if (!(ctx->pBufLock = new (std::nothrow) std::mutex)) return nullptr;
     if (!(ctx->pRootClaim = claim_root(root, "vrix_db_open_rec_audio"))) return nullptr;
     ctx->iRecSize = VRIX_AUDIO_RECORD_SIZE;
     ctx->iHour = -1;
@@ -202,14 +220,15 @@ extern "C" AudioRecContext *vrix_db_open_rec_audio(const char *root, int count) 
         if (!(ctx->pChannels[k].pFrameBuf =
                   static_cast<unsigned char *>(std::calloc(1, kAudioBufSize))))
             return nullptr;
+    syncer_add({write_out, ctx.get(), ctx->strRoot});
     return ctx.release();
 }
 
 extern "C" void vrix_db_close_rec_audio(AudioRecContext *ctx) {
     using namespace vrix;
     if (!ctx) return;
+    syncer_remove(ctx);
     forget_live_hours(ctx);
-    std::free(ctx->strRoot);
     std::free(ctx->pSqlBuf);
     db_free_sqlite(ctx->pIntResult, 1);
     db_free_sqlite(ctx->pOffsetResult, 1);
@@ -219,7 +238,10 @@ extern "C" void vrix_db_close_rec_audio(AudioRecContext *ctx) {
     }
     std::free(ctx->pChannels);
     close_db(audio_mutex(), ctx->pAudioDb);
+    sync_closed(ctx->strRoot);
+    std::free(ctx->strRoot);
     release_root(ctx->pRootClaim);
+    delete ctx->pBufLock;
     std::free(ctx);
 }
 
@@ -233,6 +255,7 @@ extern "C" void vrix_db_rec_audio(AudioRecContext *ctx, const void *block) {
         std::printf("vrix_db_rec_audio : drop block , time %d\n", t);
         return;
     }
+    const std::lock_guard hold(*ctx->pBufLock);
     std::tm tm{};
     sec_to_tm(&tm, t);
     bool date_changed = false;
@@ -277,13 +300,6 @@ extern "C" void vrix_db_rec_audio_flush(AudioRecContext *ctx) {
     using namespace vrix;
     if (!ctx) return;
     commit_rows(*ctx);
-    for (int k = 0; k < ctx->iChannelCount; ++k) {
-        AudioRecChannel &ch = ctx->pChannels[k];
-        if (!ch.fpStream) continue;
-        if (ch.iBufLen) {
-            write_bytes(ch.fpStream, ch.pFrameBuf, static_cast<size_t>(ch.iBufLen));
-            std::fflush(ch.fpStream);
-        }
-        ch.iBufLen = 0;
-    }
+    const std::lock_guard hold(*ctx->pBufLock);
+    write_out_locked(*ctx);
 }

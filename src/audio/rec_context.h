@@ -5,6 +5,7 @@
 #include "vrixdb.h"
 
 #include <cstdio>
+#include <mutex>
 
 namespace vrix {
 struct RootClaim;
@@ -44,4 +45,7 @@ struct AudioRecContext {
     int iHour; // hour of the open files; -1 = none
     // This process's claim on the root: one recording process per store.
     vrix::RootClaim *pRootClaim;
+    // Guards the channels' buffers and files against the syncer's write-out;
+    // held by the recording thread for the whole of a block.
+    std::mutex *pBufLock;
 };

@@ -14,10 +14,14 @@ std::atomic<unsigned> g_wait_divisor{1};
 std::atomic<int (*)(void)> g_clock{nullptr};
 } // namespace
 
+unsigned long paced_us(unsigned long us) {
+    const unsigned d = g_wait_divisor.load();
+    return us / (d ? d : 1);
+}
+
 void pace_sleep_us(unsigned long us) {
     require_no_db_lock("paced sleep");
-    const unsigned d = g_wait_divisor.load();
-    usleep(static_cast<useconds_t>(us / (d ? d : 1)));
+    usleep(static_cast<useconds_t>(paced_us(us)));
 }
 
 Now clock_now() {

@@ -4,6 +4,8 @@
 
 namespace vrix {
 
+// A fixed wait of the library divided by the hooks' wait divisor.
+unsigned long paced_us(unsigned long us);
 // Sleeps a fixed wait of the library, divided by the hooks' wait divisor.
 void pace_sleep_us(unsigned long us);
 inline void pace_sleep_s(unsigned s) {

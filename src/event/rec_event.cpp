@@ -4,6 +4,7 @@
 #include "core/file_io.h"
 #include "core/pacing.h"
 #include "core/store_access.h"
+#include "core/syncer.h"
 #include "event/event_context.h"
 #include "store/format.h"
 #include "store/paths.h"
@@ -57,16 +58,21 @@ extern "C" EventRecContext *vrix_db_open_rec_event(const char *root) {
         return nullptr;
     }
     submit_locked(date_mutex(), ctx->pDateDb, sql::kCreateDateH);
+    // Each commit of event.db syncs it; the syncer makes new day
+    // directories durable.
+    syncer_add({nullptr, ctx, ctx->strRoot});
     return ctx;
 }
 
 extern "C" void vrix_db_close_rec_event(EventRecContext *ctx) {
     using namespace vrix;
     if (!ctx) return;
-    std::free(ctx->strRoot);
+    syncer_remove(ctx);
     db_free_sqlite(ctx->pIntResult, 1);
     close_db(date_mutex(), ctx->pDateDb);
     close_db(event_mutex(), ctx->pEventDb);
+    sync_closed(ctx->strRoot);
+    std::free(ctx->strRoot);
     std::free(ctx);
 }
 

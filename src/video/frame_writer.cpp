@@ -22,11 +22,33 @@ namespace vrix {
 
 void close_hour_file(RecChannel &c, int) {
     if (!c.fpStream) return;
+    const std::lock_guard hold(*c.pBufLock);
     write_bytes(c.fpStream, c.pFrameBuf, static_cast<size_t>(c.iBufLen));
     std::fclose(c.fpStream);
     c.fpStream = nullptr;
     c.iBufLen = 0;
     c.llOffset = 0;
+}
+
+namespace {
+
+// Writes out the buffer; the caller holds the channel's buffer lock.
+void write_buffer(RecChannel &c, int n) {
+    if (!c.iBufLen) return;
+    const size_t w = write_bytes(c.fpStream, c.pFrameBuf, static_cast<size_t>(c.iBufLen));
+    if (w < static_cast<size_t>(c.iBufLen)) report_short_write(n, w, c.iBufLen);
+    c.iBufLen = 0;
+}
+
+} // namespace
+
+void write_out_buffers(void *rec_context) {
+    auto &ctx = *static_cast<RecContext *>(rec_context);
+    for (int n = 1; n < ctx.iChannelCount; ++n) {
+        RecChannel &c = ctx.pChannels[n];
+        const std::lock_guard hold(*c.pBufLock);
+        if (c.fpStream) write_buffer(c, n);
+    }
 }
 
 void commit_channel(RecContext &ctx, RecChannel &c, int n) {
@@ -144,14 +166,17 @@ bool open_hour(RecContext &ctx, RecChannel &c, int n, const char *day, int hour,
     c.iHour = hour;
     Path p;
     if (!writer_video_stream(p, ctx.strRoot, day, n, hour)) return false;
-    c.fpStream = open_stream_for_writing(p.text);
-    if (!c.fpStream) return false;
-    const long long size = stream_size(c.fpStream);
+    FILE *fp = open_stream_for_writing(p.text);
+    if (!fp) return false;
+    const long long size = stream_size(fp);
     if (size < 0) {
         std::printf("vrix_db_rec_video : ch%d cannot size %s\n", n, p.text);
-        std::fclose(c.fpStream);
-        c.fpStream = nullptr;
+        std::fclose(fp);
         return false;
+    }
+    {
+        const std::lock_guard hold(*c.pBufLock);
+        c.fpStream = fp;
     }
     if (size == 0) {
         // An empty file keeps no rows: they would name the new frames.
@@ -178,16 +203,13 @@ bool open_hour(RecContext &ctx, RecChannel &c, int n, const char *day, int hour,
 }
 
 void store_frame(RecChannel &c, int n, const unsigned char *frame, int size) {
+    const std::lock_guard hold(*c.pBufLock);
     if (kFrameBufSize - c.iBufLen > size) {
         std::memcpy(c.pFrameBuf + c.iBufLen, frame, static_cast<size_t>(size));
         c.iBufLen += size;
         return;
     }
-    if (c.iBufLen) {
-        const size_t w = write_bytes(c.fpStream, c.pFrameBuf, static_cast<size_t>(c.iBufLen));
-        if (w < static_cast<size_t>(c.iBufLen)) report_short_write(n, w, c.iBufLen);
-        c.iBufLen = 0;
-    }
+    write_buffer(c, n);
     if (size < kFrameBufSize) {
         std::memcpy(c.pFrameBuf, frame, static_cast<size_t>(size));
         c.iBufLen = size;
@@ -289,6 +311,7 @@ extern "C" void vrix_db_rec_video_flush(RecContext *ctx, int ch) {
     RecChannel &c = ctx->pChannels[ch];
     if (c.pVideoDb && c.iSqlRows) commit_channel(*ctx, c, ch);
     c.iSqlRows = 0;
+    const std::lock_guard hold(*c.pBufLock);
     if (c.fpStream && c.iBufLen) {
         write_bytes(c.fpStream, c.pFrameBuf, static_cast<size_t>(c.iBufLen));
         std::fflush(c.fpStream);

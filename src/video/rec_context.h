@@ -5,6 +5,7 @@
 #include "vrixdb.h"
 
 #include <cstdio>
+#include <mutex>
 
 namespace vrix {
 struct RootClaim;
@@ -34,6 +35,9 @@ struct RecChannel {
     // Hours (bit h) whose waiting rows were carried over before their table
     // was created; the next commit creates these tables first.
     unsigned iPendingTables;
+    // Guards pFrameBuf, iBufLen and fpStream against the syncer's write-out;
+    // the recording thread holds it only while it moves bytes or files.
+    std::mutex *pBufLock;
 };
 
 struct RecContext {

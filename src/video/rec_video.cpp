@@ -3,6 +3,7 @@
 #include "core/live_hours.h"
 #include "core/root_lock.h"
 #include "core/store_access.h"
+#include "core/syncer.h"
 #include "rec_context.h"
 #include "rec_writer.h"
 #include "store/format.h"
@@ -14,6 +15,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <new>
 
 namespace vrix {
 namespace {
@@ -46,7 +48,8 @@ bool make_channel(RecChannel &c, int n) {
     c.iHour = -1;
     c.pFrameBuf = static_cast<unsigned char *>(std::aligned_alloc(16, kFrameBufSize));
     c.pSqlBuf = static_cast<char *>(std::calloc(1, kSqlBufSize));
-    if (!c.pFrameBuf || !c.pSqlBuf) return false;
+    c.pBufLock = new (std::nothrow) std::mutex;
+    if (!c.pFrameBuf || !c.pSqlBuf || !c.pBufLock) return false;
     std::memset(c.pFrameBuf, 0, kFrameBufSize);
     c.HourMsg.mtype = 1;
     c.HourMsg.mtext[0] = VRIX_MSG_HOUR;
@@ -91,15 +94,16 @@ extern "C" RecContext *vrix_db_open_rec_video(const char *root, int count) {
             if (!make_channel(ctx->pChannels[n], n)) return nullptr;
     }
     vrix_db_rec_open_thread(ctx.get());
+    syncer_add({write_out_buffers, ctx.get(), ctx->strRoot});
     return ctx.release();
 }
 
 extern "C" void vrix_db_close_rec_video(RecContext *ctx) {
     using namespace vrix;
     if (!ctx) return;
+    syncer_remove(ctx);
     vrix_db_rec_close_thread();
     forget_live_hours(ctx);
-    std::free(ctx->strRoot);
     db_free_sqlite(ctx->pOffsetResult, 1);
     db_free_sqlite(ctx->pIntResult, 1);
     for (int n = 0; n < ctx->iChannelCount && ctx->pChannels; ++n) {
@@ -108,9 +112,12 @@ extern "C" void vrix_db_close_rec_video(RecContext *ctx) {
         close_db(video_mutex(n ? n : 1), c.pVideoDb);
         std::free(c.pFrameBuf);
         std::free(c.pSqlBuf);
+        delete c.pBufLock;
     }
     std::free(ctx->pChannels);
     close_db(date_mutex(), ctx->pDateDb);
+    sync_closed(ctx->strRoot);
+    std::free(ctx->strRoot);
     release_root(ctx->pRootClaim);
     std::free(ctx);
     g_rec_open.store(false);

@@ -9,6 +9,10 @@ namespace vrix {
 // at) and closes the hour's file.
 void close_hour_file(RecChannel &c, int n);
 
+// Writes out every channel's buffered bytes (the syncer's side of the
+// write-behind buffers).
+void write_out_buffers(void *rec_context);
+
 // Commits the channel's waiting rows in one transaction under its mutex,
 // creating first the tables they need that were not created yet and
 // registering their day and hours.

@@ -39,6 +39,9 @@ int main(void) {
     snprintf(version, sizeof version, "%d.%d.%d", VRIX_VERSION_MAJOR, VRIX_VERSION_MINOR,
              VRIX_VERSION_PATCH);
     if (strcmp(version, vrix_db_version()) != 0) return 7;
+    if (vrix_db_set_sync_interval(500) != VRIX_DEFAULT_SYNC_INTERVAL_MS ||
+        vrix_db_set_sync_interval(VRIX_DEFAULT_SYNC_INTERVAL_MS) != 500)
+        return 8;
     printf("consumer ok %s\n", version);
     return 0;
 }
