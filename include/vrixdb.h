@@ -85,6 +85,10 @@ typedef struct VrixFrameHeader {
 #define VRIX_FRAME_KEY_MASK 0xC0   /* clear in a key frame */
 #define VRIX_FRAME_CHANNEL_BYTE 36 /* payload offset of the channel index */
 #define VRIX_MAX_SCALE 10
+/* The largest payload the writer stores (4 MiB); a larger frame is refused
+ * with one line.  Resume, the index rebuild and the start-up repair take a
+ * larger length for damage. */
+#define VRIX_MAX_FRAME_PAYLOAD 4194304
 
 /* The audio block handed to the audio writer: one 48-byte piece per channel
  * slot, the time of the pieces and the application's second time word. */

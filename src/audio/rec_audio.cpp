@@ -7,6 +7,7 @@
 #include "core/store_access.h"
 #include "core/syncer.h"
 #include "media/index_row.h"
+#include "media/record_scan.h"
 #include "media/stream_file.h"
 #include "rec_context.h"
 #include "store/format.h"
@@ -135,20 +136,23 @@ bool open_hour_files(AudioRecContext &c, const char *audio_dir, int hour) {
         ch.llOffset = size - size % VRIX_AUDIO_RECORD_SIZE;
         if (m < 0 || ch.llOffset < m) m = ch.llOffset;
     }
-    long long restart = m > 0 ? restart_at(c, hour, m) : 0;
-    if (restart == kIndexUnknown) {
+    const long long restart = m > 0 ? restart_at(c, hour, m) : 0;
+    long long end = m;
+    if (restart == kIndexUnknown || !c.pAudioDb) {
         std::printf("rec audio : index of hour %d unreadable , continuing at %lld\n", hour, m);
-        restart = m;
     } else {
-        Sql q;
-        format_into(q.text, sizeof q.text, restart ? sql::kDeleteFrom : sql::kDeleteHour, hour,
-                    restart);
-        submit_locked(audio_mutex(), c.pAudioDb, q.text);
+        // Every channel keeps the whole valid records all of them have from
+        // the restart point on; their seconds are indexed.
+        for (int k = 0; k < c.iChannelCount; ++k)
+            end = std::min(end, scan_end(c.pChannels[k].fpStream, restart, m, hour, false).end);
+        const ScanEnd kept = index_from(c.pChannels[0].fpStream, restart, end, hour, false,
+                                        audio_mutex(), c.pAudioDb);
+        c.iLastSec = kept.last_sec;
     }
-    // Nothing older than the restart point survives behind new records.
+    // Nothing but whole records of this hour lies behind new records.
     for (int k = 0; k < c.iChannelCount; ++k) {
-        cut_stream(c.pChannels[k].fpStream, restart);
-        c.pChannels[k].llOffset = restart;
+        cut_stream(c.pChannels[k].fpStream, end);
+        c.pChannels[k].llOffset = end;
     }
     return true;
 }
@@ -279,6 +283,12 @@ extern "C" void vrix_db_rec_audio(AudioRecContext *ctx, const void *block) {
     } else {
         note_live_hour(ctx, 0, ctx->strRoot, day_start(t, tm), tm.tm_hour);
         if (!new_hour(*ctx, tm, date_changed, w)) return;
+    }
+    // An hour file's times never go back: resume and repair read a time below
+    // the one before as the end of the valid records.
+    if (t < ctx->iLastSec) {
+        std::printf("vrix_db_rec_audio : drop block , time %d before %d\n", t, ctx->iLastSec);
+        return;
     }
     const bool index = ctx->iLastSec == 0 || ctx->iLastSec != t;
     if (index) {

@@ -19,6 +19,8 @@ inline constexpr char kIndexNoSync[] = "PRAGMA synchronous=OFF;";
 inline constexpr char kCreateHourH[] = "create table H(hour int);";
 inline constexpr char kFindHour[] = "select hour from H where hour = %d limit 1;";
 inline constexpr char kInsertHour[] = "insert into H values(%d);";
+inline constexpr char kInsertHourOnce[] =
+    "insert into H select %d where not exists (select 1 from H where hour = %d);";
 inline constexpr char kCreateIndex[] =
     "create table h%d(id integer primary key , sec int,offset int);";
 inline constexpr char kInsertIndex[] = "insert into h%d values(NULL,%d,%lld);";

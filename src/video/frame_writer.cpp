@@ -6,6 +6,7 @@
 #include "core/store_access.h"
 #include "core/sync_point.h"
 #include "media/index_row.h"
+#include "media/record_scan.h"
 #include "media/stream_file.h"
 #include "rec_context.h"
 #include "rec_writer.h"
@@ -138,22 +139,21 @@ struct VideoRestart {
     void row_read() { VRIX_SYNC_POINT("rec_video:resume_row_read"); }
 };
 
-// Picks the restart point of an hour file that has data: the newest indexed
-// key frame whose record is whole and agrees with its row.  Rows from there
-// on are deleted.  kIndexUnknown when the index cannot be read (no database, or a
-// damaged one): the file is then continued at its end, never cut.
-long long resume_point(RecContext &ctx, RecChannel &c, int n, long long size) {
-    if (!c.pVideoDb) return kIndexUnknown;
+// Resumes an hour file that has data: from the newest indexed key frame whose
+// record is whole and agrees with its row (or from 0), the whole valid
+// records are kept and their key frames indexed; the end of the last one is
+// where writing continues.  kIndexUnknown when the index cannot be read (no
+// database, or a damaged one): the file is then continued at its end, never
+// cut.
+ScanEnd resume_point(RecContext &ctx, RecChannel &c, int n, long long size) {
+    if (!c.pVideoDb) return {kIndexUnknown, 0};
     // Rows still waiting for this very hour (the clock went back) must be in
     // the table before it is read.
     if (c.iSqlRows) commit_channel(ctx, c, n);
     VideoRestart w{ctx, c, n, size};
     const long long offset = restart_point(w, c.iHour, size);
-    if (offset == kIndexUnknown) return kIndexUnknown;
-    Sql q;
-    format_into(q.text, sizeof q.text, sql::kDeleteFrom, c.iHour, offset);
-    submit_locked(video_mutex(n), c.pVideoDb, q.text);
-    return offset;
+    if (offset == kIndexUnknown) return {kIndexUnknown, 0};
+    return index_from(c.fpStream, offset, size, c.iHour, true, video_mutex(n), c.pVideoDb);
 }
 
 // Opens or resumes the hour's file.  Returns false when the frame is not to
@@ -164,6 +164,7 @@ bool open_hour(RecContext &ctx, RecChannel &c, int n, const char *day, int hour,
     c.iBufLen = 0;
     c.iNewTable = 1;
     c.iHour = hour;
+    c.iLastSec = 0;
     Path p;
     if (!writer_video_stream(p, ctx.strRoot, day, n, hour)) return false;
     FILE *fp = open_stream_for_writing(p.text);
@@ -186,14 +187,16 @@ bool open_hour(RecContext &ctx, RecChannel &c, int n, const char *day, int hour,
         submit_locked(video_mutex(n), c.pVideoDb, q.text);
         return true;
     }
-    const long long restart = resume_point(ctx, c, n, size);
-    if (restart == kIndexUnknown) {
+    const ScanEnd kept = resume_point(ctx, c, n, size);
+    if (kept.end == kIndexUnknown) {
         std::printf("vrix_db_rec_video : ch%d index of hour %d unreadable , appending\n", n, hour);
         c.llOffset = size;
     } else {
-        // Nothing older than the restart point may survive behind new data.
-        c.llOffset = restart;
-        cut_stream(c.fpStream, restart);
+        // Only a torn or invalid tail goes: nothing but whole records of
+        // this hour lies behind new data.
+        c.llOffset = kept.end;
+        c.iLastSec = kept.last_sec;
+        cut_stream(c.fpStream, kept.end);
     }
     if (!key) {
         c.iWaitKey = 1;
@@ -234,6 +237,11 @@ void index_key_frame(RecContext &ctx, RecChannel &c, int n, int sec, unsigned sc
 bool frame_usable(const RecContext &ctx, const unsigned char *frame, int size, FrameInfo &f) {
     if (!frame || size < VRIX_FRAME_HEADER_SIZE || !parse_frame(frame, size, f)) {
         std::printf("vrix_db_rec_video : drop frame of size %d\n", size);
+        return false;
+    }
+    if (f.len > VRIX_MAX_FRAME_PAYLOAD) {
+        std::printf("vrix_db_rec_video : drop frame , payload length %u above %d\n", f.len,
+                    VRIX_MAX_FRAME_PAYLOAD);
         return false;
     }
     if (static_cast<long long>(f.len) + VRIX_FRAME_HEADER_SIZE != size) {
@@ -296,6 +304,14 @@ extern "C" void vrix_db_rec_video(RecContext *ctx, const void *frame, int size) 
         if (!open_hour(*ctx, c, n, day, tm.tm_hour, f.key)) return;
     }
     if (!c.fpStream) return;
+    // An hour file's times never go back: resume and repair read a time below
+    // the one before as the end of the valid records.
+    if (f.sec < c.iLastSec) {
+        std::printf("vrix_db_rec_video : drop frame , time %d before %d\n", f.sec, c.iLastSec);
+        c.iWaitKey = 1; // what follows it needs a key frame again
+        return;
+    }
+    c.iLastSec = f.sec;
     store_frame(c, n, bytes, size);
     if (f.key) index_key_frame(*ctx, c, n, f.sec, frame_scale(f));
     c.llOffset += size;

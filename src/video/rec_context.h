@@ -32,6 +32,7 @@ struct RecChannel {
     NotifyMessage HourMsg; // 'e': channel, hour, day start
     int iNewTable;         // the hour's table is still to be created
     int iWaitKey;          // drop frames until a key frame
+    int iLastSec;          // time of the hour file's last frame; 0 = none
     // Hours (bit h) whose waiting rows were carried over before their table
     // was created; the next commit creates these tables first.
     unsigned iPendingTables;

@@ -193,6 +193,38 @@ TEST_F(Audio, ResumeAlignsUnequalChannelFiles) {
     }
 }
 
+// A clean close and reopen loses no record, indexed or not; a lost audio.db
+// loses none either and the hour is indexed again from the first file.
+TEST_F(Audio, ReopenKeepsEveryRecordAndALostIndexIsRebuilt) {
+    auto expect_all_kept = [&] {
+        std::vector<std::string> want;
+        for (size_t s = 0; s < blocks.size() / 2; ++s)
+            want.push_back(std::to_string(kHour10 + static_cast<int>(s)) + "," +
+                           std::to_string(s * 120));
+        EXPECT_EQ(rows(audio_db(), "select sec,offset from h10 order by id"), want);
+        for (int ch = 1; ch <= 3; ++ch) {
+            std::vector<unsigned char> all;
+            for (const VrixAudioBlock &b : blocks) {
+                const Record r = record_of(b, ch - 1);
+                all.insert(all.end(), r.begin(), r.end());
+            }
+            EXPECT_EQ(file_bytes(stream(ch, 10)), all) << ch;
+        }
+    };
+    record_span(kHour10, 9, 2); // three rows still wait at the close
+    close();
+    open(3);
+    record_span(kHour10 + 9, 1, 2);
+    vrix_db_rec_audio_flush(rec);
+    expect_all_kept();
+    close();
+    ASSERT_EQ(std::remove(audio_db().c_str()), 0);
+    open(3);
+    record_span(kHour10 + 10, 1, 2);
+    vrix_db_rec_audio_flush(rec);
+    expect_all_kept();
+}
+
 // One empty file: every channel starts over at 0 and the hour's old rows go.
 TEST_F(Audio, ResumeWithAnEmptyFileStartsOver) {
     record_span(kHour10, 12, 1);

@@ -79,11 +79,13 @@ TEST_F(Repair, ScanStopsAtTheFirstInvalidRecord) {
 TEST_F(Repair, AudioIndexHasOneRowPerSecond) {
     const std::string audio = dir / kDayName + "/audio/";
     std::filesystem::create_directories(audio + "1");
-    write_file(audio + "1/7.stream", audio_records({kHour10, kHour10, kHour10, kHour10 + 1}));
+    // A record of another hour ends the valid records of the file.
+    write_file(audio + "1/10.stream",
+               audio_records({kHour10, kHour10, kHour10, kHour10 + 1, kHour11, kHour10 + 2}));
     vrix_db_correct_audio(audio.c_str());
-    EXPECT_EQ(rows(audio + "audio.db", "select hour from H"), Rows{"7"});
+    EXPECT_EQ(rows(audio + "audio.db", "select hour from H"), Rows{"10"});
     EXPECT_EQ(
-        rows(audio + "audio.db", "select id,sec,offset from h7"),
+        rows(audio + "audio.db", "select id,sec,offset from h10"),
         (Rows{"1," + std::to_string(kHour10) + ",0", "2," + std::to_string(kHour10 + 1) + ",180"}));
 }
 

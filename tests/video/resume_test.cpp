@@ -1,5 +1,5 @@
-// Resuming an hour file: the restart point, the cut, and rows that do not
-// agree with the file.
+// Resuming an hour file: the whole frames kept and indexed, the torn tail
+// cut, and rows that do not agree with the file.
 #include "rec_fixture.h"
 
 #include <unistd.h>
@@ -36,58 +36,90 @@ std::string offsets(const std::string &db, int hour) {
     return out;
 }
 
-// Restart at the last indexed key frame: rows from it on go, the non-key
-// frames before the next key frame are dropped, the file is cut there.
-TEST_F(RecVideo, ResumeRestartsAtTheLastIndexedKeyFrame) {
-    const Bytes k1 = make_frame(3, kHour10, true, 984), p1 = make_frame(3, kHour10, false, 484),
-                k2 = make_frame(3, kHour10 + 1, true, 984),
-                p2 = make_frame(3, kHour10 + 1, false, 484);
-    for (const Bytes *f : {&k1, &p1, &k2, &p2})
-        record(ctx, *f);
+std::string index_rows(const std::string &db, int hour) {
+    std::string out;
+    for (const auto &r :
+         rows(db, "select offset,sec from h" + std::to_string(hour) + " order by id"))
+        out += (out.empty() ? "" : " ") + r;
+    return out;
+}
+
+// A clean close and reopen loses no frame: rows committed or still waiting
+// (scale 2 waits for several key frames) alike, the frames of both are
+// indexed; new frames wait for a key frame and follow the last one.
+TEST_F(RecVideo, ReopenKeepsEveryWholeFrameAndIndexesTheTail) {
+    std::vector<Bytes> kept;
+    kept.push_back(make_frame(3, kHour10, true, 984));
+    kept.push_back(make_frame(3, kHour10, false, 484));
+    for (int s = 1; s <= 3; ++s) {
+        kept.push_back(make_frame(3, kHour10 + s, true, 284, 2));
+        kept.push_back(make_frame(3, kHour10 + s, false, 84, 2));
+    }
+    for (const Bytes &f : kept)
+        record(ctx, f);
     close();
-    EXPECT_EQ(offsets(video_db(3), 10), "0 1500");
+    ASSERT_EQ(offsets(video_db(3), 10), "0"); // the scale-2 rows were never committed
     open();
-    record(ctx, make_frame(3, kHour10 + 2, false, 100, 0, 1)); // dropped: waiting for a key frame
+    record(ctx, make_frame(3, kHour10 + 4, false, 100, 0, 1)); // dropped: waiting for a key frame
     EXPECT_EQ(channel(3).iWaitKey, 1);
-    EXPECT_EQ(size_of(stream(3, 10)), 1500);                   // cut at the restart point
-    record(ctx, make_frame(3, kHour10 + 2, false, 100, 0, 2)); // dropped too
-    const Bytes k3 = make_frame(3, kHour10 + 3, true, 50),
-                p3 = make_frame(3, kHour10 + 3, false, 60);
-    record(ctx, k3);
-    record(ctx, p3);
+    EXPECT_EQ(size_of(stream(3, 10)), 1500 + 3 * 400); // nothing cut
+    kept.push_back(make_frame(3, kHour10 + 5, true, 50));
+    kept.push_back(make_frame(3, kHour10 + 5, false, 60));
+    record(ctx, kept[8]);
+    record(ctx, kept[9]);
     close();
     const Walked w = walk(stream(3, 10));
     EXPECT_TRUE(w.clean_end);
-    EXPECT_EQ(w.frames, (std::vector<Bytes>{k1, p1, k3, p3}));
-    EXPECT_EQ(offsets(video_db(3), 10), "0 1500");
-    EXPECT_EQ(rows(video_db(3), "select sec from h10 where offset = 1500"),
-              std::vector<std::string>{std::to_string(kHour10 + 3)});
+    EXPECT_EQ(w.frames, kept);
+    EXPECT_EQ(offsets(video_db(3), 10), "0 1500 1900 2300 2700");
 }
 
-// Frames after the last committed row are lost at a stop without flush; new
-// frames of the same sizes must not let forward play run on into old ones.
-TEST_F(RecVideo, ResumeLeavesNoStaleTail) {
-    const Bytes k1 = make_frame(2, kHour10, true, 200, 0);
-    record(ctx, k1); // committed at once (scale 0)
-    for (int s = 1; s <= 4; ++s) {
-        record(ctx, make_frame(2, kHour10 + s, true, 300, 2)); // rows wait (scale 2)
-        record(ctx, make_frame(2, kHour10 + s, false, 100, 2));
-    }
+// A torn tail (half a frame, or bytes that are no frame of this channel and
+// hour) is all a resume cuts; a lost index loses nothing and the hour is
+// indexed again from its file.
+TEST_F(RecVideo, ResumeCutsOnlyATornTailAndReindexesALostIndex) {
+    const Bytes k1 = make_frame(2, kHour10, true, 200), p1 = make_frame(2, kHour10, false, 100),
+                k2 = make_frame(2, kHour10 + 1, true, 200, 2);
+    for (const Bytes *f : {&k1, &p1, &k2})
+        record(ctx, *f);
     close();
-    ASSERT_EQ(offsets(video_db(2), 10), "0");
-    open();
-    std::vector<Bytes> fresh;
-    fresh.push_back(make_frame(2, kHour10 + 20, true, 200, 0, 9));
-    for (int s = 1; s <= 2; ++s) {
-        fresh.push_back(make_frame(2, kHour10 + 20 + s, true, 300, 2, 9));
-        fresh.push_back(make_frame(2, kHour10 + 20 + s, false, 100, 2, 9));
+    const Bytes other_hour = make_frame(2, kHour10 + 3600, true, 100),
+                other_channel = make_frame(4, kHour10 + 2, true, 100),
+                earlier = make_frame(2, kHour10, true, 100);
+    for (const Bytes *junk : {&other_hour, &other_channel, &earlier, &k1}) {
+        std::ofstream(stream(2, 10), std::ios::binary | std::ios::app)
+            .write(reinterpret_cast<const char *>(junk->data()),
+                   static_cast<std::streamsize>(junk == &k1 ? 100 : junk->size()));
+        ASSERT_EQ(std::remove(video_db(2).c_str()), 0); // lost with the power
+        open();
+        const Bytes k3 = make_frame(2, kHour10 + 2, true, 100, 0, 3);
+        record(ctx, k3);
+        close();
+        const Walked w = walk(stream(2, 10));
+        EXPECT_TRUE(w.clean_end);
+        EXPECT_EQ(w.frames, (std::vector<Bytes>{k1, p1, k2, k3}));
+        EXPECT_EQ(index_rows(video_db(2), 10), "0," + std::to_string(kHour10) + " 332," +
+                                                   std::to_string(kHour10 + 1) + " 548," +
+                                                   std::to_string(kHour10 + 2));
+        ASSERT_EQ(truncate(stream(2, 10).c_str(), 548), 0);
     }
-    for (const Bytes &f : fresh)
-        record(ctx, f);
+}
+
+// The writer refuses what the scan would not take: a time before the hour
+// file's last one, a payload above the maximum.
+TEST_F(RecVideo, WriterRefusesFramesTheScanWouldEndAt) {
+    const Bytes k1 = make_frame(7, kHour10 + 5, true, 100);
+    record(ctx, k1);
+    testing::internal::CaptureStdout();
+    record(ctx, make_frame(7, kHour10 + 4, false, 100)); // the clock went back
+    const Bytes big = make_frame(7, kHour10 + 6, true, VRIX_MAX_FRAME_PAYLOAD + 1);
+    record(ctx, big);
+    const std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_NE(out.find("time " + std::to_string(kHour10 + 4) + " before"), std::string::npos)
+        << out;
+    EXPECT_NE(out.find("above 4194304"), std::string::npos) << out;
     close();
-    const Walked w = walk(stream(2, 10));
-    EXPECT_TRUE(w.clean_end);
-    EXPECT_EQ(w.frames, fresh);
+    EXPECT_EQ(walk(stream(7, 10)).frames, (std::vector<Bytes>{k1}));
 }
 
 // An empty hour file keeps none of the hour's old rows: no row may name a
@@ -111,7 +143,8 @@ TEST_F(RecVideo, EmptyHourFileDropsOldRows) {
 }
 
 // Rows that name no whole key frame of their time (a row ahead of its data
-// after a crash, a wrong time, a non-key record) are passed over.
+// after a crash, a wrong time, a non-key record) are passed over; the frames
+// after the row that agrees are kept and indexed again.
 TEST_F(RecVideo, ResumeSkipsRowsThatDisagreeWithTheFile) {
     const Bytes k1 = make_frame(9, kHour10, true, 100), p1 = make_frame(9, kHour10, false, 100),
                 k2 = make_frame(9, kHour10 + 1, true, 100),
@@ -134,10 +167,10 @@ TEST_F(RecVideo, ResumeSkipsRowsThatDisagreeWithTheFile) {
     const Bytes k3 = make_frame(9, kHour10 + 2, true, 100);
     record(ctx, k3);
     close();
-    // The only row that agrees is k1's: writing restarts there.
-    EXPECT_EQ(walk(stream(9, 10)).frames, (std::vector<Bytes>{k3}));
-    EXPECT_EQ(rows(video_db(9), "select offset,sec from h10 order by offset"),
-              (std::vector<std::string>{"0," + std::to_string(kHour10 + 2)}));
+    EXPECT_EQ(walk(stream(9, 10)).frames, (std::vector<Bytes>{k1, p1, k2, p2, k3}));
+    EXPECT_EQ(index_rows(video_db(9), 10), "0," + std::to_string(kHour10) + " 232," +
+                                               std::to_string(kHour10 + 1) + " 464," +
+                                               std::to_string(kHour10 + 2));
 }
 
 // An index that cannot be read is no reason to destroy the hour: the file is
@@ -171,8 +204,8 @@ TEST_F(RecVideo, ClockSetBackIntoAnHourWithWaitingRows) {
     const Bytes c = make_frame(1, kHour10 + 2, true, 100, 0);
     record(ctx, c); // back in hour 10
     close();
-    EXPECT_EQ(walk(stream(1, 10)).frames, (std::vector<Bytes>{a, c}));
-    EXPECT_EQ(offsets(video_db(1), 10), "0 116");
+    EXPECT_EQ(walk(stream(1, 10)).frames, (std::vector<Bytes>{a, b, c}));
+    EXPECT_EQ(offsets(video_db(1), 10), "0 116 232");
     EXPECT_EQ(offsets(video_db(1), 11), "0");
 }
 

@@ -1,0 +1,96 @@
+#include "record_scan.h"
+
+#include "core/calendar.h"
+#include "store/format.h"
+#include "store/records.h"
+#include "store/schema.h"
+
+namespace vrix {
+
+namespace {
+
+constexpr size_t kVideoHead = VRIX_FRAME_HEADER_SIZE + VRIX_FRAME_CHANNEL_BYTE + 1;
+
+bool read_at(FILE *fp, long long offset, unsigned char *out, size_t n) {
+    if (fseeko(fp, offset, SEEK_SET) == 0 && std::fread(out, 1, n, fp) == n) return true;
+    std::clearerr(fp);
+    return false;
+}
+
+} // namespace
+
+bool RecordScan::in_hour(int sec) {
+    if (sec <= 0 || sec < last_sec_) return false;
+    if (sec == last_sec_) return true;
+    const std::tm tm = fields_of(sec);
+    if (tm.tm_hour != hour_) return false;
+    if (day_ < 0) {
+        day_ = tm.tm_yday;
+        year_ = tm.tm_year;
+    }
+    return tm.tm_yday == day_ && tm.tm_year == year_;
+}
+
+bool RecordScan::next(ScannedRecord &r) {
+    unsigned char head[kVideoHead];
+    const size_t want = video_ ? kVideoHead : 12;
+    if (size_ - at_ < static_cast<long long>(want) || !read_at(fp_, at_, head, want)) return false;
+    long long len;
+    int sec;
+    bool key = false;
+    if (video_) {
+        FrameInfo f{};
+        parse_frame(head, want, f);
+        if (f.len < VRIX_FRAME_CHANNEL_BYTE + 1 || f.len > VRIX_MAX_FRAME_PAYLOAD ||
+            frame_scale(f) > VRIX_MAX_SCALE || (channel_ >= 0 && f.channel != channel_))
+            return false;
+        len = VRIX_FRAME_HEADER_SIZE + static_cast<long long>(f.len);
+        sec = f.sec;
+        key = f.key;
+        if (channel_ < 0) channel_ = f.channel;
+    } else {
+        int32_t s;
+        uint32_t w;
+        if (!parse_audio_record(head, s, w)) return false;
+        len = VRIX_AUDIO_RECORD_SIZE;
+        sec = s;
+    }
+    if (size_ - at_ < len || !in_hour(sec)) return false;
+    r = ScannedRecord{at_, sec, key};
+    last_sec_ = sec;
+    at_ += len;
+    return true;
+}
+
+ScanEnd scan_end(FILE *fp, long long from, long long size, int hour, bool video) {
+    RecordScan scan(fp, from, size, hour, video);
+    for (ScannedRecord r; scan.next(r);) {
+    }
+    return {scan.end(), scan.last_sec()};
+}
+
+ScanEnd index_from(FILE *fp, long long from, long long size, int hour, bool video,
+                   pthread_mutex_t *m, SqlHandle db) {
+    RecordScan scan(fp, from, size, hour, video);
+    SqlLock hold(m);
+    Sql q;
+    submit_busy(db, sql::kBegin);
+    sql_submit(db, sql::kCreateHourH, "");
+    format_into(q.text, sizeof q.text, sql::kCreateIndex, hour);
+    sql_submit(db, q.text, "");
+    format_into(q.text, sizeof q.text, sql::kInsertHourOnce, hour, hour);
+    sql_submit(db, q.text, "");
+    format_into(q.text, sizeof q.text, sql::kDeleteFrom, hour, from);
+    sql_submit(db, q.text, "");
+    int second = 0;
+    for (ScannedRecord r; scan.next(r);) {
+        if (video ? !r.key : r.sec == second) continue;
+        second = r.sec;
+        format_into(q.text, sizeof q.text, sql::kInsertIndex, hour, r.sec, r.offset);
+        sql_submit(db, q.text, "");
+    }
+    submit_busy(db, sql::kCommit);
+    return {scan.end(), scan.last_sec()};
+}
+
+} // namespace vrix

@@ -1,0 +1,68 @@
+// The one scanner of stream files: the whole, valid records of an hour file
+// from an offset on, as the writers accept them.  Resume, the index rebuild
+// and the start-up reconcile all read through it, and index what it finds.
+#pragma once
+
+#include "core/store_access.h"
+
+#include <cstdio>
+
+namespace vrix {
+
+// One record the scan accepted.
+struct ScannedRecord {
+    long long offset;
+    int sec;
+    bool key; // a video key frame; always false for audio
+};
+
+// Valid video record: a header whose payload length lies within
+// 37..VRIX_MAX_FRAME_PAYLOAD (the channel byte present), a scale up to
+// VRIX_MAX_SCALE, the channel of the scan's first record, a time in local
+// hour `hour` of the first record's day and not below the record before.
+// Valid audio record: 60 bytes whose first word is 48, with the same rule
+// for the time.  A record must end within `size`.
+class RecordScan {
+  public:
+    RecordScan(FILE *fp, long long from, long long size, int hour, bool video)
+        : fp_(fp), at_(from), size_(size), hour_(hour), video_(video) {}
+
+    // The next whole valid record; false at the first that is not (or the end).
+    bool next(ScannedRecord &r);
+    // The end of the last record accepted: where the file is cut.
+    long long end() const { return at_; }
+    // Time of the last record accepted; 0 when none was.
+    int last_sec() const { return last_sec_; }
+
+  private:
+    bool in_hour(int sec);
+    FILE *fp_;
+    long long at_;
+    long long size_;
+    int hour_;
+    bool video_;
+    int channel_ = -1; // the first record's channel byte
+    int last_sec_ = 0;
+    int day_ = -1; // the first record's day of the year, and its year
+    int year_ = -1;
+};
+
+// Where the scan from a restart point ended.
+struct ScanEnd {
+    long long end;
+    int last_sec;
+};
+
+// The hour's index made to match its file from `from` on: rows at or after
+// `from` are deleted and one row is inserted per key frame (video) or per
+// second (audio, the first record of each second; the record at `from`
+// always) of the whole valid records from `from` up to `size`, in one
+// transaction under `m` (null: no lock).  The hour's table and its row in H
+// are created when missing.  Returns where the records end and the last time.
+ScanEnd index_from(FILE *fp, long long from, long long size, int hour, bool video,
+                   pthread_mutex_t *m, SqlHandle db);
+
+// Where the whole valid records from `from` up to `size` end, nothing indexed.
+ScanEnd scan_end(FILE *fp, long long from, long long size, int hour, bool video);
+
+} // namespace vrix
