@@ -11,7 +11,8 @@ set -euo pipefail
 cd "$(dirname "$0")"
 
 packages=(cmake make g++ gcc binutils pkg-config libsqlite3-dev sqlite3 libgtest-dev
-  libcli11-dev libxml2-utils tzdata clang libclang-rt-14-dev)
+  libcli11-dev libxml2-utils tzdata clang libclang-rt-14-dev
+  libavformat-dev libavcodec-dev libcpp-httplib-dev ffmpeg)
 
 deps() {
   local missing=() p
