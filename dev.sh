@@ -12,7 +12,7 @@ cd "$(dirname "$0")"
 
 packages=(cmake make g++ gcc binutils pkg-config libsqlite3-dev sqlite3 libgtest-dev
   libcli11-dev libxml2-utils tzdata clang libclang-rt-14-dev
-  libavformat-dev libavcodec-dev libcpp-httplib-dev ffmpeg)
+  libavformat-dev libavcodec-dev libcpp-httplib-dev ffmpeg curl)
 
 deps() {
   local missing=() p

@@ -57,7 +57,10 @@ int run_export(const ExportOptions &o) {
     int firstMs = 0;
     long long bytes = 0;
     PlayedUnit u{};
-    while (player.next(u) == H264Player::Step::Unit && u.sec <= to) {
+    for (H264Player::Step step;
+         (step = player.next(u)) == H264Player::Step::Unit || step == H264Player::Step::Foreign;) {
+        if (step == H264Player::Step::Foreign) continue;
+        if (u.sec > to) break; // the library may hand over a key frame past the span
         if (first < 0) {
             if (!u.unit.idr) continue; // the library starts at a key frame; a foreign one may not
             first = u.sec;

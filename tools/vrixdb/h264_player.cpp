@@ -19,22 +19,20 @@ void H264Player::key_frames_only(int step) {
 }
 
 H264Player::Step H264Player::next(PlayedUnit &out, bool backward) {
-    for (;;) {
-        const int got = backward ? vrix_db_pre_video(ctx_) : vrix_db_next_video(ctx_);
-        if (got != 1) return backward || vrix_db_video_get_end(ctx_) ? Step::End : Step::NotYet;
-        int sec = 0, sub = 0;
-        vrix_db_video_get_current_time(ctx_, &sec, &sub);
-        void *buf = nullptr;
-        const int len = vrix_db_get_video(ctx_, &buf);
-        const auto unit = unwrap_payload(static_cast<const uint8_t *>(buf),
-                                         len > 0 ? static_cast<size_t>(len) : 0);
-        if (!unit) {
-            ++foreign_;
-            continue;
-        }
-        out = PlayedUnit{sec, sub, *unit};
-        return Step::Unit;
+    const int got = backward ? vrix_db_pre_video(ctx_) : vrix_db_next_video(ctx_);
+    if (got != 1) return backward || vrix_db_video_get_end(ctx_) ? Step::End : Step::NotYet;
+    int sec = 0, sub = 0;
+    vrix_db_video_get_current_time(ctx_, &sec, &sub);
+    void *buf = nullptr;
+    const int len = vrix_db_get_video(ctx_, &buf);
+    const auto unit =
+        unwrap_payload(static_cast<const uint8_t *>(buf), len > 0 ? static_cast<size_t>(len) : 0);
+    if (!unit) {
+        ++foreign_;
+        return Step::Foreign;
     }
+    out = PlayedUnit{sec, sub, *unit};
+    return Step::Unit;
 }
 
 } // namespace vrixtool

@@ -28,11 +28,11 @@ class H264Player {
     // Forward play of every `step`-th key frame only.
     void key_frames_only(int step);
 
-    enum class Step { Unit, NotYet, End };
+    enum class Step { Unit, Foreign, NotYet, End };
     // The next access unit forward (or the previous key frame backward).
-    // NotYet: nothing more for now (the end of a recording in progress, or a
-    // record still in the writer's buffer); End: the span is over.  Frames
-    // without the H.264 prefix are passed over and counted.
+    // Foreign: a frame without the H.264 prefix (counted); NotYet: nothing
+    // more for now (the end of a recording in progress, or a record still in
+    // the writer's buffer); End: the span is over.
     Step next(PlayedUnit &out, bool backward = false);
     long foreign() const { return foreign_; }
 
