@@ -129,7 +129,8 @@ async function play(ch, from, mode) {
     const video = $('video');
     video.src = '/api/play?' + q;
     await video.play().catch(() => {});
-    setStatus(`ch ${ch} ${mode} from ${clock(at.sec, true)}`);
+    const how = { normal: '', live: ' (live)', keys: ' (key frames)', back: ' (key frames backward)' }[mode];
+    setStatus(`ch ${ch} from ${clock(at.sec, true)}${how}`);
   } catch (err) {
     setStatus(err.message);
   }
