@@ -24,7 +24,7 @@ constexpr int64_t kIdleMs = 30000;     // a followed recording silent this long 
 constexpr int64_t kKeyFrameMs = 200;   // how long a key frame shows in key-frame play
 constexpr int64_t kGapMs = 2000;       // longer between two frames is a gap in the recording
 constexpr int64_t kFrameMs = 40;       // what a gap becomes
-constexpr int kForeignRun = 250;       // frames without H.264 before a stream gives up
+constexpr int kLocateRun = 250;        // frames looked at for a first H.264 key frame
 constexpr int kUnitsPerCall = 25;      // units muxed between checks of the server's state
 
 // One of the server's bounded stream places, given back when the stream goes.
@@ -73,12 +73,9 @@ class Stream {
             why = "nothing recorded on ch " + std::to_string(r_.ch) + " at " + format_time(r_.from);
             return false;
         }
-        for (int foreign = 0; foreign < kForeignRun;) {
+        for (int tries = 0; tries < kLocateRun; ++tries) {
             const auto step = player_.next(pending_, r_.backward);
-            if (step == H264Player::Step::Foreign) {
-                ++foreign;
-                continue;
-            }
+            if (step == H264Player::Step::Foreign) continue;
             if (step != H264Player::Step::Unit || outside(pending_.sec)) break;
             if (!pending_.unit.idr) continue;
             havePending_ = true;
