@@ -13,7 +13,7 @@ SECONDS_STREAMED=${1:-20}
 STREAMS=${2:-4}
 export TZ=UTC
 for tool in curl; do command -v $tool >/dev/null || { echo "bench_serve: needs $tool"; exit 0; }; done
-"$VRIXDB" serve --help >/dev/null 2>&1 || { echo "bench_serve: vrixdb built without serve"; exit 0; }
+"$VRIXDB" --help | grep -q "^  serve " || { echo "bench_serve: vrixdb built without serve"; exit 0; }
 SCRATCH=$(mktemp -d "${TMPDIR:-/tmp}/bench-serve-XXXXXX")
 SERVER=
 trap '[ -n "$SERVER" ] && kill $SERVER 2>/dev/null; rm -rf "$SCRATCH"' EXIT

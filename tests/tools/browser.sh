@@ -10,7 +10,7 @@ CHROMIUM=$(command -v chromium || command -v chromium-browser) || {
     exit 77
 }
 command -v npm >/dev/null || { echo "node/npm are not installed: the browser test is skipped"; exit 77; }
-"$VRIXDB" serve --help >/dev/null 2>&1 || { echo "vrixdb was built without serve: skipped"; exit 77; }
+has_subcommand serve || { echo "vrixdb was built without serve: skipped"; exit 77; }
 # Set-up: the browser driver, and no browser of its own.
 if [ ! -d "$NODE_DIR/node_modules/puppeteer-core" ]; then
     (cd "$NODE_DIR" && PUPPETEER_SKIP_DOWNLOAD=1 npm install --no-audit --no-fund --loglevel=error) ||

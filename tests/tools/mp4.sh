@@ -9,7 +9,7 @@ command -v ffprobe >/dev/null || {
     echo "ffprobe is not installed: skipped"
     exit 77
 }
-"$VRIXDB" export-mp4 --help >/dev/null 2>&1 || {
+has_subcommand export-mp4 || {
     echo "vrixdb was built without export-mp4: skipped"
     exit 77
 }

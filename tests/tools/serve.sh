@@ -8,7 +8,7 @@ CLIP=$2
 for tool in curl ffprobe; do
     command -v $tool >/dev/null || { echo "$tool is not installed: skipped"; exit 77; }
 done
-"$VRIXDB" serve --help >/dev/null 2>&1 || { echo "vrixdb was built without serve: skipped"; exit 77; }
+has_subcommand serve || { echo "vrixdb was built without serve: skipped"; exit 77; }
 clear_queues
 ROOT=$SCRATCH/store
 # One minute from 10:59:30; the demo's reduction then leaves 11:00:00 on.
