@@ -44,3 +44,7 @@ sql() { sqlite3 -readonly "$1" "$2"; }
 
 # Frame lines of `vrixdb play` (comments start with #).
 frames() { grep -v '^#' "$OUT"; }
+
+# Whether the program was built with subcommand $1 (export-mp4 and serve are
+# left out when their libraries were missing at configure time).
+has_subcommand() { "$VRIXDB" --help | grep -q "^  $1 "; }

@@ -165,6 +165,13 @@ int run_demo(const DemoOptions &o) {
                      d.root.c_str());
     std::fprintf(out, "look around: vrixdb ls --root %s --day %s\n", d.root.c_str(),
                  day_name(d.t0).c_str());
+#if VRIX_HAVE_SERVE
+    // Channels 1-4 hold real H.264: a browser plays them.
+    std::fprintf(out,
+                 "watch it in a browser: vrixdb serve --root %s, then open "
+                 "http://127.0.0.1:8080/\n",
+                 d.root.c_str());
+#endif
     return d.failed ? 1 : 0;
 }
 

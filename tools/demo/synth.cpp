@@ -1,6 +1,8 @@
 #include "synth.h"
 
+#include "demo_clip.h"
 #include "vrixdb.h"
+#include "vrixdb/h264.h"
 
 #include <cstring>
 
@@ -46,9 +48,31 @@ void put32(uint8_t *p, uint32_t v) {
         p[i] = static_cast<uint8_t>(v >> (8 * i));
 }
 
+// Channels 1..kH264Channels carry the clip (2 s at 25 frames/s, an IDR
+// picture each second): the odd seconds its second half, so the picture
+// moves on without a jump.
+const std::vector<AccessUnit> &clip_units() {
+    static const std::vector<AccessUnit> units =
+        split_access_units(std::vector<uint8_t>(kDemoClip, kDemoClip + sizeof kDemoClip));
+    return units;
+}
+
+std::vector<uint8_t> clip_frame(int ch, long sec, int index) {
+    const auto &units = clip_units();
+    const size_t n = static_cast<size_t>((sec & 1) * kDemoFps + index) % units.size();
+    const FrameMeta meta{ch, static_cast<uint32_t>(n), kDemoFps, static_cast<uint32_t>(sec),
+                         static_cast<uint32_t>(index * (1000 / kDemoFps))};
+    return wrap_access_unit(kDemoClip + units[n].offset, units[n].size, units[n].idr, meta);
+}
+
 } // namespace
 
 void make_payload(std::vector<uint8_t> &out, int ch, long sec, int index) {
+    if (ch <= kH264Channels) {
+        const auto rec = clip_frame(ch, sec, index);
+        out.assign(rec.begin() + VRIX_FRAME_HEADER_SIZE, rec.end());
+        return;
+    }
     const uint64_t seed = seed_of(ch, sec, index);
     const bool key = index == 0;
     out.resize(payload_size(seed, key));
@@ -61,6 +85,11 @@ bool records(int ch, long sec) {
 }
 
 void make_frame(std::vector<uint8_t> &out, int ch, long sec, int index, unsigned scale) {
+    if (ch <= kH264Channels) {
+        out = clip_frame(ch, sec, index);
+        put32(out.data() + 12, scale);
+        return;
+    }
     const uint64_t seed = seed_of(ch, sec, index);
     const bool key = index == 0;
     const size_t len = payload_size(seed, key);

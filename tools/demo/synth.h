@@ -14,6 +14,9 @@ constexpr int kDemoFps = 25;
 // Channels 1..12 record all the time; 13..16 record on motion, in blocks of
 // 20 seconds, so the store has gaps like a real recorder's.
 constexpr int kFirstMotionChannel = 13;
+// Channels 1..4 record real H.264 (a short clip made by ffmpeg, compiled in),
+// so that a browser plays them; the others synthetic payloads.
+constexpr int kH264Channels = 4;
 bool records(int ch, long sec);
 
 // Frame `index` (0..24, 0 = the second's key frame) of channel `ch` in second

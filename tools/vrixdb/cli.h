@@ -14,7 +14,8 @@ namespace vrixtool {
 using Status = int;
 using AddSubcommand = void(CLI::App &app, Status &status);
 AddSubcommand add_demo, add_record_h264, add_export_h264, add_ls, add_play, add_events,
-    add_timeline, add_size, add_range, add_reduce, add_backup, add_repair;
+    add_timeline, add_size, add_range, add_reduce, add_backup, add_repair, add_export_mp4,
+    add_serve;
 
 // Validators for option values.
 extern const CLI::Validator TimeArg;    // local YYYY-MM-DDTHH:MM:SS or epoch seconds

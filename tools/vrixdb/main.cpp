@@ -16,6 +16,12 @@ int main(int argc, char **argv) {
     add_demo(app, status);
     add_record_h264(app, status);
     add_export_h264(app, status);
+#if VRIX_HAVE_MP4
+    add_export_mp4(app, status);
+#endif
+#if VRIX_HAVE_SERVE
+    add_serve(app, status);
+#endif
     add_ls(app, status);
     add_play(app, status);
     add_events(app, status);

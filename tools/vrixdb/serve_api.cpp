@@ -1,0 +1,157 @@
+// The JSON routes of vrixdb serve: recorded days, each channel's spans from
+// the key-frame index, and events through the library's query.
+#include "lists.h"
+#include "serve.h"
+#include "serve_json.h"
+#include "store_index.h"
+#include "timeline_svg.h"
+#include "times.h"
+#include "vrixdb.h"
+
+#include <algorithm>
+#include <memory>
+
+namespace vrixtool {
+namespace {
+
+constexpr int kEventPage = 100;
+
+void add_unreadable(Json &j, const StoreIndex &store) {
+    j.key("unreadable").open('[');
+    for (const std::string &path : store.unreadable())
+        j.value(path);
+    j.close(']');
+}
+
+void days(ServeConfig &config, const httplib::Request &req, httplib::Response &res) {
+    Params p(req, {});
+    StoreIndex store(config.root);
+    Json j;
+    j.open('{').key("offset").value(static_cast<int64_t>(zone_offset()));
+    j.key("days").open('[');
+    for (long day : store.days())
+        j.open('{')
+            .key("day")
+            .value(format_time(day).substr(0, 10))
+            .key("start")
+            .value(static_cast<int64_t>(day))
+            .close('}');
+    j.close(']');
+    add_unreadable(j, store);
+    reply_json(res, j.close('}').text());
+}
+
+void spans(ServeConfig &config, const httplib::Request &req, httplib::Response &res) {
+    Params p(req, {"day", "gap"});
+    const auto day = p.day("day");
+    if (!day) throw BadRequest{"day is missing"};
+    const int gap = p.integer("gap", 1, 3600, 10);
+    StoreIndex store(config.root);
+    Json j;
+    j.open('{').key("day").value(format_time(*day).substr(0, 10));
+    j.key("start").value(static_cast<int64_t>(*day));
+    j.key("end").value(static_cast<int64_t>(day_start(*day + 30 * 3600)));
+    j.key("channels").open('[');
+    for (int ch = 1; ch <= VRIX_VIDEO_CHANNELS; ++ch) {
+        std::vector<long> keys;
+        for (const HourIndex &h : store.video(*day, ch))
+            for (const KeyFrame &k : h.keys)
+                keys.push_back(k.sec);
+        std::sort(keys.begin(), keys.end());
+        j.open('{').key("ch").value(int64_t{ch}).key("spans").open('[');
+        for (const Span &s : spans_of(ch, keys, gap))
+            j.open('[')
+                .value(static_cast<int64_t>(s.start))
+                .value(static_cast<int64_t>(s.end))
+                .value(static_cast<int64_t>(s.keys))
+                .close(']');
+        j.close(']').close('}');
+    }
+    j.close(']');
+    add_unreadable(j, store);
+    reply_json(res, j.close('}').text());
+}
+
+// Up to `limit` events from `from` (forward up to `to`, or backward down to
+// it).  A page cut inside a second leaves that second out, so the next page
+// starts cleanly at the second after (before) the last one listed.
+void events(ServeConfig &config, const httplib::Request &req, httplib::Response &res) {
+    Params p(req, {"from", "to", "ch", "type", "dir", "limit"});
+    const auto from = p.time("from");
+    if (!from) throw BadRequest{"from is missing"};
+    const auto to = p.time("to");
+    const std::string dir = p.text("dir").value_or("forward");
+    if (dir != "forward" && dir != "back") throw BadRequest{"dir: forward or back"};
+    const bool back = dir == "back";
+    const auto channels = parse_channels(p.text("ch").value_or("all"), 0, 64);
+    if (!channels) throw BadRequest{"ch: channels 0..64 as in 1,3,5-8, or all"};
+    const auto types = parse_types(p.text("type").value_or("all"));
+    if (!types) throw BadRequest{"type: event types as in motion,alarm or codes, or all"};
+    const int limit = p.integer("limit", 1, 5000, 200);
+    uint32_t lo = 0, hi = 0;
+    int withCh0 = 0;
+    for (int ch : *channels) {
+        if (ch == 0)
+            withCh0 = 1;
+        else if (ch <= 32)
+            lo |= 1u << (ch - 1);
+        else
+            hi |= 1u << (ch - 33);
+    }
+    std::tm start = local_fields(*from);
+    const std::unique_ptr<EventQueryContext, void (*)(EventQueryContext *)> q(
+        vrix_db_open_get_event(&start, lo, hi, withCh0, *types, config.root.c_str(), kEventPage, 0,
+                               0),
+        vrix_db_close_get_event);
+    std::vector<EventRecord> got;
+    bool more = false, done = !q;
+    while (!done) {
+        const int n = back ? vrix_db_pre_event(q.get()) : vrix_db_next_event(q.get());
+        if (n <= 0) break;
+        const EventRecord *rec = vrix_db_get_event(q.get());
+        for (int i = 0; i < n && !done; ++i) {
+            const long sec = rec[i].iSec;
+            if (to && (back ? sec < *to : sec > *to))
+                done = true;
+            else if (static_cast<int>(got.size()) == limit)
+                more = done = true;
+            else
+                got.push_back(rec[i]);
+        }
+    }
+    if (more) {
+        const int32_t cut = got.back().iSec;
+        auto keep = got;
+        while (!keep.empty() && keep.back().iSec == cut)
+            keep.pop_back();
+        if (!keep.empty()) got = keep;
+    }
+    Json j;
+    j.open('{').key("events").open('[');
+    for (const EventRecord &e : got)
+        j.open('{')
+            .key("sec")
+            .value(int64_t{e.iSec})
+            .key("time")
+            .value(format_time(e.iSec))
+            .key("ch")
+            .value(int64_t{e.iCh})
+            .key("type")
+            .value(type_name(e.iType))
+            .close('}');
+    j.close(']').key("more").value(more);
+    reply_json(res, j.close('}').text());
+}
+
+} // namespace
+
+void add_api_routes(httplib::Server &server, ServeConfig &config) {
+    server.Get("/api/days",
+               guarded([&config](const auto &req, auto &res) { days(config, req, res); }));
+    server.Get("/api/spans",
+               guarded([&config](const auto &req, auto &res) { spans(config, req, res); }));
+    server.Get("/api/events",
+               guarded([&config](const auto &req, auto &res) { events(config, req, res); }));
+}
+
+} // namespace vrixtool
