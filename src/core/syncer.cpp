@@ -43,6 +43,7 @@ long long clock_ms() {
 void pass(Syncer &s) {
     for (const SyncSource &src : s.sources)
         if (src.write_out) src.write_out(src.owner);
+    VRIX_SYNC_POINT("syncer:written_out");
     for (size_t i = 0; i < s.sources.size(); ++i) {
         const char *root = s.sources[i].root;
         const bool seen =
@@ -69,10 +70,11 @@ void run(Syncer &s) {
         s.wake.wait_for(hold, std::chrono::microseconds(poll));
         if (s.stop || g_interval_ms.load() <= 0) continue;
         const long long now = clock_ms();
-        if (s.last_pass_ms && now >= s.last_pass_ms && now - s.last_pass_ms < t / 2) continue;
-        s.last_pass_ms = now;
-        pass(s);
-        VRIX_SYNC_POINT("syncer:pass_done");
+        if (!s.last_pass_ms || now < s.last_pass_ms || now - s.last_pass_ms >= t / 2) {
+            s.last_pass_ms = now;
+            pass(s);
+        }
+        VRIX_SYNC_POINT("syncer:looked");
     }
 }
 
