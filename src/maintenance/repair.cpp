@@ -4,6 +4,7 @@
 // Repair takes no database mutex: it runs before any context is opened.
 #include "core/calendar.h"
 #include "core/file_io.h"
+#include "core/pacing.h"
 #include "maintenance.h"
 #include "store/format.h"
 #include "store/paths.h"
@@ -91,6 +92,7 @@ struct IndexKind {
     bool announce_removal; // "remove <db>" after it
     bool per_stream;       // "open <stream>" for each hour; the index is made
                            // only once a stream is there
+    bool video;
 };
 
 const IndexKind kVideoIndex{"vrix_db_correct_video",
@@ -100,6 +102,7 @@ const IndexKind kVideoIndex{"vrix_db_correct_video",
                             {true, true, "video ret = %d\n"},
                             false,
                             true,
+                            true,
                             true};
 const IndexKind kAudioIndex{"vrix_db_correct_audio",
                             dir_audio_db<kSidePathSize>,
@@ -107,6 +110,7 @@ const IndexKind kAudioIndex{"vrix_db_correct_audio",
                             vrix_db_repair_audio,
                             {true, false, "audio iRet = %d\n"},
                             true,
+                            false,
                             false,
                             false};
 
@@ -143,6 +147,49 @@ void correct_index(const IndexKind &k, const char *dir) {
     }
 }
 
+// Reconciles every hour that the index in `dir` lists with its stream file
+// (audio: the first channel's, as the writer indexes it).  An hour the index
+// does not list is left alone: reduction unlists the hours it reclaims.
+void reconcile_index(const IndexKind &k, const char *dir) {
+    SidePath db;
+    if (!k.db(db, dir) || !File(io::open_file(db.text, "rb"))) return;
+    Db index(nullptr);
+    Holder holder(1, kIntCell);
+    if (!holder.t || !index.open(db.text)) return;
+    for (int h = 0; h < 24; ++h) {
+        Path stream;
+        Sql q;
+        format_into(q.text, sizeof q.text, sql::kFindHour, h);
+        int listed;
+        if (!k.stream(stream, dir, h) || !index.value(holder.t, q.text, listed)) continue;
+        File fp(io::open_file(stream.text, "rb"));
+        if (fp) reconcile_hour(index.get(), fp.get(), h, k.video);
+    }
+}
+
+// Checks the index in `dir`, then reconciles it with the stream files.
+void check_index(const IndexKind &k, const char *dir) {
+    correct_index(k, dir);
+    reconcile_index(k, dir);
+}
+
+// The days of a channel that start-up repair checks: its newest recorded day
+// and, while that day is young (begun less than an hour ago, so the recorder
+// may have written the day before's last hour until a moment ago), the
+// recorded day before it.  Returns how many of `days` it filled.
+constexpr int kYoungDay = 3600;
+int days_to_check(SqlHandle date, int ch, int days[2]) {
+    Sql q;
+    format_into(q.text, sizeof q.text, sql::kNewestChannelDay, ch);
+    Holder h(1, kIntCell);
+    const int n = query_locked(nullptr, date, q.text, "%d", h.t);
+    std::printf("iRet = %d\n", n);
+    if (n <= 0 || !holder_int(h.t, days[0])) return 0;
+    if (clock_now().sec - days[0] >= kYoungDay) return 1;
+    format_into(q.text, sizeof q.text, sql::kChannelDayUpTo, ch, days[0] - 1);
+    return query_int(nullptr, date, q.text, h.t, days[1]) ? 2 : 1;
+}
+
 // A check that cannot run must never be taken for damage: without the shell
 // every database is left as it is.
 bool shell_ready(const char *who) {
@@ -163,25 +210,20 @@ void correct_all(const char *root) {
     bool first_day = true;
     for (int ch = 1; ch <= VRIX_VIDEO_CHANNELS; ++ch) {
         vrix_hdd_correct_step(120 + 5 * ch);
-        Sql q;
-        format_into(q.text, sizeof q.text, sql::kNewestChannelDay, ch);
-        ResultTable days = nullptr;
-        const int n = sql_submit(date.get(), q.text, "%d", &days);
-        std::printf("iRet = %d\n", n);
-        for (int r = 0; r < n && days && days[r]; ++r) {
-            int key;
-            holder_int(days + r, key);
-            std::tm tm{};
-            sec_to_tm(&tm, key);
+        int days[2];
+        const int n = days_to_check(date.get(), ch, days);
+        // The first channel with a day checks the audio and events of its days.
+        const bool media_too = first_day;
+        if (n > 0) first_day = false;
+        for (int r = 0; r < n; ++r) {
+            const std::tm tm = fields_of(days[r]);
             std::printf("check ch%d %d%02d%02d\n", ch, tm.tm_year + 1900, tm.tm_mon + 1,
                         tm.tm_mday);
-            if (repair_channel_dir(p, root, tm, ch)) correct_index(kVideoIndex, p.text);
-            if (!first_day) continue;
-            first_day = false;
-            if (repair_audio_dir(p, root, tm)) correct_index(kAudioIndex, p.text);
+            if (repair_channel_dir(p, root, tm, ch)) check_index(kVideoIndex, p.text);
+            if (!media_too) continue;
+            if (repair_audio_dir(p, root, tm)) check_index(kAudioIndex, p.text);
             if (reader_event_db(p, root, tm)) correct_db(p.text, "h_all");
         }
-        db_free_sqlite(days, n);
     }
 }
 

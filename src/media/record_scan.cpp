@@ -80,10 +80,23 @@ ScanEnd index_from(FILE *fp, long long from, long long size, int hour, bool vide
     sql_submit(db, q.text, "");
     format_into(q.text, sizeof q.text, sql::kInsertHourOnce, hour, hour);
     sql_submit(db, q.text, "");
-    format_into(q.text, sizeof q.text, sql::kDeleteFrom, hour, from);
+    format_into(q.text, sizeof q.text, sql::kDeleteAfter, hour, from);
     sql_submit(db, q.text, "");
-    int second = 0;
-    for (ScannedRecord r; scan.next(r);) {
+    // A row at `from` that already names its record stays as it is, so an
+    // hour that agrees with its file is not written at all.
+    int kept_sec = 0, second = 0;
+    ScannedRecord r;
+    const bool first = scan.next(r);
+    const bool first_indexed = first && (video ? r.key : true);
+    if (first_indexed) kept_sec = r.sec;
+    format_into(q.text, sizeof q.text, sql::kDeleteAtOtherSec, hour, from, kept_sec);
+    sql_submit(db, q.text, "");
+    if (first_indexed) {
+        format_into(q.text, sizeof q.text, sql::kInsertIndexOnce, hour, r.sec, from, hour, from);
+        sql_submit(db, q.text, "");
+    }
+    second = first ? r.sec : 0;
+    while (first && scan.next(r)) {
         if (video ? !r.key : r.sec == second) continue;
         second = r.sec;
         format_into(q.text, sizeof q.text, sql::kInsertIndex, hour, r.sec, r.offset);

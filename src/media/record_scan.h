@@ -53,12 +53,12 @@ struct ScanEnd {
     int last_sec;
 };
 
-// The hour's index made to match its file from `from` on: rows at or after
-// `from` are deleted and one row is inserted per key frame (video) or per
-// second (audio, the first record of each second; the record at `from`
-// always) of the whole valid records from `from` up to `size`, in one
-// transaction under `m` (null: no lock).  The hour's table and its row in H
-// are created when missing.  Returns where the records end and the last time.
+// The hour's index made to match its file from `from` on: one row per key
+// frame (video) or per second (audio: the first record of each second, the
+// record at `from` always) of the whole valid records from `from` up to
+// `size`, and no other row at or after `from` (a row at `from` that names its
+// record is kept as it is), in one transaction under `m` (null: no lock).  The hour's table and its
+// row in H are created when missing.  Returns where the records end and the last time.
 ScanEnd index_from(FILE *fp, long long from, long long size, int hour, bool video,
                    pthread_mutex_t *m, SqlHandle db);
 

@@ -31,7 +31,12 @@ inline constexpr char kAudioResumeOffset[] = "select max(offset) from h%d where 
 inline constexpr char kSecAtOffset[] = "select sec from h%d where offset = %lld limit 1;";
 inline constexpr char kTableExists[] =
     "select count(*) from sqlite_master where type='table' and name='h%d';";
-inline constexpr char kDeleteFrom[] = "delete from h%d where offset >= %lld;";
+// Resume and reconcile: the rows after a restart point go, the row at it
+// stays when it names the record there (its time), and is added once.
+inline constexpr char kDeleteAfter[] = "delete from h%d where offset > %lld;";
+inline constexpr char kDeleteAtOtherSec[] = "delete from h%d where offset = %lld and sec <> %d;";
+inline constexpr char kInsertIndexOnce[] = "insert into h%d select NULL,%d,%lld where not exists "
+                                           "(select 1 from h%d where offset = %lld);";
 inline constexpr char kDeleteHour[] = "delete from h%d;";
 
 // playback location and stepping

@@ -89,6 +89,46 @@ TEST_F(Repair, AudioIndexHasOneRowPerSecond) {
         (Rows{"1," + std::to_string(kHour10) + ",0", "2," + std::to_string(kHour10 + 1) + ",180"}));
 }
 
+// Start-up repair reconciles a sound index with its streams: whole frames
+// past the last row are indexed, rows beyond the file dropped, the stream
+// files only read.  The day before the newest is reconciled only while the
+// newest day is young (begun less than an hour ago).
+int half_an_hour_into_the_day() {
+    return kDay + 1800;
+}
+
+TEST_F(Repair, StartUpReconcilesTheNewestDaysWithTheirStreams) {
+    const std::string eve_dir = dir / "20240309/video/1/";
+    record_video(root, {{1, {kDay - 3600 + 5}}});
+    const Bytes tail = make_frame(1, kHour11 + 8, true, 200),
+                torn = make_frame(1, kHour11 + 9, true, 80);
+    write_file(channel_dir + "11.stream", tail, true);
+    write_file(channel_dir + "11.stream", Bytes(torn.begin(), torn.begin() + 50), true);
+    write_file(eve_dir + "23.stream", make_frame(1, kDay - 3600 + 6, true, 200), true);
+    exec(video_db, "insert into h10 values(NULL," + std::to_string(kHour10 + 5) + ",5000);");
+    const auto stream11 = file_bytes(channel_dir + "11.stream");
+    const std::string eve = "select sec,offset from h23 order by id";
+    const Rows eve_before = rows(eve_dir + "video.db", eve);
+
+    testing::internal::CaptureStdout();
+    vrix_db_correct_all(root.c_str());
+    testing::internal::GetCapturedStdout();
+    Rows expected = written;
+    expected.push_back("2," + std::to_string(kHour11 + 8) + ",322");
+    EXPECT_EQ(index(), expected);
+    EXPECT_EQ(file_bytes(channel_dir + "11.stream"), stream11);
+    EXPECT_EQ(rows(eve_dir + "video.db", eve), eve_before) << "the newest day is not young";
+
+    const VrixTestHooks young{1, half_an_hour_into_the_day};
+    vrix_db_set_test_hooks(&young);
+    testing::internal::CaptureStdout();
+    vrix_db_correct_all(root.c_str());
+    testing::internal::GetCapturedStdout();
+    vrix_db_set_test_hooks(nullptr);
+    EXPECT_EQ(rows(eve_dir + "video.db", eve), (Rows{std::to_string(kDay - 3600 + 5) + ",0",
+                                                     std::to_string(kDay - 3600 + 6) + ",322"}));
+}
+
 TEST_F(Repair, DayListRestoredFromItsCopyOrRemoved) {
     vrix_db_backup(root.c_str(), kDayName);
     const auto good = file_bytes(date_db);
