@@ -25,7 +25,7 @@ struct Syncer {
     std::condition_variable wake;
     std::vector<SyncSource> sources;
     std::thread thread;
-    bool stop = false;
+    unsigned run = 0;           // a thread runs while this is its number
     long long last_pass_ms = 0; // clock time the last pass began; 0 = none yet
 };
 
@@ -43,6 +43,7 @@ long long clock_ms() {
 void pass(Syncer &s) {
     for (const SyncSource &src : s.sources)
         if (src.write_out) src.write_out(src.owner);
+    VRIX_SYNC_POINT("syncer:written_out");
     for (size_t i = 0; i < s.sources.size(); ++i) {
         const char *root = s.sources[i].root;
         const bool seen =
@@ -56,9 +57,9 @@ void pass(Syncer &s) {
 // hook's wait divisor) and passes once half an interval has gone by since
 // the last pass began: a byte handed over at t is durable by about
 // t + 5/8 T plus the time of one pass.
-void run(Syncer &s) {
+void run(Syncer &s, unsigned mine) {
     std::unique_lock hold(s.mutex);
-    while (!s.stop) {
+    while (s.run == mine) {
         const int t = g_interval_ms.load();
         if (t <= 0) {
             s.wake.wait(hold);
@@ -67,12 +68,13 @@ void run(Syncer &s) {
         // Never below 200 us, so that a large divisor does not spin.
         const unsigned long poll = std::max(200UL, paced_us(t * 1000UL / 8));
         s.wake.wait_for(hold, std::chrono::microseconds(poll));
-        if (s.stop || g_interval_ms.load() <= 0) continue;
+        if (s.run != mine || g_interval_ms.load() <= 0) continue;
         const long long now = clock_ms();
-        if (s.last_pass_ms && now >= s.last_pass_ms && now - s.last_pass_ms < t / 2) continue;
-        s.last_pass_ms = now;
-        pass(s);
-        VRIX_SYNC_POINT("syncer:pass_done");
+        if (!s.last_pass_ms || now < s.last_pass_ms || now - s.last_pass_ms >= t / 2) {
+            s.last_pass_ms = now;
+            pass(s);
+        }
+        VRIX_SYNC_POINT("syncer:looked");
     }
 }
 
@@ -83,9 +85,8 @@ void syncer_add(const SyncSource &src) {
     const std::lock_guard hold(s.mutex);
     s.sources.push_back(src);
     if (s.sources.size() == 1) {
-        s.stop = false;
         s.last_pass_ms = 0;
-        s.thread = std::thread([&s] { run(s); });
+        s.thread = std::thread([&s, mine = s.run] { run(s, mine); });
     }
 }
 
@@ -99,7 +100,7 @@ void syncer_remove(void *owner) {
         if (it == s.sources.end()) return;
         s.sources.erase(it);
         if (s.sources.empty()) {
-            s.stop = true;
+            ++s.run; // a thread started after this one runs under the next number
             done = std::move(s.thread);
         }
     }

@@ -11,9 +11,11 @@ inline constexpr char kInsertDay[] = "insert into H values(%d);";
 inline constexpr char kFindChannelDay[] = "select date from ch%d where date = %d limit 1;";
 inline constexpr char kInsertChannelDay[] = "insert into ch%d values(%d);";
 
-// The writers' connections to video.db and audio.db: the indexes are rebuilt
-// from the stream files after a power loss, so commits do not wait for the disk.
-inline constexpr char kIndexNoSync[] = "PRAGMA synchronous=OFF;";
+// The writers' connections to video.db and audio.db: the syncer makes them
+// durable with the stream files and the indexes are reconciled with the
+// stream files after a power loss, so commits do not wait for the disk; the
+// rollback journal is kept but not made and deleted again by every commit.
+inline constexpr char kIndexNoSync[] = "PRAGMA synchronous=OFF;PRAGMA journal_mode=PERSIST;";
 
 // video.db and audio.db
 inline constexpr char kCreateHourH[] = "create table H(hour int);";
