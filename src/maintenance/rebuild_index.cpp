@@ -4,6 +4,7 @@
 // and valid; every SQL failure is passed over.
 #include "maintenance.h"
 #include "store/format.h"
+#include "store/log.h"
 #include "store/records.h"
 #include "store/schema.h"
 
@@ -41,7 +42,7 @@ void insert_row(SqlHandle db, int hour, int sec, long long offset) {
 template <class Next> void rebuild(FILE *fp, SqlHandle db, int hour, size_t size, Next next) {
     Buffer buf(static_cast<unsigned char *>(std::malloc(size)));
     if (!buf) {
-        std::puts("vrix_db_repair_video : not enough memory !");
+        log_text("vrix_db_repair_video : not enough memory !");
         return;
     }
     if (!fp) return;

@@ -11,6 +11,7 @@
 #include "rec_writer.h"
 #include "registration.h"
 #include "store/format.h"
+#include "store/log.h"
 #include "store/paths.h"
 #include "store/records.h"
 #include "store/schema.h"
@@ -82,7 +83,7 @@ void move_to_day(RecContext &ctx, RecChannel &c, int n) {
             c.pVideoDb = nullptr;
         std::memcpy(c.strDay, ctx.strDay, 9);
     }
-    if (!opened) std::puts("vrix_db_rec_video : open sqlite fail");
+    if (!opened) log_text("vrix_db_rec_video : open sqlite fail");
     c.iSqlRows = 0;
     c.iSqlLen = 0;
     c.pSqlBuf[0] = '\0';
@@ -148,7 +149,7 @@ bool open_hour(RecContext &ctx, RecChannel &c, int n, const char *day, int hour,
     if (!c.fpStream) return false;
     const long long size = stream_size(c.fpStream);
     if (size < 0) {
-        std::printf("vrix_db_rec_video : ch%d cannot size %s\n", n, p.text);
+        log_line("vrix_db_rec_video : ch%d cannot size %s\n", n, p.text);
         std::fclose(c.fpStream);
         c.fpStream = nullptr;
         return false;
@@ -163,7 +164,7 @@ bool open_hour(RecContext &ctx, RecChannel &c, int n, const char *day, int hour,
     }
     const long long restart = resume_point(ctx, c, n, size);
     if (restart == kIndexUnknown) {
-        std::printf("vrix_db_rec_video : ch%d index of hour %d unreadable , appending\n", n, hour);
+        log_line("vrix_db_rec_video : ch%d index of hour %d unreadable , appending\n", n, hour);
         c.llOffset = size;
     } else {
         // Nothing older than the restart point may survive behind new data.
@@ -211,24 +212,23 @@ void index_key_frame(RecContext &ctx, RecChannel &c, int n, int sec, unsigned sc
 // The frame's own checks: size, header, scale and channel slot.
 bool frame_usable(const RecContext &ctx, const unsigned char *frame, int size, FrameInfo &f) {
     if (!frame || size < VRIX_FRAME_HEADER_SIZE || !parse_frame(frame, size, f)) {
-        std::printf("vrix_db_rec_video : drop frame of size %d\n", size);
+        log_line("vrix_db_rec_video : drop frame of size %d\n", size);
         return false;
     }
     if (static_cast<long long>(f.len) + VRIX_FRAME_HEADER_SIZE != size) {
-        std::printf("vrix_db_rec_video : drop frame , size %d but payload length %u\n", size,
-                    f.len);
+        log_line("vrix_db_rec_video : drop frame , size %d but payload length %u\n", size, f.len);
         return false;
     }
     if (frame_scale(f) > VRIX_MAX_SCALE) {
-        std::printf("vrix_db_rec_video : drop frame , scale %u out of range\n", frame_scale(f));
+        log_line("vrix_db_rec_video : drop frame , scale %u out of range\n", frame_scale(f));
         return false;
     }
     if (f.channel < 1 || f.channel >= ctx.iChannelCount) {
-        std::printf("vrix_db_rec_video : drop frame , channel %d has no slot\n", f.channel);
+        log_line("vrix_db_rec_video : drop frame , channel %d has no slot\n", f.channel);
         return false;
     }
     if (f.sec <= 0) {
-        std::printf("vrix_db_rec_video : drop frame , time %d\n", f.sec);
+        log_line("vrix_db_rec_video : drop frame , time %d\n", f.sec);
         return false;
     }
     return true;
@@ -283,7 +283,7 @@ extern "C" void vrix_db_rec_video_flush(RecContext *ctx, int ch) {
     using namespace vrix;
     if (!ctx) return;
     if (ch < 1 || ch >= ctx->iChannelCount) {
-        std::printf("vrix_db_rec_video_flush : channel %d has no slot\n", ch);
+        log_line("vrix_db_rec_video_flush : channel %d has no slot\n", ch);
         return;
     }
     RecChannel &c = ctx->pChannels[ch];

@@ -8,6 +8,12 @@
 #include <sys/ipc.h>
 #include <sys/msg.h>
 
+static int g_lines;
+
+static void count_line(const char *line, void *user) {
+    if (strcmp(line, "vrix db : already started") == 0 && user == &g_lines) ++g_lines;
+}
+
 int main(void) {
     struct tm tm;
     NotifyMessage m;
@@ -39,6 +45,10 @@ int main(void) {
     snprintf(version, sizeof version, "%d.%d.%d", VRIX_VERSION_MAJOR, VRIX_VERSION_MINOR,
              VRIX_VERSION_PATCH);
     if (strcmp(version, vrix_db_version()) != 0) return 7;
+    /* The library's lines reach a sink the application installs. */
+    vrix_db_set_log(count_line, &g_lines);
+    if (vrix_db_init(app) != 1 || g_lines != 1) return 8;
+    vrix_db_set_log(NULL, NULL);
     printf("consumer ok %s\n", version);
     return 0;
 }
