@@ -23,6 +23,15 @@ for db in "$DAY/video/5/video.db" "$DAY/event.db"; do
 done
 run repair --root "$ROOT"
 grep -q "done" "$OUT" || fail "repair: $(cat "$OUT")"
+# The library's lines (and the sqlite3 shell's) go to standard error, never
+# among the results; -q drops them, -v stamps them.
+grep -q "^check ch5 20240614$" "$ERR" && ! grep -q "^check ch" "$OUT" ||
+    fail "repair's library lines: $(cat "$OUT" "$ERR")"
+run -q repair --root "$ROOT"
+[ ! -s "$ERR" ] || fail "-q repair said: $(cat "$ERR")"
+run repair -v --root "$ROOT"
+grep -Eq "^[0-9]{2}:[0-9]{2}:[0-9]{2}\.[0-9]{3} vrix\[[0-9]+\] check ch5 20240614$" "$ERR" ||
+    fail "-v repair said: $(cat "$ERR")"
 [ "$(sql "$DAY/video/5/video.db" "select group_concat(sec || ':' || offset) from h11;")" = "$rows" ] ||
     fail "ch 5's index was not rebuilt as it was"
 [ "$(sql "$DAY/event.db" "select count(*) from h_all;")" = "$events" ] || fail "events not restored"

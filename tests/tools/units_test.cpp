@@ -82,7 +82,7 @@ TEST(Times, LocalTimesAndDays) {
     EXPECT_TRUE(parse_time("2024-02-29T23:59:59"));
     for (const char *bad :
          {"2023-02-29T00:00:00", "2024-06-14T24:00:00", "2024-06-14T11:60:00", "2024-6-14T11:00:00",
-          "2038-01-19T09:00:00", "0", "4294967296", "", "yesterday", "2024-06-14T11:00"})
+          "2038-01-19T09:00:00", "0", "4294967296", "", "2024-06-14T11", "20240614T110000"})
         EXPECT_FALSE(parse_time(bad)) << bad;
     // A day names the local midnight; the names go round.
     const auto day = parse_day("2024-06-14");
@@ -93,6 +93,36 @@ TEST(Times, LocalTimesAndDays) {
     EXPECT_EQ(day_name(*day + 86400), "20240615");
     EXPECT_EQ(day_start(*day + 45678), *day);
     EXPECT_FALSE(parse_day("20241301"));
+}
+
+// Every form a time option takes, against a fixed now: 2024-06-14T16:30:00
+// local (11:00:00 UTC).
+TEST(Times, AsUsersTypeThem) {
+    const long now = 1718362800L, midnight = 1718323200L - 19800;
+    const auto at = [now](const char *text) { return parse_time(text, now); };
+    EXPECT_EQ(at("now"), now);
+    EXPECT_EQ(at("-1h"), now - 3600);
+    EXPECT_EQ(at("-30min"), now - 1800);
+    EXPECT_EQ(at("+1h30m"), now + 5400);
+    EXPECT_EQ(at("-2d"), now - 2 * 86400);
+    EXPECT_EQ(at("-90s"), at("-90sec"));
+    EXPECT_EQ(at("today"), midnight);
+    EXPECT_EQ(at("yesterday"), midnight - 86400);
+    EXPECT_EQ(at("09:15"), midnight + 9 * 3600 + 15 * 60);
+    EXPECT_EQ(at("09:15:30"), midnight + 9 * 3600 + 15 * 60 + 30);
+    EXPECT_EQ(at("2024-06-14"), midnight);
+    EXPECT_EQ(at("2024-06-14T16:30"), now);
+    EXPECT_EQ(at("2024-06-14T11:00:00Z"), now);
+    EXPECT_EQ(at("2024-06-14 16:30:00+05:30"), now);
+    EXPECT_EQ(at("2024-06-14T06:00-05:00"), now);
+    EXPECT_EQ(at("@1718362800"), now);
+    // The day before the 1st of March of a leap year.
+    EXPECT_EQ(parse_time("yesterday", *parse_time("2024-03-01T12:00:00")), parse_day("2024-02-29"));
+    for (const char *bad : {"-1x", "-h", "1h", "- 1h", "-1h-", "25:00", "9:15", "12:00:60",
+                            "2024-06-14T11:00:00+5:30", "2024-06-14T11:00:00+15:00", "2024-06-14Z",
+                            "@", "@now", "tomorrow", "-99999999999s", "+100000d"})
+        EXPECT_FALSE(at(bad)) << bad;
+    EXPECT_FALSE(parse_time("-1h", 1000)) << "before 1970";
 }
 
 TEST(Lists, ChannelsAndTypes) {
