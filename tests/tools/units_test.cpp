@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstdio>
 #include <cstdlib>
 
 namespace vrixtool {
@@ -48,6 +50,45 @@ TEST(AccessUnits, PicturesWithTheirParameterSetsAndSlices) {
 TEST(AccessUnits, NothingWithoutStartCodes) {
     EXPECT_TRUE(split_access_units({}).empty());
     EXPECT_TRUE(split_access_units({1, 2, 3, 0, 0, 2, 0, 0}).empty());
+}
+
+// Read in 1 MiB pieces, a stream gives the units it gives whole: start codes
+// and slice headers cut by a read boundary, and a unit larger than a read.
+TEST(AccessUnits, ReadPieceByPieceAsWhole) {
+    std::vector<uint8_t> s = {0xff};
+    for (int i = 0; s.size() < (5u << 20); ++i) {
+        nal(s, i % 25 ? 1 : 5, i % 3 != 0);
+        const size_t body = i % 97 == 50 ? (1500u << 10) : 1000u + static_cast<size_t>(i % 7);
+        s.insert(s.end(), body, 0x55);
+    }
+    for (size_t cut : {size_t{1} << 20, (size_t{1} << 20) - 1, (size_t{1} << 20) - 2}) {
+        // Move the stream so a start code or header straddles the first read.
+        std::vector<uint8_t> t(s);
+        const auto whole = split_access_units(t);
+        std::vector<uint8_t> shifted(cut - whole[1].offset, 0x11);
+        shifted.insert(shifted.end(), t.begin(), t.end());
+        const auto want = split_access_units(shifted);
+        std::FILE *f = std::tmpfile();
+        ASSERT_NE(f, nullptr);
+        std::fwrite(shifted.data(), 1, shifted.size(), f);
+        std::rewind(f);
+        AccessUnitReader reader(f);
+        std::vector<uint8_t> au;
+        bool idr = false;
+        size_t n = 0;
+        while (reader.next(au, idr)) {
+            ASSERT_LT(n, want.size());
+            EXPECT_EQ(au.size(), want[n].size) << n;
+            EXPECT_EQ(idr, want[n].idr) << n;
+            EXPECT_TRUE(std::equal(au.begin(), au.end(),
+                                   shifted.begin() + static_cast<long>(want[n].offset)));
+            ++n;
+        }
+        EXPECT_EQ(n, want.size());
+        EXPECT_FALSE(reader.failed());
+        EXPECT_EQ(reader.bytes_read(), shifted.size());
+        std::fclose(f);
+    }
 }
 
 TEST(AccessUnits, PrefixCarriesKeyAndChannelBytes) {

@@ -121,13 +121,13 @@ int run_record(const RecordOptions &o) {
     bool fits = true;
     {
         std::optional<Progress> progress;
-        if (in.size > 0) progress.emplace(out(), "recording", static_cast<long>(in.size >> 10));
+        if (in.size > 0) progress.emplace(out(), "recording", static_cast<long>(in.size));
         for (size_t i = 0; i < lead.size() && fits; ++i)
             fits = r.write(lead[i], leadKey[i]);
         lead.clear();
         while (fits && reader.next(au, key)) {
             fits = r.write(au, key);
-            if (progress) progress->update(static_cast<long>(reader.bytes_read() >> 10));
+            if (progress) progress->update(static_cast<long>(reader.bytes_read()));
         }
     }
     vrix_db_rec_video_flush(r.rec, o.ch);
