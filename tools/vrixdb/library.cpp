@@ -14,6 +14,7 @@
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
+#include <mutex>
 #include <string>
 
 namespace vrixtool {
@@ -43,8 +44,17 @@ void to_stderr_stamped(const char *line, void *) {
 
 void ignore(const char *, void *) {}
 
+// Lines kept aside; the submit thread may report while start-up does, and
+// a line may still arrive after the sink changed, so the text outlives it.
+struct Collected {
+    std::mutex lock;
+    std::string text;
+};
+
 void collect(const char *line, void *user) {
-    *static_cast<std::string *>(user) += std::string(line) + "\n";
+    auto *c = static_cast<Collected *>(user);
+    const std::lock_guard<std::mutex> hold(c->lock);
+    c->text += std::string(line) + "\n";
 }
 
 // The companion library prints on its own (the submit thread's priority at
@@ -112,7 +122,7 @@ bool start_library() {
         }
         std::atexit([] { msgctl(g_appQueue, IPC_RMID, nullptr); });
         // What start-up says is kept aside and shown only when it fails.
-        std::string said;
+        static Collected said;
         vrix_db_set_log(collect, &said);
         const UniqueFile companion(std::tmpfile());
         StdoutAside aside(companion.get());
@@ -125,7 +135,8 @@ bool start_library() {
                 for (int c; (c = std::fgetc(companion.get())) != EOF;)
                     std::fputc(c, stderr);
             }
-            std::fprintf(stderr, "%svrixdb: the library did not start\n", said.c_str());
+            const std::lock_guard<std::mutex> hold(said.lock);
+            std::fprintf(stderr, "%svrixdb: the library did not start\n", said.text.c_str());
         }
         return ok == 1;
     }();

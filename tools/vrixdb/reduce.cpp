@@ -13,6 +13,7 @@
 #include <sys/statvfs.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <iostream>
 
 namespace vrixtool {
@@ -39,14 +40,18 @@ int64_t free_bytes(const std::string &root) {
 // rule, the oldest hour goes once; a rule is met when every one it names
 // holds.
 struct Rule {
-    const ReduceOptions &o;
     long cutoff = 0;       // --keep-days: hours ending before it go
     int64_t keepFree = -1; // --keep-free in bytes
     bool any() const { return cutoff || keepFree >= 0; }
     bool wants(long limit, const std::string &root) const {
         if (!any()) return true;
         if (cutoff && limit < cutoff) return true;
-        return keepFree >= 0 && free_bytes(root) < keepFree;
+        return short_of_space(root);
+    }
+    // An unknown free space never makes anything go.
+    bool short_of_space(const std::string &root) const {
+        const int64_t free = keepFree >= 0 ? free_bytes(root) : -1;
+        return free >= 0 && free < keepFree;
     }
     std::string text() const {
         std::string s;
@@ -71,8 +76,9 @@ bool confirmed(const ReduceOptions &o, const std::string &root, long limit, cons
 int run_reduce(const ReduceOptions &o) {
     const std::string root = library_root(o.root, "reduce");
     if (root.empty() || !require_store(root, "reduce")) return 1;
-    Rule rule{o};
-    if (o.keepDays) rule.cutoff = static_cast<long>(time(nullptr)) - o.keepDays * 86400L;
+    Rule rule;
+    if (o.keepDays)
+        rule.cutoff = std::max(1L, static_cast<long>(time(nullptr)) - o.keepDays * 86400L);
     if (!o.keepFree.empty()) rule.keepFree = *parse_size(o.keepFree);
     StoreIndex store(root);
     const bool empty = store.days().empty();
@@ -106,11 +112,11 @@ int run_reduce(const ReduceOptions &o) {
         // The library's own prediction of the next reduction's limit.
         const long limit = vrix_db_get_reduce_sec(root.c_str());
         if (!limit) {
-            const bool short_of_space = rule.keepFree >= 0 && free_bytes(root) < rule.keepFree;
+            const bool shortOfSpace = rule.short_of_space(root);
             if (!o.json)
                 std::fprintf(out(), "nothing left to reduce%s\n",
-                             short_of_space ? " (still short of free space)" : "");
-            return finish(short_of_space ? 1 : 0, "empty");
+                             shortOfSpace ? " (still short of free space)" : "");
+            return finish(shortOfSpace ? 1 : 0, "empty");
         }
         if (!rule.wants(limit, root)) {
             if (!o.json)
