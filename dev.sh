@@ -11,7 +11,7 @@ set -euo pipefail
 cd "$(dirname "$0")"
 
 packages=(cmake make g++ gcc binutils pkg-config libsqlite3-dev sqlite3 libgtest-dev
-  libcli11-dev libxml2-utils tzdata clang libclang-rt-14-dev
+  libcli11-dev nlohmann-json3-dev libxml2-utils tzdata clang libclang-rt-14-dev
   libavformat-dev libavcodec-dev libcpp-httplib-dev ffmpeg curl chromium)
 # The browser test's driver comes from npm; a node installed otherwise will do.
 command -v npm >/dev/null || packages+=(nodejs npm)

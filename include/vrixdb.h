@@ -408,12 +408,23 @@ VRIX_API int vrix_dvd_audio_get_start_time(int ch, int sec, const char *root, in
 VRIX_API int vrix_dvd_audio_get_end_time(int ch, int sec, const char *root, int bufSize);
 
 /* ==== Extensions ===========================================================
- * Beyond the recorder interface: the version, the sync interval, the test
- * hooks and the remove server.  Later additions of this library go here too. */
+ * Beyond the recorder interface: the version, the log sink, the sync
+ * interval, the test hooks and the remove server.  Later additions of this
+ * library go here too. */
 
 /* "MAJOR.MINOR.PATCH" of the library that is loaded (the macros above give
  * the version built against). */
 VRIX_API const char *vrix_db_version(void);
+
+/* The library's lines (its messages, "area : what failed", and the output of
+ * the sqlite3 shell its integrity check runs) go to standard output unless
+ * the application installs a sink: `fn` then gets each line, without its
+ * newline and at most 510 characters, with `user`, on whichever thread
+ * reports (several may call it at once).  A null `fn` restores standard
+ * output.  Installing is thread-safe; a line being reported while the sink
+ * changes may still reach the previous one. */
+typedef void (*VrixLogFn)(const char *line, void *user);
+VRIX_API void vrix_db_set_log(VrixLogFn fn, void *user);
 
 /* Durability: the sync interval T in milliseconds (default
  * VRIX_DEFAULT_SYNC_INTERVAL_MS, 2 s).  While a video, audio or event

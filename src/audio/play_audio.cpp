@@ -7,6 +7,7 @@
 #include "media/stream_file.h"
 #include "play_context.h"
 #include "store/format.h"
+#include "store/log.h"
 #include "store/paths.h"
 #include "store/records.h"
 #include "store/schema.h"
@@ -35,8 +36,8 @@ struct AudioMedia {
         format_into(q.text, sizeof q.text, direction == -1 ? sql::kDayUpTo : sql::kDayFrom,
                     midnight);
     }
-    static void open_failed() { std::puts("play audio : open sql fail"); }
-    static void no_rows(const AudioPlayContext &) { std::puts("play audio : get end point fail"); }
+    static void open_failed() { log_text("play audio : open sql fail"); }
+    static void no_rows(const AudioPlayContext &) { log_text("play audio : get end point fail"); }
     static void hint_missed(const AudioPlayContext &) {}
     static void position_missing(const char *, int) {}
 };
@@ -46,8 +47,8 @@ struct CloseAudioPlay {
 };
 
 void offset_message(const AudioPlayContext &c, int rows) {
-    std::printf("play audio : get offset iCount = %d , curpos = %d , endpos = %d\n", rows,
-                c.iCurPos, c.iEndPos);
+    log_line("play audio : get offset iCount = %d , curpos = %d , endpos = %d\n", rows, c.iCurPos,
+             c.iEndPos);
 }
 
 // The offset of index row `id`, checked against the record there; sought to
@@ -113,7 +114,7 @@ bool usable(const AudioPlayContext &c) {
 }
 
 int give_up(const char *step) {
-    std::printf("%s : audio index unavailable , giving up\n", step);
+    log_line("%s : audio index unavailable , giving up\n", step);
     return 0;
 }
 
@@ -125,10 +126,10 @@ extern "C" AudioPlayContext *vrix_db_open_get_audio(struct tm *start, struct tm 
     using namespace vrix;
     if (root && !root_fits(root, "vrix_db_open_get_audio")) return nullptr;
     if (!start || ch < 1 || ch > VRIX_AUDIO_CHANNELS || bufSize < VRIX_AUDIO_RECORD_SIZE) {
-        std::printf("vrix_db_open_get_audio : %s\n", !start ? "no start time"
-                                                     : bufSize < VRIX_AUDIO_RECORD_SIZE
-                                                         ? "buffer smaller than one record"
-                                                         : "channel out of range 1..4");
+        log_line("vrix_db_open_get_audio : %s\n", !start ? "no start time"
+                                                  : bufSize < VRIX_AUDIO_RECORD_SIZE
+                                                      ? "buffer smaller than one record"
+                                                      : "channel out of range 1..4");
         return nullptr;
     }
     refresh_timezone();
@@ -163,7 +164,7 @@ extern "C" int db_audio_date_rec_init(AudioPlayContext *ctx, struct tm *t, int *
 extern "C" int db_audio_get_new(AudioPlayContext *ctx, int sec, int direction) {
     if (!ctx) return 0;
     if (direction != 1 && direction != -1) {
-        std::printf("db_audio_get_new : direction %d is neither 1 nor -1\n", direction);
+        vrix::log_line("db_audio_get_new : direction %d is neither 1 nor -1\n", direction);
         return 0;
     }
     if (ctx->iDirection < 0 && (sec < 0 || ctx->iDirection != -1)) return 0;
@@ -253,7 +254,7 @@ extern "C" int vrix_db_next_audio(AudioPlayContext *ctx) {
             format_into(q.text, sizeof q.text, sql::kLastId, c.iHour);
             int last = 0;
             if (!query_int(audio_mutex(), c.pAudioDb, q.text, c.pIntResult, last))
-                std::puts("play audio : get endpos fail !");
+                log_text("play audio : get endpos fail !");
             if (last > c.iEndPos) {
                 c.iEndPos = last;
                 continue;
@@ -336,5 +337,5 @@ extern "C" void vrix_db_audio_set_end_time_forever(AudioPlayContext *ctx) {
 }
 
 extern "C" void vrix_db_show_audio_current_pos(AudioPlayContext *ctx) {
-    std::printf("ch%d audio current pos = %d\n", ctx->iCh, ctx->iCurPos);
+    vrix::log_line("ch%d audio current pos = %d\n", ctx->iCh, ctx->iCurPos);
 }

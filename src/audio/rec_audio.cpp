@@ -11,6 +11,7 @@
 #include "media/stream_file.h"
 #include "rec_context.h"
 #include "store/format.h"
+#include "store/log.h"
 #include "store/paths.h"
 #include "store/records.h"
 #include "store/schema.h"
@@ -69,7 +70,7 @@ void write_channel(AudioRecChannel &ch) {
     if (!ch.fpStream || !ch.iBufLen) return;
     const size_t w = write_bytes(ch.fpStream, ch.pFrameBuf, static_cast<size_t>(ch.iBufLen));
     if (w < static_cast<size_t>(ch.iBufLen)) {
-        std::puts("rec audio : ide error");
+        log_text("rec audio : ide error");
         send_message(g_iVrixDbSendMq, g_IdeErrMsg);
     }
     std::fflush(ch.fpStream);
@@ -126,7 +127,7 @@ bool open_hour_files(AudioRecContext &c, const char *audio_dir, int hour) {
         ch.llOffset = 0;
         dir_stream(p, dir.text, hour);
         if (!(ch.fpStream = open_stream_for_writing(p.text))) {
-            std::printf("rec audio : cannot open %s\n", p.text);
+            log_line("rec audio : cannot open %s\n", p.text);
             // The later channels stop rather than write on into the old hour.
             for (int j = k + 1; j < c.iChannelCount; ++j)
                 close_channel_file(c.pChannels[j]);
@@ -139,7 +140,7 @@ bool open_hour_files(AudioRecContext &c, const char *audio_dir, int hour) {
     const long long restart = m > 0 ? restart_at(c, hour, m) : 0;
     long long end = m;
     if (restart == kIndexUnknown || !c.pAudioDb) {
-        std::printf("rec audio : index of hour %d unreadable , continuing at %lld\n", hour, m);
+        log_line("rec audio : index of hour %d unreadable , continuing at %lld\n", hour, m);
     } else {
         // Every channel keeps the whole valid records all of them have from
         // the restart point on; their seconds are indexed.
@@ -201,8 +202,8 @@ extern "C" AudioRecContext *vrix_db_open_rec_audio(const char *root, int count) 
     using namespace vrix;
     if (!root_fits(root, "vrix_db_open_rec_audio")) return nullptr;
     if (count < 1 || count > VRIX_AUDIO_CHANNELS) {
-        std::printf("vrix_db_open_rec_audio : channel count %d out of range 1..%d\n", count,
-                    VRIX_AUDIO_CHANNELS);
+        log_line("vrix_db_open_rec_audio : channel count %d out of range 1..%d\n", count,
+                 VRIX_AUDIO_CHANNELS);
         return nullptr;
     }
     refresh_timezone();
@@ -256,7 +257,7 @@ extern "C" void vrix_db_rec_audio(AudioRecContext *ctx, const void *block) {
     const int t = static_cast<int>(load_le32(b + 192));
     uint32_t w = load_le32(b + 196);
     if (t <= 0) {
-        std::printf("vrix_db_rec_audio : drop block , time %d\n", t);
+        log_line("vrix_db_rec_audio : drop block , time %d\n", t);
         return;
     }
     const std::lock_guard hold(*ctx->pBufLock);
@@ -287,7 +288,7 @@ extern "C" void vrix_db_rec_audio(AudioRecContext *ctx, const void *block) {
     // An hour file's times never go back: resume and repair read a time below
     // the one before as the end of the valid records.
     if (t < ctx->iLastSec) {
-        std::printf("vrix_db_rec_audio : drop block , time %d before %d\n", t, ctx->iLastSec);
+        log_line("vrix_db_rec_audio : drop block , time %d before %d\n", t, ctx->iLastSec);
         return;
     }
     const bool index = ctx->iLastSec == 0 || ctx->iLastSec != t;

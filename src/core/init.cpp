@@ -2,6 +2,7 @@
 #include "flags.h"
 #include "lock_check.h"
 #include "messages.h"
+#include "store/log.h"
 #include "vrixdb.h"
 
 #include <sys/ipc.h>
@@ -59,7 +60,7 @@ extern "C" const char *vrix_db_version(void) {
 extern "C" int vrix_db_init(int send_queue) {
     using namespace vrix;
     if (g_started.load()) {
-        std::puts("vrix db : already started");
+        log_text("vrix db : already started");
         return 1;
     }
     for (int n = 1; n <= VRIX_VIDEO_CHANNELS; ++n)
@@ -83,19 +84,19 @@ extern "C" int vrix_db_init(int send_queue) {
     g_iVrixDbSendMq = send_queue;
 
     if ((g_iSubmitMq = msgget(VRIX_SUBMIT_MQ_KEY, kQueueFlags)) < 0) {
-        std::puts("vrix db : msgget failed");
+        log_text("vrix db : msgget failed");
         return 0;
     }
     if ((g_iRmMq = msgget(VRIX_RM_MQ_KEY, kQueueFlags)) < 0) {
-        std::puts("vrix db : rm msgget failed");
+        log_text("vrix db : rm msgget failed");
         return 0;
     }
     if ((g_iRmAckMq = msgget(VRIX_RM_ACK_MQ_KEY, kQueueFlags)) < 0) {
-        std::puts("vrix db : rm ack msgget failed");
+        log_text("vrix db : rm ack msgget failed");
         return 0;
     }
     if (pthread_create(&g_ThreadFd, nullptr, vrix_db_submit_thread, nullptr) != 0) {
-        std::puts("vrix db : create submit thread failed");
+        log_text("vrix db : create submit thread failed");
         return 0;
     }
     handover_wait(g_iDbSubmitThreadStopAck, true);

@@ -1,6 +1,7 @@
 #include "root_lock.h"
 
 #include "store/format.h"
+#include "store/log.h"
 #include "store/paths.h"
 
 #include <fcntl.h>
@@ -57,7 +58,7 @@ RootClaim *claim_root(const char *root, const char *who) {
             const int e = errno;
             close(fd);
             if (e == EWOULDBLOCK) {
-                std::printf("%s : %s is being recorded by another process\n", who, root);
+                log_line("%s : %s is being recorded by another process\n", who, root);
                 return nullptr;
             }
             fd = -1;

@@ -1,6 +1,7 @@
 #include "store_access.h"
 
 #include "store/format.h"
+#include "store/log.h"
 #include "store/schema.h"
 
 #include <cstdint>
@@ -20,12 +21,12 @@ namespace vrix {
 ResultTable make_holder(int rows, int width) {
     auto *slots = static_cast<ResultTable>(std::calloc(static_cast<size_t>(rows), sizeof(void *)));
     if (!slots) {
-        std::puts("vrix : malloc output error 2 !");
+        log_text("vrix : malloc output error 2 !");
         return nullptr;
     }
     for (int i = 0; i < rows; ++i) {
         if (!(slots[i] = std::calloc(1, static_cast<size_t>(width)))) {
-            std::puts("vrix : malloc output error 1 !");
+            log_text("vrix : malloc output error 1 !");
             db_free_sqlite(slots, i);
             return nullptr;
         }

@@ -6,6 +6,7 @@
 #include "flags.h"
 #include "messages.h"
 #include "store/format.h"
+#include "store/log.h"
 #include "store/paths.h"
 #include "store/records.h"
 #include "store/schema.h"
@@ -79,27 +80,27 @@ bool plausible_day(int day) {
 // 128 bytes of text: any other size is somebody else's.
 bool handle(RecContext *ctx, const NotifyMessage &msg, ssize_t size) {
     if (size > VRIX_MSG_TEXT_SIZE) {
-        std::printf("submit thread : drop message longer than %d bytes\n", VRIX_MSG_TEXT_SIZE);
+        log_line("submit thread : drop message longer than %d bytes\n", VRIX_MSG_TEXT_SIZE);
         return false;
     }
     if (size != VRIX_MSG_TEXT_SIZE) {
-        std::printf("submit thread : drop message of %zd bytes\n", size);
+        log_line("submit thread : drop message of %zd bytes\n", size);
         return false;
     }
     const unsigned kind = msg.mtext[0];
     if (kind == VRIX_MSG_STOP) {
         if (flag_get(g_iDbSubmitThreadStop) != 0 && message_word(msg, 4) == g_stop_seq.load())
             return true;
-        std::puts("submit thread : drop stop request nobody made");
+        log_text("submit thread : drop stop request nobody made");
         return false;
     }
     if (kind != VRIX_MSG_DAY && kind != VRIX_MSG_HOUR) {
-        std::printf("submit thread : drop message of kind %u\n", kind);
+        log_line("submit thread : drop message of kind %u\n", kind);
         return false;
     }
     const int day = message_word(msg, 4);
     if (!ctx || !plausible_day(day)) {
-        std::printf("submit thread : drop message of kind %u , day %d\n", kind, day);
+        log_line("submit thread : drop message of kind %u , day %d\n", kind, day);
         return false;
     }
     if (kind == VRIX_MSG_DAY) {
@@ -109,7 +110,7 @@ bool handle(RecContext *ctx, const NotifyMessage &msg, ssize_t size) {
     const int ch = msg.mtext[1];
     const int hour = msg.mtext[2];
     if (ch < 1 || ch >= channel_slots(*ctx) || hour > 23) {
-        std::printf("submit thread : drop hour message , channel %d , hour %d\n", ch, hour);
+        log_line("submit thread : drop hour message , channel %d , hour %d\n", ch, hour);
         return false;
     }
     register_hour_message(*ctx, ch, hour, day);

@@ -2,6 +2,7 @@
 
 #include "file_io.h"
 #include "pacing.h"
+#include "store/log.h"
 #include "sync_point.h"
 #include "vrixdb.h"
 
@@ -49,7 +50,7 @@ void pass(Syncer &s) {
         const bool seen =
             std::any_of(s.sources.begin(), s.sources.begin() + i,
                         [root](const SyncSource &o) { return std::strcmp(o.root, root) == 0; });
-        if (!seen && !io::sync_all(root)) std::printf("vrix db : cannot sync %s\n", root);
+        if (!seen && !io::sync_all(root)) log_line("vrix db : cannot sync %s\n", root);
     }
 }
 
@@ -110,7 +111,7 @@ void syncer_remove(void *owner) {
 
 void sync_closed(const char *root) {
     if (g_interval_ms.load() > 0 && root && !io::sync_all(root))
-        std::printf("vrix db : cannot sync %s\n", root);
+        log_line("vrix db : cannot sync %s\n", root);
 }
 
 int sync_interval_ms() {
@@ -122,8 +123,8 @@ int sync_interval_ms() {
 extern "C" int vrix_db_set_sync_interval(int milliseconds) {
     using namespace vrix;
     if (milliseconds < 0) {
-        std::printf("vrix_db_set_sync_interval : %d ms out of range , kept %d\n", milliseconds,
-                    g_interval_ms.load());
+        log_line("vrix_db_set_sync_interval : %d ms out of range , kept %d\n", milliseconds,
+                 g_interval_ms.load());
         return g_interval_ms.load();
     }
     Syncer &s = syncer();

@@ -5,6 +5,7 @@
 #include "core/store_access.h"
 #include "event/event_context.h"
 #include "store/format.h"
+#include "store/log.h"
 #include "store/paths.h"
 #include "store/schema.h"
 
@@ -196,7 +197,7 @@ extern "C" EventQueryContext *vrix_db_open_get_event(struct tm *start, uint32_t 
     const bool noChannel = !chMaskLo && !chMaskHi && !withCh0 && !(typeMask & kMinusOneTypes);
     if (!start || noChannel || !root || !typeMask || pageSize <= 0) return nullptr;
     if (!(typeMask & kTypeBits)) {
-        std::printf("%s : no event type selected\n", kWho);
+        log_line("%s : no event type selected\n", kWho);
         return nullptr;
     }
     if (!root_fits(root, kWho)) return nullptr;

@@ -7,6 +7,7 @@
 #include "core/syncer.h"
 #include "event/event_context.h"
 #include "store/format.h"
+#include "store/log.h"
 #include "store/paths.h"
 #include "store/schema.h"
 
@@ -36,7 +37,7 @@ constexpr int kMinuteType = 8;
 // when it cannot be had (a null path is a name that did not fit).
 int open_day(EventRecContext &ctx, const char *path, const char *who) {
     if (reopen_event_db(ctx.pEventDb, path, sql::kCreateEvents)) return 1;
-    std::printf("%s : open sqlite fail\n", who);
+    log_line("%s : open sqlite fail\n", who);
     return 0;
 }
 

@@ -4,6 +4,7 @@
 #include "core/flags.h"
 #include "maintenance.h"
 #include "store/format.h"
+#include "store/log.h"
 #include "store/paths.h"
 
 #include <cstdio>
@@ -38,14 +39,14 @@ void copy_aside(pthread_mutex_t *m, const Path &source) {
 
 extern "C" void vrix_db_start_backup(void) {
     using namespace vrix;
-    std::puts("enter start backup");
+    log_text("enter start backup");
     flag_set(g_iStopBackup, 0);
-    std::puts("leave start backup");
+    log_text("leave start backup");
 }
 
 extern "C" void vrix_db_stop_backup(void) {
     using namespace vrix;
-    std::puts("enter stop backup");
+    log_text("enter stop backup");
     if (flag_get(g_iStopBackup) == 0) {
         flag_set(g_iStopBackupAck, 0);
         flag_set(g_iStopBackup, 1);
@@ -53,14 +54,14 @@ extern "C" void vrix_db_stop_backup(void) {
             while (flag_get(g_iStopBackupAck) == 0 && flag_get(g_iBackuping) != 0)
                 poll_pause();
     }
-    std::puts("leave stop backup");
+    log_text("leave stop backup");
 }
 
 extern "C" void vrix_db_backup(const char *root, const char *day) {
     using namespace vrix;
     std::lock_guard<std::mutex> turn(g_backup_turn);
     const char *dayText = day ? day : "";
-    std::printf("before backup %s\n", dayText);
+    log_line("before backup %s\n", dayText);
     flag_set(g_iBackuping, 1);
     const bool named = root && day && root_fits(root, "backup");
     if (named && !flag_get(g_iStopBackup)) {
@@ -74,5 +75,5 @@ extern "C" void vrix_db_backup(const char *root, const char *day) {
     }
     flag_set(g_iBackuping, 0);
     flag_set(g_iStopBackupAck, 1);
-    std::printf("after backup %s\n", dayText);
+    log_line("after backup %s\n", dayText);
 }

@@ -5,6 +5,7 @@
 
 #include "core/calendar.h"
 #include "core/store_access.h"
+#include "store/log.h"
 #include "store/paths.h"
 #include "vrixdb.h"
 
@@ -28,7 +29,7 @@ struct MaintenanceStart {
         if (!holder.t) return false;
         Path p;
         if (reader_date_db(p, root) && date.open(p.text)) return true;
-        if (no_date) std::puts(no_date);
+        if (no_date) log_text(no_date);
         return false;
     }
 };

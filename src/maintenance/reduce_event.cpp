@@ -4,6 +4,7 @@
 #include "core/pacing.h"
 #include "maintenance.h"
 #include "store/format.h"
+#include "store/log.h"
 #include "store/paths.h"
 #include "store/schema.h"
 
@@ -23,7 +24,7 @@ void reduce_day(const char *root, int sec, const Db &date, Db &events, ResultTab
     format_into(q.text, sizeof q.text, sql::kFindDay, key);
     int found;
     if (!date.value(holder, q.text, found)) {
-        std::puts("event : no data in date");
+        log_text("event : no data in date");
         return;
     }
     pace_sleep_s(1);
@@ -36,8 +37,7 @@ void reduce_day(const char *root, int sec, const Db &date, Db &events, ResultTab
     const bool counted = events.value(holder, sql::kCountEvents, left);
     pace_sleep_s(1);
     if (counted && left > 0) {
-        std::printf("we have event yet on %d%02d%02d\n", tm.tm_year + 1900, tm.tm_mon + 1,
-                    tm.tm_mday);
+        log_line("we have event yet on %d%02d%02d\n", tm.tm_year + 1900, tm.tm_mon + 1, tm.tm_mday);
         return;
     }
     // No event left, or none could be counted (no h_all table): the day goes,
@@ -46,7 +46,7 @@ void reduce_day(const char *root, int sec, const Db &date, Db &events, ResultTab
     if (kept_for_recording("event", root, key, day, kWholeDay)) return;
     pace_sleep_s(1);
     if (writer_day_dir(p, root, day)) request_remove(kRemoveTree, p.text);
-    std::printf("delete event on %d%02d%02d\n", tm.tm_year + 1900, tm.tm_mon + 1, tm.tm_mday);
+    log_line("delete event on %d%02d%02d\n", tm.tm_year + 1900, tm.tm_mon + 1, tm.tm_mday);
     pace_sleep_s(10);
     unregister_day(date, key);
 }

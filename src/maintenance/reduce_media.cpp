@@ -5,6 +5,7 @@
 #include "core/pacing.h"
 #include "maintenance.h"
 #include "store/format.h"
+#include "store/log.h"
 #include "store/paths.h"
 #include "store/schema.h"
 
@@ -65,7 +66,7 @@ int predict(const char *root, const Db &date, Db &audio, ResultTable &holder) {
     if (!day_audio_db(p, root, day.name) || !audio.open(p.text)) return day.key + 3599;
     const int h = first_audio_hour(audio, holder, 500000);
     if (h < 0) {
-        std::puts("vrix_db_get_reduce_sec : no audio in this date !");
+        log_text("vrix_db_get_reduce_sec : no audio in this date !");
         return day.key + 3599 + 24 * 3600;
     }
     return day.key + 3599 + 3600 * h;
@@ -76,8 +77,8 @@ int predict(const char *root, const Db &date, Db &audio, ResultTable &holder) {
 void remove_day(const char *root, const Db &date, const Day &day) {
     Path p;
     if (writer_day_dir(p, root, day.name)) request_remove(kRemoveTree, p.text, true);
-    std::printf("delete date on %d%02d%02d\n", day.tm.tm_year + 1900, day.tm.tm_mon + 1,
-                day.tm.tm_mday);
+    log_line("delete date on %d%02d%02d\n", day.tm.tm_year + 1900, day.tm.tm_mon + 1,
+             day.tm.tm_mday);
     unregister_day(date, day.key);
 }
 
@@ -132,12 +133,12 @@ int reduce(const char *root, const Db &date, Db &audio, ResultTable &holder, con
         audio.close(); // not held open while its directory is removed
         if (kept_for_recording("media", root, day.key, day.name, kWholeDay)) return 0;
         remove_day(root, date, day);
-        std::puts("rm : no video data");
+        log_text("rm : no video data");
         return 0;
     }
     if (kept_for_recording("media", root, day.key, day.name, hour)) return 0;
     const int limit = day.key + 3599 + 3600 * hour;
-    std::printf("we got hour %d\n", hour);
+    log_line("we got hour %d\n", hour);
     for (int ch = 1; ch <= VRIX_VIDEO_CHANNELS; ++ch) {
         if (!reduce_channel(root, day, ch, hour, limit, stop, freeMB, fd)) return limit;
         pace_sleep_s(1);
@@ -170,7 +171,7 @@ extern "C" int vrix_db_reduce_media(const char *root, int *stop, int *freeMB, in
     Db audio(audio_mutex());
     Day day;
     if (!oldest_day(m.date, m.holder.t, day)) {
-        std::puts("media : no data in date");
+        log_text("media : no data in date");
         return 0;
     }
     const int limit = reduce(root, m.date, audio, m.holder.t, day, stop, freeMB, fd);

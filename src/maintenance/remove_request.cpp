@@ -5,6 +5,7 @@
 #include "core/pacing.h"
 #include "maintenance.h"
 #include "store/format.h"
+#include "store/log.h"
 #include "store/schema.h"
 
 #include <cstdio>
@@ -20,18 +21,18 @@ void request_remove(unsigned char command, const char *path, bool announce) {
     // A cut path could name something else: such a request is not made.
     if (!format_into(reinterpret_cast<char *>(g_RmMsg.mtext + 1), sizeof g_RmMsg.mtext - 1, "%s",
                      path)) {
-        std::printf("rm : path too long %s\n", path);
+        log_line("rm : path too long %s\n", path);
         return;
     }
     g_RmMsg.mtext[0] = command;
     if (send_message(g_iRmMq, g_RmMsg) != 0) {
         // Nobody will answer a request that never left.
-        std::printf("rm : send request fail %s\n", path);
+        log_line("rm : send request fail %s\n", path);
         return;
     }
-    if (announce) std::puts("before wait");
+    if (announce) log_text("before wait");
     receive_message(g_iRmAckMq, g_RmMsg);
-    if (announce) std::puts("after wait");
+    if (announce) log_text("after wait");
 }
 
 bool kept_for_recording(const char *who, const char *root, int day, const char *name,
@@ -39,9 +40,9 @@ bool kept_for_recording(const char *who, const char *root, int day, const char *
     const int live = live_hour_up_to(root, day, last_hour);
     if (live < 0) return false;
     if (last_hour == kWholeDay)
-        std::printf("%s : day %s is being recorded , kept\n", who, name);
+        log_line("%s : day %s is being recorded , kept\n", who, name);
     else
-        std::printf("%s : hour %d of %s is being recorded , kept\n", who, live, name);
+        log_line("%s : hour %d of %s is being recorded , kept\n", who, live, name);
     return true;
 }
 

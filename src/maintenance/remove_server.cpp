@@ -3,6 +3,7 @@
 // queue 1222, refused ones included, so the library never waits for nothing.
 #include "core/messages.h"
 #include "maintenance.h"
+#include "store/log.h"
 
 #include <limits.h>
 #include <sys/ipc.h>
@@ -71,9 +72,9 @@ int serve(const VrixRmServer &s, unsigned char command, const char *path) {
         }
     }
     if (outcome == VRIX_RM_REFUSED)
-        std::printf("rm server : refused %s\n", path);
+        log_line("rm server : refused %s\n", path);
     else if (outcome == VRIX_RM_FAILED)
-        std::printf("rm server : cannot remove %s\n", path);
+        log_line("rm server : cannot remove %s\n", path);
     if (s.log) s.log(command, path, outcome, s.user);
     return outcome;
 }
@@ -106,12 +107,12 @@ void run(VrixRmServer *s) {
 extern "C" VrixRmServer *vrix_rm_server_start(const char *root, VrixRmLogFn log, void *user) {
     char real[PATH_MAX];
     if (!root || !realpath(root, real)) {
-        std::printf("rm server : no root %s\n", root ? root : "(null)");
+        vrix::log_line("rm server : no root %s\n", root ? root : "(null)");
         return nullptr;
     }
     if (msgget(VRIX_RM_MQ_KEY, IPC_CREAT | 0666) < 0 ||
         msgget(VRIX_RM_ACK_MQ_KEY, IPC_CREAT | 0666) < 0) {
-        std::puts("rm server : msgget failed");
+        vrix::log_text("rm server : msgget failed");
         return nullptr;
     }
     auto *s = new (std::nothrow) VrixRmServer;
@@ -122,7 +123,7 @@ extern "C" VrixRmServer *vrix_rm_server_start(const char *root, VrixRmLogFn log,
     try {
         s->thread = std::thread(vrix::run, s);
     } catch (const std::system_error &) {
-        std::puts("rm server : cannot start its thread");
+        vrix::log_text("rm server : cannot start its thread");
         delete s;
         return nullptr;
     }

@@ -7,6 +7,7 @@
 #include "core/pacing.h"
 #include "maintenance.h"
 #include "store/format.h"
+#include "store/log.h"
 #include "store/paths.h"
 #include "store/schema.h"
 
@@ -44,16 +45,16 @@ bool sound(const char *db, const char *table, const Voice &voice, bool open_firs
     if (open_first) {
         File fp(std::fopen(db, "rb+"));
         if (!fp) {
-            if (voice.open_fail) std::puts("open fail");
+            if (voice.open_fail) log_text("open fail");
             return false;
         }
     }
-    if (voice.show_integrity) std::printf("sqlite3 %s \"%s\"\n", db, sql::kIntegrityCheck);
+    if (voice.show_integrity) log_line("sqlite3 %s \"%s\"\n", db, sql::kIntegrityCheck);
     if (run_shell(db, sql::kIntegrityCheck) != 0) return false;
     Sql count;
     if (!format_into(count.text, sizeof count.text, sql::kCountTable, table)) return false;
     const int status = run_shell(db, count.text);
-    if (voice.count_line) std::printf(voice.count_line, status);
+    if (voice.count_line) log_line(voice.count_line, status);
     return status == 0;
 }
 
@@ -63,7 +64,7 @@ bool side_paths(const char *db, SidePath &journal, SidePath &copy) {
     if (path_with_suffix(journal, db, "-journal") && path_with_suffix(copy, db, ".sql") &&
         Arg(copy.text).p.text[0] && Arg(db).p.text[0])
         return true;
-    std::printf("vrix_db_correct : path too long %s\n", db);
+    log_line("vrix_db_correct : path too long %s\n", db);
     return false;
 }
 
@@ -119,14 +120,14 @@ const IndexKind kAudioIndex{"vrix_db_correct_audio",
 void correct_index(const IndexKind &k, const char *dir) {
     SidePath db, journal;
     if (!k.db(db, dir) || !path_with_suffix(journal, db.text, "-journal")) {
-        std::printf("%s : path too long %s\n", k.who, dir);
+        log_line("%s : path too long %s\n", k.who, dir);
         return;
     }
-    if (k.announce_db) std::printf("open %s\n", db.text);
+    if (k.announce_db) log_line("open %s\n", db.text);
     if (sound(db.text, "H", k.voice)) return;
     std::remove(journal.text);
     std::remove(db.text);
-    if (k.announce_removal) std::printf("remove %s\n", db.text);
+    if (k.announce_removal) log_line("remove %s\n", db.text);
 
     Db index(nullptr);
     auto open_index = [&] {
@@ -139,7 +140,7 @@ void correct_index(const IndexKind &k, const char *dir) {
     for (int h = 0; h < 24; ++h) {
         Path stream;
         if (!k.stream(stream, dir, h)) continue;
-        if (k.per_stream) std::printf("open %s\n", stream.text);
+        if (k.per_stream) log_line("open %s\n", stream.text);
         File fp(io::open_file(stream.text, "rb+"));
         if (!fp) continue;
         if (!open_index()) return;
@@ -183,7 +184,7 @@ int days_to_check(SqlHandle date, int ch, int days[2]) {
     format_into(q.text, sizeof q.text, sql::kNewestChannelDay, ch);
     Holder h(1, kIntCell);
     const int n = query_locked(nullptr, date, q.text, "%d", h.t);
-    std::printf("iRet = %d\n", n);
+    log_line("iRet = %d\n", n);
     if (n <= 0 || !holder_int(h.t, days[0])) return 0;
     if (clock_now().sec - days[0] >= kYoungDay) return 1;
     format_into(q.text, sizeof q.text, sql::kChannelDayUpTo, ch, days[0] - 1);
@@ -194,7 +195,7 @@ int days_to_check(SqlHandle date, int ch, int days[2]) {
 // every database is left as it is.
 bool shell_ready(const char *who) {
     if (shell_runs()) return true;
-    std::printf("%s : sqlite3 shell cannot run, nothing checked\n", who);
+    log_line("%s : sqlite3 shell cannot run, nothing checked\n", who);
     return false;
 }
 
@@ -204,7 +205,7 @@ void correct_all(const char *root) {
     correct_db(p.text, "H");
     Db date(nullptr);
     if (!date.open(p.text)) {
-        std::puts("vrix_db_correct : fail");
+        log_text("vrix_db_correct : fail");
         return;
     }
     bool first_day = true;
@@ -217,8 +218,7 @@ void correct_all(const char *root) {
         if (n > 0) first_day = false;
         for (int r = 0; r < n; ++r) {
             const std::tm tm = fields_of(days[r]);
-            std::printf("check ch%d %d%02d%02d\n", ch, tm.tm_year + 1900, tm.tm_mon + 1,
-                        tm.tm_mday);
+            log_line("check ch%d %d%02d%02d\n", ch, tm.tm_year + 1900, tm.tm_mon + 1, tm.tm_mday);
             if (repair_channel_dir(p, root, tm, ch)) check_index(kVideoIndex, p.text);
             if (!media_too) continue;
             if (repair_audio_dir(p, root, tm)) check_index(kAudioIndex, p.text);

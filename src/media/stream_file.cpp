@@ -2,6 +2,7 @@
 
 #include "core/file_io.h"
 #include "core/messages.h"
+#include "store/log.h"
 #include "store/records.h"
 #include "store/schema.h"
 
@@ -33,8 +34,8 @@ size_t write_bytes(FILE *fp, const void *data, size_t len) {
 }
 
 void report_short_write(int ch, size_t written, size_t wanted) {
-    std::printf("rec : ch%d fwrite iRet = %d , Size = %d\n", ch, static_cast<int>(written),
-                static_cast<int>(wanted));
+    log_line("rec : ch%d fwrite iRet = %d , Size = %d\n", ch, static_cast<int>(written),
+             static_cast<int>(wanted));
     send_message(g_iVrixDbSendMq, g_IdeErrMsg);
 }
 

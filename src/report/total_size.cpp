@@ -3,6 +3,7 @@
 #include "core/calendar.h"
 #include "core/store_access.h"
 #include "store/format.h"
+#include "store/log.h"
 #include "store/paths.h"
 #include "store/schema.h"
 
@@ -92,7 +93,7 @@ struct Scan {
         Sql q;
         format_into(q.text, sizeof q.text, sql::kFirstOffsetFrom, t.tm_hour, static_cast<int>(sec));
         const bool found = query_offset(day.mutex(), day.get(), q.text, holder.t, out);
-        if (tag) std::printf("%s %s\n", tag, q.text);
+        if (tag) log_line("%s %s\n", tag, q.text);
         return found;
     }
     long long stream_size(long long sec) {
@@ -104,27 +105,27 @@ struct Scan {
 
 unsigned total_size(const Medium &m, struct tm *start, struct tm *end, const char *root, int ch) {
     if (!start || !end || !root || ch < 1 || ch > VRIX_VIDEO_CHANNELS) {
-        std::printf("%s : bad arguments\n", m.name);
+        log_line("%s : bad arguments\n", m.name);
         return 0;
     }
     Scan s{m, root, ch};
     if (!s.holder.t) return 0;
     const long long t1 = mktime(start), t2 = mktime(end);
-    if (m.per_second) std::printf("enter %s\n", m.name);
+    if (m.per_second) log_line("enter %s\n", m.name);
     if (t1 > t2) return 0;
-    if (!m.per_second) std::printf("enter %s\n", m.name);
+    if (!m.per_second) log_line("enter %s\n", m.name);
 
     long long H = t1 - (start->tm_sec + 60 * start->tm_min);
     long long L = t1;
     const long long E = t2 - (end->tm_sec + 60 * end->tm_min);
     unsigned long long T = 0, R = 0;
     auto leave = [&] {
-        std::printf("leave %s\n", m.name);
+        log_line("leave %s\n", m.name);
         return static_cast<unsigned>(R);
     };
     Path p;
     if (!reader_date_db(p, root) || !s.date.open(p.text)) {
-        std::puts(m.date_error);
+        log_text(m.date_error);
         return leave();
     }
     auto advance = [&] { L = H = H + 3600; };
@@ -163,7 +164,7 @@ unsigned total_size(const Medium &m, struct tm *start, struct tm *end, const cha
     long long s0, s1;
     if (!s.first_offset(L, s0, m.print_queries ? "1" : nullptr)) return leave();
     const bool ends = s.first_offset(t2, s1, m.print_queries ? "2" : nullptr);
-    if (ends) std::printf("u64StartOffset = %lld , u64EndOffset = %lld\n", s0, s1);
+    if (ends) log_line("u64StartOffset = %lld , u64EndOffset = %lld\n", s0, s1);
     const long long z = s.stream_size(L);
     if (z < 0) return leave(); // no file, no bytes
     if (ends)

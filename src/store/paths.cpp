@@ -1,4 +1,5 @@
 #include "paths.h"
+#include "log.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -8,11 +9,11 @@ namespace vrix {
 
 bool root_fits(const char *root, const char *who) {
     if (!root) {
-        std::printf("%s : no root path\n", who);
+        log_line("%s : no root path\n", who);
         return false;
     }
     if (std::strlen(root) > kMaxRootLength) {
-        std::printf("%s : root path too long\n", who);
+        log_line("%s : root path too long\n", who);
         return false;
     }
     return true;

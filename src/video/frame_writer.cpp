@@ -12,6 +12,7 @@
 #include "rec_writer.h"
 #include "registration.h"
 #include "store/format.h"
+#include "store/log.h"
 #include "store/paths.h"
 #include "store/records.h"
 #include "store/schema.h"
@@ -105,7 +106,7 @@ void move_to_day(RecContext &ctx, RecChannel &c, int n) {
             c.pVideoDb = nullptr;
         std::memcpy(c.strDay, ctx.strDay, 9);
     }
-    if (!opened) std::puts("vrix_db_rec_video : open sqlite fail");
+    if (!opened) log_text("vrix_db_rec_video : open sqlite fail");
     c.iSqlRows = 0;
     c.iSqlLen = 0;
     c.pSqlBuf[0] = '\0';
@@ -171,7 +172,7 @@ bool open_hour(RecContext &ctx, RecChannel &c, int n, const char *day, int hour,
     if (!fp) return false;
     const long long size = stream_size(fp);
     if (size < 0) {
-        std::printf("vrix_db_rec_video : ch%d cannot size %s\n", n, p.text);
+        log_line("vrix_db_rec_video : ch%d cannot size %s\n", n, p.text);
         std::fclose(fp);
         return false;
     }
@@ -189,7 +190,7 @@ bool open_hour(RecContext &ctx, RecChannel &c, int n, const char *day, int hour,
     }
     const ScanEnd kept = resume_point(ctx, c, n, size);
     if (kept.end == kIndexUnknown) {
-        std::printf("vrix_db_rec_video : ch%d index of hour %d unreadable , appending\n", n, hour);
+        log_line("vrix_db_rec_video : ch%d index of hour %d unreadable , appending\n", n, hour);
         c.llOffset = size;
     } else {
         // Only a torn or invalid tail goes: nothing but whole records of
@@ -236,29 +237,28 @@ void index_key_frame(RecContext &ctx, RecChannel &c, int n, int sec, unsigned sc
 // The frame's own checks: size, header, scale and channel slot.
 bool frame_usable(const RecContext &ctx, const unsigned char *frame, int size, FrameInfo &f) {
     if (!frame || size < VRIX_FRAME_HEADER_SIZE || !parse_frame(frame, size, f)) {
-        std::printf("vrix_db_rec_video : drop frame of size %d\n", size);
+        log_line("vrix_db_rec_video : drop frame of size %d\n", size);
         return false;
     }
     if (f.len > VRIX_MAX_FRAME_PAYLOAD) {
-        std::printf("vrix_db_rec_video : drop frame , payload length %u above %d\n", f.len,
-                    VRIX_MAX_FRAME_PAYLOAD);
+        log_line("vrix_db_rec_video : drop frame , payload length %u above %d\n", f.len,
+                 VRIX_MAX_FRAME_PAYLOAD);
         return false;
     }
     if (static_cast<long long>(f.len) + VRIX_FRAME_HEADER_SIZE != size) {
-        std::printf("vrix_db_rec_video : drop frame , size %d but payload length %u\n", size,
-                    f.len);
+        log_line("vrix_db_rec_video : drop frame , size %d but payload length %u\n", size, f.len);
         return false;
     }
     if (frame_scale(f) > VRIX_MAX_SCALE) {
-        std::printf("vrix_db_rec_video : drop frame , scale %u out of range\n", frame_scale(f));
+        log_line("vrix_db_rec_video : drop frame , scale %u out of range\n", frame_scale(f));
         return false;
     }
     if (f.channel < 1 || f.channel >= ctx.iChannelCount) {
-        std::printf("vrix_db_rec_video : drop frame , channel %d has no slot\n", f.channel);
+        log_line("vrix_db_rec_video : drop frame , channel %d has no slot\n", f.channel);
         return false;
     }
     if (f.sec <= 0) {
-        std::printf("vrix_db_rec_video : drop frame , time %d\n", f.sec);
+        log_line("vrix_db_rec_video : drop frame , time %d\n", f.sec);
         return false;
     }
     return true;
@@ -307,7 +307,7 @@ extern "C" void vrix_db_rec_video(RecContext *ctx, const void *frame, int size) 
     // An hour file's times never go back: resume and repair read a time below
     // the one before as the end of the valid records.
     if (f.sec < c.iLastSec) {
-        std::printf("vrix_db_rec_video : drop frame , time %d before %d\n", f.sec, c.iLastSec);
+        log_line("vrix_db_rec_video : drop frame , time %d before %d\n", f.sec, c.iLastSec);
         c.iWaitKey = 1; // what follows it needs a key frame again
         return;
     }
@@ -321,7 +321,7 @@ extern "C" void vrix_db_rec_video_flush(RecContext *ctx, int ch) {
     using namespace vrix;
     if (!ctx) return;
     if (ch < 1 || ch >= ctx->iChannelCount) {
-        std::printf("vrix_db_rec_video_flush : channel %d has no slot\n", ch);
+        log_line("vrix_db_rec_video_flush : channel %d has no slot\n", ch);
         return;
     }
     RecChannel &c = ctx->pChannels[ch];

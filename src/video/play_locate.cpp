@@ -2,6 +2,7 @@
 // from the day's video.db, the key frame from the hour's index.
 #include "media/locate.h"
 #include "play_context.h"
+#include "store/log.h"
 #include "store/paths.h"
 
 namespace vrix {
@@ -24,12 +25,12 @@ struct VideoMedia {
     }
     static void open_failed() {}
     static void no_rows(const PlayContext &) {}
-    static void hint_missed(const PlayContext &c) { std::printf("ch%d not found\n", c.iCh); }
+    static void hint_missed(const PlayContext &c) { log_line("ch%d not found\n", c.iCh); }
     static void position_missing(const char *sql, int rows) {
         if (rows == 0)
-            std::printf("count = 0 , %s\n", sql);
+            log_line("count = 0 , %s\n", sql);
         else
-            std::printf("db : output is NULL , count = %d\nstrFile = %s\n", rows, sql);
+            log_line("db : output is NULL , count = %d\nstrFile = %s\n", rows, sql);
     }
 };
 
@@ -47,7 +48,7 @@ extern "C" int db_video_date_rec_init(PlayContext *ctx, struct tm *t, int *pos, 
 extern "C" int db_video_get_new(PlayContext *ctx, int sec, int direction) {
     if (!ctx) return 0;
     if (direction != 1 && direction != -1) {
-        std::printf("db_video_get_new : direction %d is neither 1 nor -1\n", direction);
+        vrix::log_line("db_video_get_new : direction %d is neither 1 nor -1\n", direction);
         return 0;
     }
     if (!ctx->pVideoDb) ctx->iDirection = 0;

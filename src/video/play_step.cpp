@@ -8,6 +8,7 @@
 #include "play_context.h"
 #include "play_video.h"
 #include "store/format.h"
+#include "store/log.h"
 #include "store/records.h"
 #include "store/schema.h"
 
@@ -84,7 +85,7 @@ bool row_after(PlayContext &c, long long offset, int &id) {
 }
 
 int give_up(PlayContext &c, const char *step) {
-    std::printf("%s : ch%d index of hour %d unavailable , giving up\n", step, c.iCh, c.iHour);
+    log_line("%s : ch%d index of hour %d unavailable , giving up\n", step, c.iCh, c.iHour);
     c.iEnd = 1;
     return 0;
 }

@@ -3,6 +3,7 @@
 #include "core/store_access.h"
 #include "media/locate.h"
 #include "play_context.h"
+#include "store/log.h"
 #include "store/paths.h"
 
 #include <cstdint>
@@ -26,13 +27,12 @@ extern "C" PlayContext *vrix_db_open_get_video(struct tm *start, struct tm *end,
     using namespace vrix;
     if (root && !root_fits(root, "vrix_db_open_get_video")) return nullptr;
     if (ch < 1 || ch > VRIX_VIDEO_CHANNELS) {
-        std::printf("vrix_db_open_get_video : channel %d out of range 1..%d\n", ch,
-                    VRIX_VIDEO_CHANNELS);
+        log_line("vrix_db_open_get_video : channel %d out of range 1..%d\n", ch,
+                 VRIX_VIDEO_CHANNELS);
         return nullptr;
     }
     if (!start || bufSize <= 0) {
-        std::printf("vrix_db_open_get_video : %s\n",
-                    start ? "no frame buffer size" : "no start time");
+        log_line("vrix_db_open_get_video : %s\n", start ? "no frame buffer size" : "no start time");
         return nullptr;
     }
     refresh_timezone();
@@ -106,5 +106,5 @@ extern "C" void vrix_db_video_set_end_time_forever(PlayContext *ctx) {
 }
 
 extern "C" void vrix_db_show_current_pos(PlayContext *ctx) {
-    std::printf("ch%d current pos = %d\n", ctx->iCh, ctx->iCurPos);
+    vrix::log_line("ch%d current pos = %d\n", ctx->iCh, ctx->iCurPos);
 }

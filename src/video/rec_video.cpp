@@ -7,6 +7,7 @@
 #include "rec_context.h"
 #include "rec_writer.h"
 #include "store/format.h"
+#include "store/log.h"
 #include "store/paths.h"
 #include "store/schema.h"
 
@@ -33,7 +34,7 @@ void open_date_db(RecContext &ctx) {
     SqlLock hold(date_mutex());
     if (sql_open(p.text, &ctx.pDateDb) != 0) {
         ctx.pDateDb = nullptr;
-        std::puts("vrix_db_open_rec_video : open sqlite fail");
+        log_text("vrix_db_open_rec_video : open sqlite fail");
         return;
     }
     Sql q;
@@ -64,12 +65,12 @@ extern "C" RecContext *vrix_db_open_rec_video(const char *root, int count) {
     using namespace vrix;
     if (!root_fits(root, "vrix_db_open_rec_video")) return nullptr;
     if (count < 0 || count > kMaxRecSlots) {
-        std::printf("vrix_db_open_rec_video : channel count %d out of range 0..%d\n", count,
-                    kMaxRecSlots);
+        log_line("vrix_db_open_rec_video : channel count %d out of range 0..%d\n", count,
+                 kMaxRecSlots);
         return nullptr;
     }
     if (g_rec_open.exchange(true)) {
-        std::puts("vrix_db_open_rec_video : a recording context is open already");
+        log_text("vrix_db_open_rec_video : a recording context is open already");
         return nullptr;
     }
     RootClaim *claim = claim_root(root, "vrix_db_open_rec_video");

@@ -8,6 +8,12 @@
 #include <sys/ipc.h>
 #include <sys/msg.h>
 
+static int g_lines;
+
+static void count_line(const char *line, void *user) {
+    if (strcmp(line, "vrix db : already started") == 0 && user == &g_lines) ++g_lines;
+}
+
 int main(void) {
     struct tm tm;
     NotifyMessage m;
@@ -42,6 +48,10 @@ int main(void) {
     if (vrix_db_set_sync_interval(500) != VRIX_DEFAULT_SYNC_INTERVAL_MS ||
         vrix_db_set_sync_interval(VRIX_DEFAULT_SYNC_INTERVAL_MS) != 500)
         return 8;
+    /* The library's lines reach a sink the application installs. */
+    vrix_db_set_log(count_line, &g_lines);
+    if (vrix_db_init(app) != 1 || g_lines != 1) return 9;
+    vrix_db_set_log(NULL, NULL);
     printf("consumer ok %s\n", version);
     return 0;
 }

@@ -4,15 +4,25 @@
 VRIXDB=$1
 . "$(dirname "$0")/lib.sh"
 
-subcommands="demo record-h264 export-h264 ls play events timeline size range reduce backup repair"
+subcommands="help demo record-h264 export-h264 ls play events timeline size range reduce backup repair"
 run --help
 for sub in $subcommands; do
     grep -q "^  $sub" "$OUT" || fail "--help does not list $sub"
 done
-for sub in $subcommands; do
+for sub in ${subcommands#help }; do
     run "$sub" --help
     grep -q -- "--root" "$OUT" || fail "$sub --help shows no --root"
+    run help "$sub"
+    grep -q -- "--root" "$OUT" || fail "help $sub shows no --root"
 done
+run --version
+grep -qx "vrixdb [0-9]*\.[0-9]*\.[0-9]*" "$OUT" || fail "--version says: $(cat "$OUT")"
+# An unknown subcommand is named, with the list.
+refused frobnicate --root x
+grep -q "unknown subcommand frobnicate" "$ERR" && grep -q "subcommands: help demo" "$ERR" ||
+    fail "unknown subcommand: $(cat "$ERR")"
+refused help frobnicate
+refused -q -v ls --root x
 
 W=$SCRATCH/work
 mkdir -p "$W/foreign" && echo keep >"$W/foreign/file"
@@ -41,7 +51,8 @@ refused ls --root "$W/foreign" --day 20241301
 refused play --root "$W/foreign" --ch 1 --from $T
 refused play --root "$W/foreign" --ch 0 --from $T
 refused play --root "$W/foreign" --ch 1 --from $T --iframes 0
-refused play --root "$W/foreign" --ch 1 --from yesterday
+refused play --root "$W/foreign" --ch 1 --from tomorrow
+refused play --root "$W/foreign" --ch 1 --from -1week
 refused events --root "$W/foreign" --from $T
 refused events --root "$W/foreign" --from $T --ch 65
 refused events --root "$W/foreign" --from $T --type fire

@@ -23,6 +23,17 @@ for db in "$DAY/video/5/video.db" "$DAY/event.db"; do
 done
 run repair --root "$ROOT"
 grep -q "done" "$OUT" || fail "repair: $(cat "$OUT")"
+# The library's lines (and the sqlite3 shell's) go to standard error, never
+# among the results; -q drops them, -v stamps them.
+grep -q "^check ch5 20240614$" "$ERR" && ! grep -q "^check ch" "$OUT" ||
+    fail "repair's library lines: $(cat "$OUT" "$ERR")"
+run -q repair --root "$ROOT"
+[ ! -s "$ERR" ] || fail "-q repair said: $(cat "$ERR")"
+run repair -v --root "$ROOT" --json
+[ "$(sqlite3 :memory: "select json_extract(readfile('$OUT'), '\$.done');")" = 1 ] ||
+    fail "repair --json: $(cat "$OUT")"
+grep -Eq "^[0-9]{2}:[0-9]{2}:[0-9]{2}\.[0-9]{3} vrix\[[0-9]+\] check ch5 20240614$" "$ERR" ||
+    fail "-v repair said: $(cat "$ERR")"
 [ "$(sql "$DAY/video/5/video.db" "select group_concat(sec || ':' || offset) from h11;")" = "$rows" ] ||
     fail "ch 5's index was not rebuilt as it was"
 [ "$(sql "$DAY/event.db" "select count(*) from h_all;")" = "$events" ] || fail "events not restored"
@@ -35,6 +46,15 @@ cmp "$ROOT/date.db" "$ROOT/date.db.sql" || fail "date.db not restored from its c
 # Reduce the oldest hour, the only one left in this store: its streams go,
 # and with the events up to its end the day goes too.  A stream file that is
 # not there is nothing to remove, not a failure.
+# What would go, and rules that already hold: nothing is deleted.
+run reduce --root "$ROOT" --fast --dry-run --json
+[ "$(sqlite3 :memory: "select json_extract(readfile('$OUT'), '\$.would_reduce_up_to.local');")" = \
+    2024-06-14T11:59:59 ] || fail "reduce --dry-run: $(cat "$OUT")"
+run reduce --root "$ROOT" --fast --keep-free 1M --keep-days 36500
+grep -q "^nothing to reduce: the oldest hour left, up to 2024-06-14T11:59:59, is kept" "$OUT" ||
+    fail "reduce with the rules holding: $(cat "$OUT")"
+[ -e "$DAY/video/9/11.stream" ] || fail "reduce deleted what the rules keep"
+refused reduce --root "$ROOT" --keep-free lots
 rm "$DAY/video/9/11.stream"
 run reduce --root "$ROOT" --fast
 grep -q "^reduced up to 2024-06-14T11:59:59: 16 files removed,.*(1 not there)" "$OUT" ||

@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstdio>
 #include <cstdlib>
 
 namespace vrixtool {
@@ -50,6 +52,45 @@ TEST(AccessUnits, NothingWithoutStartCodes) {
     EXPECT_TRUE(split_access_units({1, 2, 3, 0, 0, 2, 0, 0}).empty());
 }
 
+// Read in 1 MiB pieces, a stream gives the units it gives whole: start codes
+// and slice headers cut by a read boundary, and a unit larger than a read.
+TEST(AccessUnits, ReadPieceByPieceAsWhole) {
+    std::vector<uint8_t> s = {0xff};
+    for (int i = 0; s.size() < (5u << 20); ++i) {
+        nal(s, i % 25 ? 1 : 5, i % 3 != 0);
+        const size_t body = i % 97 == 50 ? (1500u << 10) : 1000u + static_cast<size_t>(i % 7);
+        s.insert(s.end(), body, 0x55);
+    }
+    for (size_t cut : {size_t{1} << 20, (size_t{1} << 20) - 1, (size_t{1} << 20) - 2}) {
+        // Move the stream so a start code or header straddles the first read.
+        std::vector<uint8_t> t(s);
+        const auto whole = split_access_units(t);
+        std::vector<uint8_t> shifted(cut - whole[1].offset, 0x11);
+        shifted.insert(shifted.end(), t.begin(), t.end());
+        const auto want = split_access_units(shifted);
+        std::FILE *f = std::tmpfile();
+        ASSERT_NE(f, nullptr);
+        std::fwrite(shifted.data(), 1, shifted.size(), f);
+        std::rewind(f);
+        AccessUnitReader reader(f);
+        std::vector<uint8_t> au;
+        bool idr = false;
+        size_t n = 0;
+        while (reader.next(au, idr)) {
+            ASSERT_LT(n, want.size());
+            EXPECT_EQ(au.size(), want[n].size) << n;
+            EXPECT_EQ(idr, want[n].idr) << n;
+            EXPECT_TRUE(std::equal(au.begin(), au.end(),
+                                   shifted.begin() + static_cast<long>(want[n].offset)));
+            ++n;
+        }
+        EXPECT_EQ(n, want.size());
+        EXPECT_FALSE(reader.failed());
+        EXPECT_EQ(reader.bytes_read(), shifted.size());
+        std::fclose(f);
+    }
+}
+
 TEST(AccessUnits, PrefixCarriesKeyAndChannelBytes) {
     const std::vector<uint8_t> au = {0, 0, 0, 1, 0x65, 0x88, 1, 2, 3};
     for (bool idr : {true, false}) {
@@ -82,7 +123,7 @@ TEST(Times, LocalTimesAndDays) {
     EXPECT_TRUE(parse_time("2024-02-29T23:59:59"));
     for (const char *bad :
          {"2023-02-29T00:00:00", "2024-06-14T24:00:00", "2024-06-14T11:60:00", "2024-6-14T11:00:00",
-          "2038-01-19T09:00:00", "0", "4294967296", "", "yesterday", "2024-06-14T11:00"})
+          "2038-01-19T09:00:00", "0", "4294967296", "", "2024-06-14T11", "20240614T110000"})
         EXPECT_FALSE(parse_time(bad)) << bad;
     // A day names the local midnight; the names go round.
     const auto day = parse_day("2024-06-14");
@@ -93,6 +134,36 @@ TEST(Times, LocalTimesAndDays) {
     EXPECT_EQ(day_name(*day + 86400), "20240615");
     EXPECT_EQ(day_start(*day + 45678), *day);
     EXPECT_FALSE(parse_day("20241301"));
+}
+
+// Every form a time option takes, against a fixed now: 2024-06-14T16:30:00
+// local (11:00:00 UTC).
+TEST(Times, AsUsersTypeThem) {
+    const long now = 1718362800L, midnight = 1718323200L - 19800;
+    const auto at = [now](const char *text) { return parse_time(text, now); };
+    EXPECT_EQ(at("now"), now);
+    EXPECT_EQ(at("-1h"), now - 3600);
+    EXPECT_EQ(at("-30min"), now - 1800);
+    EXPECT_EQ(at("+1h30m"), now + 5400);
+    EXPECT_EQ(at("-2d"), now - 2 * 86400);
+    EXPECT_EQ(at("-90s"), at("-90sec"));
+    EXPECT_EQ(at("today"), midnight);
+    EXPECT_EQ(at("yesterday"), midnight - 86400);
+    EXPECT_EQ(at("09:15"), midnight + 9 * 3600 + 15 * 60);
+    EXPECT_EQ(at("09:15:30"), midnight + 9 * 3600 + 15 * 60 + 30);
+    EXPECT_EQ(at("2024-06-14"), midnight);
+    EXPECT_EQ(at("2024-06-14T16:30"), now);
+    EXPECT_EQ(at("2024-06-14T11:00:00Z"), now);
+    EXPECT_EQ(at("2024-06-14 16:30:00+05:30"), now);
+    EXPECT_EQ(at("2024-06-14T06:00-05:00"), now);
+    EXPECT_EQ(at("@1718362800"), now);
+    // The day before the 1st of March of a leap year.
+    EXPECT_EQ(parse_time("yesterday", *parse_time("2024-03-01T12:00:00")), parse_day("2024-02-29"));
+    for (const char *bad : {"-1x", "-h", "1h", "- 1h", "-1h-", "25:00", "9:15", "12:00:60",
+                            "2024-06-14T11:00:00+5:30", "2024-06-14T11:00:00+15:00", "2024-06-14Z",
+                            "@", "@now", "tomorrow", "-99999999999s", "+100000d"})
+        EXPECT_FALSE(at(bad)) << bad;
+    EXPECT_FALSE(parse_time("-1h", 1000)) << "before 1970";
 }
 
 TEST(Lists, ChannelsAndTypes) {

@@ -4,7 +4,6 @@
 #include "vrixdb.h"
 #include "vrixdb/cli.h"
 #include "vrixdb/library.h"
-#include "vrixdb/library_lines.h"
 #include "vrixdb/progress.h"
 #include "vrixdb/store_index.h"
 #include "vrixdb/timeline_svg.h"
@@ -124,8 +123,8 @@ int run_demo(const DemoOptions &o) {
     // alone goes to the terminal.
     const std::string logPath = d.root + "/demo.log";
     const UniqueFile logFile(std::fopen(logPath.c_str(), "w"));
-    std::optional<LibraryLines> log;
-    if (logFile) log.emplace(fileno(logFile.get()), true);
+    std::optional<LibraryLog> log;
+    if (logFile) log.emplace(logFile.get());
     d.out = out();
     std::fprintf(d.out, "vrixdb demo: store %s, local time UTC%s\n", d.root.c_str(),
                  format_offset().c_str());

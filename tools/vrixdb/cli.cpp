@@ -11,8 +11,8 @@ namespace vrixtool {
 const CLI::Validator TimeArg(
     [](std::string &s) {
         return parse_time(s) ? std::string()
-                             : "expected a local time YYYY-MM-DDTHH:MM:SS or seconds since "
-                               "1970, got '" +
+                             : "expected a time like now, -1h, 10:30, 2024-06-14, "
+                               "2024-06-14T10:30:00[Z|+HH:MM] or seconds since 1970, got '" +
                                    s + "'";
     },
     "TIME", "time");

@@ -18,7 +18,7 @@ AddSubcommand add_demo, add_record_h264, add_export_h264, add_ls, add_play, add_
     add_serve;
 
 // Validators for option values.
-extern const CLI::Validator TimeArg;    // local YYYY-MM-DDTHH:MM:SS or epoch seconds
+extern const CLI::Validator TimeArg;    // every form parse_time reads
 extern const CLI::Validator DayArg;     // YYYYMMDD or YYYY-MM-DD
 extern const CLI::Validator ChannelArg; // 1..16
 

@@ -1,5 +1,6 @@
 // vrixdb events: the library's event query, page by page.
 #include "cli.h"
+#include "json_out.h"
 #include "library.h"
 #include "lists.h"
 #include "store_index.h"
@@ -20,6 +21,7 @@ struct EventsOptions {
     int pages = 0;
     bool reverse = false;
     bool exact = false;
+    bool json = false;
 };
 
 int run_events(const EventsOptions &o) {
@@ -50,25 +52,41 @@ int run_events(const EventsOptions &o) {
                      root.c_str());
         return 1;
     }
-    std::fprintf(out(), "# events from %s %s, channels %s, types %s, pages of %d\n",
-                 format_time(from).c_str(), o.reverse ? "backward" : "forward", o.channels.c_str(),
-                 o.types.c_str(), o.page);
+    if (!o.json)
+        std::fprintf(out(), "# events from %s %s, channels %s, types %s, pages of %d\n",
+                     format_time(from).c_str(), o.reverse ? "backward" : "forward",
+                     o.channels.c_str(), o.types.c_str(), o.page);
+    Json list = Json::array();
     long total = 0;
     int pageNo = 0;
     while (!o.pages || pageNo < o.pages) {
         const int n = o.reverse ? vrix_db_pre_event(q) : vrix_db_next_event(q);
         if (n <= 0) break;
         ++pageNo;
-        std::fprintf(out(), "# page %d: %d event%s\n", pageNo, n, n == 1 ? "" : "s");
+        if (!o.json) std::fprintf(out(), "# page %d: %d event%s\n", pageNo, n, n == 1 ? "" : "s");
         const EventRecord *rec = vrix_db_get_event(q);
-        for (int i = 0; i < n; ++i)
-            std::fprintf(out(), "  %-19s  ch %2d  %s\n", format_time(rec[i].iSec).c_str(),
-                         rec[i].iCh, type_name(rec[i].iType).c_str());
+        for (int i = 0; i < n; ++i) {
+            if (o.json)
+                list.push_back({{"time", moment(rec[i].iSec)},
+                                {"ch", rec[i].iCh},
+                                {"type", type_name(rec[i].iType)},
+                                {"page", pageNo}});
+            else
+                std::fprintf(out(), "  %-19s  ch %2d  %s\n", format_time(rec[i].iSec).c_str(),
+                             rec[i].iCh, type_name(rec[i].iType).c_str());
+        }
         total += n;
     }
     vrix_db_close_get_event(q);
-    std::fprintf(out(), "# %ld event%s in %d page%s\n", total, total == 1 ? "" : "s", pageNo,
-                 pageNo == 1 ? "" : "s");
+    if (o.json)
+        print_json(out(), {{"from", moment(from)},
+                           {"direction", o.reverse ? "backward" : "forward"},
+                           {"events", list},
+                           {"count", total},
+                           {"pages", pageNo}});
+    else
+        std::fprintf(out(), "# %ld event%s in %d page%s\n", total, total == 1 ? "" : "s", pageNo,
+                     pageNo == 1 ? "" : "s");
     std::fflush(out());
     // The listing ends early, or finds nothing, where a database cannot be read.
     if (o.pages && pageNo == o.pages) return 0;
@@ -108,6 +126,7 @@ void add_events(CLI::App &app, Status &status) {
     sub->add_flag("--exact", o.exact,
                   "exact walk: reversing re-reads the filtered rows, and events recorded into "
                   "the day meanwhile are not picked up");
+    add_json_flag(sub, o.json);
 }
 
 } // namespace vrixtool

@@ -75,6 +75,41 @@ std::vector<AccessUnit> split_access_units(const std::vector<uint8_t> &stream) {
     return units;
 }
 
+// The last unit split off may go on in the next read, so it is handed out
+// only at the end of the input.
+bool AccessUnitReader::next(std::vector<uint8_t> &au, bool &idr) {
+    while (nextUnit_ + 1 >= units_.size() && !(eof_ && nextUnit_ < units_.size())) {
+        if (eof_) return false;
+        fill();
+    }
+    const AccessUnit &u = units_[nextUnit_++];
+    au.assign(buf_.begin() + static_cast<long>(u.offset),
+              buf_.begin() + static_cast<long>(u.offset + u.size));
+    idr = u.idr;
+    return true;
+}
+
+// Drops what was handed out, reads on and splits again.
+void AccessUnitReader::fill() {
+    constexpr size_t kRead = 1 << 20;
+    // Before the first start code only the bytes that may begin one are kept.
+    const size_t keep = nextUnit_ < units_.size() ? units_[nextUnit_].offset
+                        : units_.empty()          ? (buf_.size() > 3 ? buf_.size() - 3 : 0)
+                                                  : buf_.size();
+    buf_.erase(buf_.begin(), buf_.begin() + static_cast<long>(keep));
+    const size_t had = buf_.size();
+    buf_.resize(had + kRead);
+    const size_t got = std::fread(buf_.data() + had, 1, kRead, in_);
+    buf_.resize(had + got);
+    read_ += got;
+    if (got < kRead) {
+        eof_ = true;
+        failed_ = std::ferror(in_) != 0;
+    }
+    units_ = split_access_units(buf_);
+    nextUnit_ = 0;
+}
+
 std::vector<uint8_t> wrap_access_unit(const uint8_t *au, size_t size, bool idr,
                                       const FrameMeta &meta) {
     const size_t payload = kPrefixSize + size;

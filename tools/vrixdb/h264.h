@@ -23,6 +23,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 #include <optional>
 #include <vector>
 
@@ -39,6 +40,27 @@ struct AccessUnit {
 // The access units of an Annex-B stream; bytes before the first start code
 // are not part of any.  Empty when there is no start code.
 std::vector<AccessUnit> split_access_units(const std::vector<uint8_t> &stream);
+
+// The access units of a stream read piece by piece: it holds one read and
+// the unit being completed, never the whole stream.
+class AccessUnitReader {
+  public:
+    explicit AccessUnitReader(std::FILE *in) : in_(in) {}
+    // The next whole access unit; false at the end of the input (or when it
+    // cannot be read: failed()).
+    bool next(std::vector<uint8_t> &au, bool &idr);
+    bool failed() const { return failed_; }
+    uint64_t bytes_read() const { return read_; }
+
+  private:
+    void fill();
+    std::FILE *in_;
+    std::vector<uint8_t> buf_; // from the first unit not handed out on
+    std::vector<AccessUnit> units_;
+    size_t nextUnit_ = 0;
+    bool eof_ = false, failed_ = false;
+    uint64_t read_ = 0;
+};
 
 struct FrameMeta {
     int ch;          // 1..16

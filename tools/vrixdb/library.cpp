@@ -1,6 +1,5 @@
 #include "library.h"
 
-#include "library_lines.h"
 #include "store_index.h"
 #include "vrixdb.h"
 
@@ -8,10 +7,15 @@
 #include <sys/msg.h>
 #include <unistd.h>
 
+#include <sys/syscall.h>
+#include <sys/time.h>
+
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <filesystem>
-#include <optional>
+#include <mutex>
+#include <string>
 
 namespace vrixtool {
 
@@ -19,28 +23,94 @@ namespace fs = std::filesystem;
 
 namespace {
 int g_appQueue = -1;
-
-FILE *g_out = nullptr;
 bool g_stdoutClaimed = false;
+LibraryVoice g_voice = LibraryVoice::normal;
+
+void to_file(const char *line, void *user) {
+    std::fprintf(static_cast<FILE *>(user), "%s\n", line);
+}
+
+// -v: the local time to the millisecond and the reporting thread.
+void to_stderr_stamped(const char *line, void *) {
+    timeval tv{};
+    gettimeofday(&tv, nullptr);
+    std::tm tm{};
+    const time_t secs = tv.tv_sec;
+    localtime_r(&secs, &tm);
+    std::fprintf(stderr, "%02d:%02d:%02d.%03ld vrix[%ld] %s\n", tm.tm_hour, tm.tm_min, tm.tm_sec,
+                 static_cast<long>(tv.tv_usec / 1000), static_cast<long>(syscall(SYS_gettid)),
+                 line);
+}
+
+void ignore(const char *, void *) {}
+
+// Lines kept aside; the submit thread may report while start-up does, and
+// a line may still arrive after the sink changed, so the text outlives it.
+struct Collected {
+    std::mutex lock;
+    std::string text;
+};
+
+void collect(const char *line, void *user) {
+    auto *c = static_cast<Collected *>(user);
+    const std::lock_guard<std::mutex> hold(c->lock);
+    c->text += std::string(line) + "\n";
+}
+
+// The companion library prints on its own (the submit thread's priority at
+// start-up): standard output goes to `to` until restore().
+struct StdoutAside {
+    int saved = -1;
+    explicit StdoutAside(FILE *to) {
+        std::fflush(stdout);
+        if (to && (saved = dup(STDOUT_FILENO)) >= 0) dup2(fileno(to), STDOUT_FILENO);
+    }
+    ~StdoutAside() { restore(); }
+    void restore() {
+        std::fflush(stdout);
+        if (saved < 0) return;
+        dup2(saved, STDOUT_FILENO);
+        close(saved);
+        saved = -1;
+    }
+};
 
 } // namespace
 
-// Standard output stays the program's; the library's lines move to standard
-// error, where a user sees them and a pipe does not get them.
+void set_library_voice(LibraryVoice voice) {
+    g_voice = voice;
+}
+
 void separate_library_output() {
-    if (!g_out) g_out = LibraryLines(STDERR_FILENO).keep();
+    switch (g_voice) {
+    case LibraryVoice::quiet:
+        vrix_db_set_log(ignore, nullptr);
+        break;
+    case LibraryVoice::normal:
+        vrix_db_set_log(to_file, stderr);
+        break;
+    case LibraryVoice::verbose:
+        vrix_db_set_log(to_stderr_stamped, nullptr);
+        break;
+    }
+}
+
+LibraryLog::LibraryLog(FILE *file) : file_(file) {
+    if (file_) vrix_db_set_log(to_file, file_);
+}
+
+LibraryLog::~LibraryLog() {
+    separate_library_output();
+    if (file_) std::fflush(file_);
 }
 
 FILE *out() {
-    if (g_stdoutClaimed) return stderr;
-    return g_out ? g_out : stdout;
+    return g_stdoutClaimed ? stderr : stdout;
 }
 
 FILE *claim_stdout() {
-    separate_library_output();
-    if (!g_out) return nullptr;
     g_stdoutClaimed = true;
-    return g_out;
+    return stdout;
 }
 
 bool start_library() {
@@ -51,22 +121,23 @@ bool start_library() {
             return false;
         }
         std::atexit([] { msgctl(g_appQueue, IPC_RMID, nullptr); });
-        // Start-up reports on standard output (the submit thread's priority):
-        // kept aside, and shown only when start-up fails.
-        const UniqueFile said(std::tmpfile());
-        std::optional<LibraryLines> aside;
-        if (said) aside.emplace(fileno(said.get()));
+        // What start-up says is kept aside and shown only when it fails.
+        static Collected said;
+        vrix_db_set_log(collect, &said);
+        const UniqueFile companion(std::tmpfile());
+        StdoutAside aside(companion.get());
         const int ok = vrix_db_init(g_appQueue);
-        aside.reset();
+        aside.restore();
+        separate_library_output();
         if (ok != 1) {
-            if (said) {
-                std::rewind(said.get());
-                for (int c; (c = std::fgetc(said.get())) != EOF;)
+            if (companion) {
+                std::rewind(companion.get());
+                for (int c; (c = std::fgetc(companion.get())) != EOF;)
                     std::fputc(c, stderr);
             }
-            std::fprintf(stderr, "vrixdb: the library did not start\n");
+            const std::lock_guard<std::mutex> hold(said.lock);
+            std::fprintf(stderr, "%svrixdb: the library did not start\n", said.text.c_str());
         }
-        if (ok == 1) separate_library_output();
         return ok == 1;
     }();
     return started;

@@ -5,29 +5,55 @@
 #include "vrixdb.h"
 
 #include <cstdio>
+#include <memory>
 #include <string>
 
 namespace vrixtool {
+
+// A file the program opened, closed when it goes.
+struct FileCloser {
+    void operator()(std::FILE *f) const { std::fclose(f); }
+};
+using UniqueFile = std::unique_ptr<std::FILE, FileCloser>;
 
 // Longest root the library accepts (its paths are formed in 128 bytes).
 constexpr size_t kMaxRoot = VRIX_MAX_ROOT_LENGTH;
 
 // Starts the library once for this process with a private application queue
 // (removed at exit).  False, with a message on stderr, when it cannot start.
-// From then on the library's own lines (it reports on standard output) go to
-// standard error, and the program writes its results to out().
+// From then on the library's own lines go to its log sink (see
+// separate_library_output), and the program writes its results to out().
 bool start_library();
+
+// How the library's lines are shown: -q drops them, -v stamps each with the
+// time and the thread.
+enum class LibraryVoice { quiet, normal, verbose };
+void set_library_voice(LibraryVoice voice);
 
 // Where the program's results go: standard output, or standard error once
 // standard output carries a product (claim_stdout).
 FILE *out();
-// Standard output for a product written to "-", kept apart from the
-// library's lines; out() is standard error from then on.  Null when the two
-// cannot be separated.
+// Standard output for a product written to "-"; out() is standard error from
+// then on.
 FILE *claim_stdout();
-// Sends the library's lines to standard error from now on (start_library
-// does this; commands that use the library without starting it call it).
+// Installs the program's sink for the library's lines: standard error (or
+// nothing with -q), so standard output carries only results.  start_library
+// does this; commands that use the library without starting it call it.
 void separate_library_output();
+
+// The library's lines (and those of the sqlite3 shell it runs) go to `file`
+// while the object lives (flushed when it goes), then back to the program's
+// sink.
+class LibraryLog {
+  public:
+    explicit LibraryLog(FILE *file);
+    ~LibraryLog();
+    LibraryLog(const LibraryLog &) = delete;
+    LibraryLog &operator=(const LibraryLog &) = delete;
+
+  private:
+    FILE *file_;
+};
 
 // True when the application queue holds a disk-write-error notice (the
 // library sends one when a stream write falls short); the queue is drained.

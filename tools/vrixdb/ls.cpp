@@ -1,5 +1,6 @@
 // vrixdb ls: what a store holds, day by day, from its index databases.
 #include "cli.h"
+#include "json_out.h"
 #include "library.h"
 #include "lists.h"
 #include "store_index.h"
@@ -14,6 +15,7 @@ namespace {
 struct LsOptions {
     std::string root;
     std::string day;
+    bool json = false;
 };
 
 struct VideoTotals {
@@ -151,14 +153,108 @@ void list_day(StoreIndex &store, long day) {
         std::fprintf(out(), "events %s\n", event_summary(events).c_str());
 }
 
+Json hours_json(const std::vector<HourIndex> &hours) {
+    Json list = Json::array();
+    for (const HourIndex &h : hours)
+        list.push_back(h.hour);
+    return list;
+}
+
+void json_days(StoreIndex &store) {
+    Json days = Json::array();
+    for (long day : store.days()) {
+        const size_t before = store.unreadable().size();
+        const VideoTotals v = video_totals(store, day);
+        const auto audio = store.audio(day);
+        int64_t seconds = 0;
+        for (const HourIndex &h : audio)
+            seconds += static_cast<int64_t>(h.keys.size());
+        const size_t events = store.events(day).size();
+        days.push_back({{"day", day_name(day)},
+                        {"start", moment(day)},
+                        {"video",
+                         {{"channels", v.channels},
+                          {"hour_files", v.hourFiles},
+                          {"key_frames", v.keys},
+                          {"bytes", v.bytes}}},
+                        {"audio", {{"hours", audio.size()}, {"seconds", seconds}}},
+                        {"events", events},
+                        {"complete", store.unreadable().size() == before}});
+    }
+    print_json(out(), {{"root", store.root()}, {"utc_offset", format_offset()}, {"days", days}});
+}
+
+// What a listing of one part of the day holds, or {"unreadable": path}.
+void json_day(StoreIndex &store, long day) {
+    Json video = Json::array();
+    for (int ch = 1; ch <= 16; ++ch) {
+        const size_t before = store.unreadable().size();
+        auto hours = store.video(day, ch);
+        if (const char *bad = unreadable_since(store, before)) {
+            video.push_back({{"ch", ch}, {"unreadable", bad}});
+            continue;
+        }
+        if (hours.empty()) continue;
+        int64_t keys = 0, bytes = 0;
+        int first = 0, last = 0;
+        for (const HourIndex &h : hours) {
+            keys += static_cast<int64_t>(h.keys.size());
+            if (h.streamBytes > 0) bytes += h.streamBytes;
+            if (!h.keys.empty()) {
+                if (!first) first = h.keys.front().sec;
+                last = h.keys.back().sec;
+            }
+        }
+        video.push_back({{"ch", ch},
+                         {"hours", hours_json(hours)},
+                         {"key_frames", keys},
+                         {"bytes", bytes},
+                         {"first_key_frame", moment(first)},
+                         {"last_key_frame", moment(last)}});
+    }
+    size_t before = store.unreadable().size();
+    const auto audio = store.audio(day);
+    Json sound;
+    if (const char *bad = unreadable_since(store, before)) {
+        sound = {{"unreadable", bad}};
+    } else {
+        int64_t seconds = 0, bytes = 0;
+        for (const HourIndex &h : audio) {
+            seconds += static_cast<int64_t>(h.keys.size());
+            if (h.streamBytes > 0) bytes += h.streamBytes;
+        }
+        sound = {{"hours", hours_json(audio)},
+                 {"seconds", seconds},
+                 {"channels", store.audio_channels(day)},
+                 {"bytes_per_channel", bytes}};
+    }
+    before = store.unreadable().size();
+    const auto events = store.events(day);
+    Json ev;
+    if (const char *bad = unreadable_since(store, before)) {
+        ev = {{"unreadable", bad}};
+    } else {
+        Json byType = Json::object();
+        for (const EventRow &e : events)
+            byType[type_name(e.type)] = byType.value(type_name(e.type), 0) + 1;
+        ev = {{"count", events.size()}, {"by_type", byType}};
+    }
+    print_json(out(), {{"root", store.root()},
+                       {"day", day_name(day)},
+                       {"utc_offset", format_offset()},
+                       {"video", video},
+                       {"audio", sound},
+                       {"events", ev}});
+}
+
 int run_ls(const LsOptions &o) {
     const std::string root = library_root(o.root, "ls");
     if (root.empty() || !require_store(root, "ls")) return 1;
     StoreIndex store(root);
     if (o.day.empty())
-        list_days(store);
+        o.json ? json_days(store) : list_days(store);
     else
-        list_day(store, *parse_day(o.day));
+        o.json ? json_day(store, *parse_day(o.day)) : list_day(store, *parse_day(o.day));
     std::fflush(out());
     return report_unreadable(store, "ls");
 }
@@ -172,6 +268,7 @@ void add_ls(CLI::App &app, Status &status) {
         "the audio hours and the events of that day",
         run_ls);
     sub->add_option("--day", o.day, "one day, YYYYMMDD or YYYY-MM-DD")->check(DayArg);
+    add_json_flag(sub, o.json);
 }
 
 } // namespace vrixtool

@@ -1,18 +1,83 @@
 // vrixdb: the command-line program of the recording database.  It uses the
 // library the way the recorder application does, through its public header.
 #include "cli.h"
+#include "library.h"
+#include "vrixdb.h"
 
 #include <cstdio>
+#include <cstring>
 #include <exception>
+#include <string>
+
+namespace {
+
+using namespace vrixtool;
+
+std::string subcommand_list(CLI::App &app) {
+    std::string list;
+    for (const CLI::App *sub : app.get_subcommands({}))
+        list += (list.empty() ? "" : " ") + sub->get_name();
+    return list;
+}
+
+CLI::App *find_subcommand(CLI::App &app, const std::string &name) {
+    for (CLI::App *sub : app.get_subcommands({}))
+        if (sub->get_name() == name) return sub;
+    return nullptr;
+}
+
+// The first word that is not an option names the subcommand; a word that
+// names none is refused here, with the list (CLI11 would only say that a
+// subcommand is required).
+bool known_subcommand(CLI::App &app, int argc, char **argv) {
+    for (int i = 1; i < argc; ++i) {
+        if (argv[i][0] == '-') continue;
+        if (find_subcommand(app, argv[i])) return true;
+        std::fprintf(stderr, "vrixdb: unknown subcommand %s\nsubcommands: %s\n", argv[i],
+                     subcommand_list(app).c_str());
+        return false;
+    }
+    return true;
+}
+
+// vrixdb help [SUB]
+void add_help(CLI::App &app, Status &status) {
+    auto name = std::make_shared<std::string>();
+    auto *sub = app.add_subcommand("help", "Show the help of the program or of a subcommand");
+    sub->add_option("subcommand", *name, "the subcommand");
+    sub->callback([&app, &status, name] {
+        CLI::App *of = name->empty() || *name == "help" ? &app : find_subcommand(app, *name);
+        if (!of) {
+            std::fprintf(stderr, "vrixdb help: unknown subcommand %s\nsubcommands: %s\n",
+                         name->c_str(), subcommand_list(app).c_str());
+            status = static_cast<int>(CLI::ExitCodes::ExtrasError);
+            return;
+        }
+        std::fputs(of->help().c_str(), stdout);
+    });
+}
+
+} // namespace
 
 int main(int argc, char **argv) {
-    using namespace vrixtool;
     CLI::App app{"vrixdb - record, play back and inspect a recorder's store\n"
-                 "Times are local (the zone of TZ): YYYY-MM-DDTHH:MM:SS or seconds since 1970."};
+                 "Times are local (the zone of TZ): now, today, yesterday, -1h, -30min, -2d, "
+                 "HH:MM[:SS] (today),\nYYYY-MM-DD, YYYY-MM-DDTHH:MM[:SS] with Z or +HH:MM "
+                 "optional, or @seconds / seconds since 1970."};
     app.require_subcommand(1);
+    app.fallthrough();
+    app.set_version_flag("--version", std::string("vrixdb ") + vrix_db_version(),
+                         "show the library's version and exit");
+    bool quiet = false, verbose = false;
+    auto *q = app.add_flag("-q,--quiet", quiet, "do not show the library's own lines");
+    app.add_flag("-v,--verbose", verbose,
+                 "show the library's own lines with the time and the thread")
+        ->excludes(q);
     app.footer("Exit status: 0 done; 1 failed; 2 a database of the store could not be read, so "
-               "the output is\nincomplete (try vrixdb repair); 100 and above: wrong arguments.");
+               "the output is\nincomplete (try vrixdb repair); 100 and above: wrong arguments.\n"
+               "The library's own lines go to standard error; results to standard output.");
     Status status = 0;
+    add_help(app, status);
     add_demo(app, status);
     add_record_h264(app, status);
     add_export_h264(app, status);
@@ -31,6 +96,12 @@ int main(int argc, char **argv) {
     add_reduce(app, status);
     add_backup(app, status);
     add_repair(app, status);
+    if (!known_subcommand(app, argc, argv)) return static_cast<int>(CLI::ExitCodes::ExtrasError);
+    app.parse_complete_callback([&] {
+        set_library_voice(quiet     ? LibraryVoice::quiet
+                          : verbose ? LibraryVoice::verbose
+                                    : LibraryVoice::normal);
+    });
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError &e) {

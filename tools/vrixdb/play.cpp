@@ -1,5 +1,6 @@
 // vrixdb play: one line per frame delivered by the library's playback.
 #include "cli.h"
+#include "json_out.h"
 #include "key_frame.h"
 #include "library.h"
 #include "store_index.h"
@@ -18,6 +19,7 @@ struct PlayOptions {
     bool reverse = false;
     int iframes = 0;
     long count = 0;
+    bool json = false;
 };
 
 constexpr int kPlayBuffer = 8 << 20; // the largest frame payload accepted
@@ -52,12 +54,24 @@ int run_play(const PlayOptions &o) {
     // Backward steps always move STEP key frames; the mode is for forward play.
     if (o.iframes > 0) vrix_db_video_set_i_mode(ctx, o.reverse ? 0 : 1, o.iframes);
 
-    std::fprintf(out(), "# ch %d from %s %s%s\n", o.ch, format_time(from).c_str(),
-                 o.reverse ? "backward" : "forward",
-                 o.iframes > 0
-                     ? (", key frames only, " + std::to_string(o.iframes) + " a step").c_str()
-                     : "");
-    std::fprintf(out(), "# %-19s %5s %9s  %s\n", "time", "sub", "bytes", "kind");
+    if (o.json) {
+        // One document whose frame list is written as play goes.
+        const std::string head = Json{
+            {"ch", o.ch},
+            {"from", moment(from)},
+            {"to", moment(to)},
+            {"direction", o.reverse ? "backward" : "forward"},
+            {"key_frame_step",
+             o.iframes}}.dump();
+        std::fprintf(out(), "%s,\"frames\":[", head.substr(0, head.size() - 1).c_str());
+    } else {
+        std::fprintf(out(), "# ch %d from %s %s%s\n", o.ch, format_time(from).c_str(),
+                     o.reverse ? "backward" : "forward",
+                     o.iframes > 0
+                         ? (", key frames only, " + std::to_string(o.iframes) + " a step").c_str()
+                         : "");
+        std::fprintf(out(), "# %-19s %5s %9s  %s\n", "time", "sub", "bytes", "kind");
+    }
     long frames = 0;
     long long bytes = 0;
     while (!o.count || frames < o.count) {
@@ -68,16 +82,24 @@ int run_play(const PlayOptions &o) {
         int sec = 0, sub = 0;
         vrix_db_video_get_current_time(ctx, &sec, &sub);
         if (to && (o.reverse ? sec < to : sec > to)) break;
-        std::fprintf(
-            out(), "  %-19s %5d %9d  %s\n", format_time(sec).c_str(), sub, len,
-            is_key_frame(static_cast<const uint8_t *>(buf), len > 0 ? static_cast<size_t>(len) : 0)
-                ? "key"
-                : "-");
+        const bool key =
+            is_key_frame(static_cast<const uint8_t *>(buf), len > 0 ? static_cast<size_t>(len) : 0);
+        if (o.json)
+            std::fprintf(out(), "%s\n%s", frames ? "," : "",
+                         Json{{"time", moment(sec)}, {"sub", sub}, {"bytes", len}, {"key", key}}
+                             .dump()
+                             .c_str());
+        else
+            std::fprintf(out(), "  %-19s %5d %9d  %s\n", format_time(sec).c_str(), sub, len,
+                         key ? "key" : "-");
         ++frames;
         bytes += len;
     }
     vrix_db_close_get_video(ctx);
-    std::fprintf(out(), "# %ld frame%s, %lld bytes\n", frames, frames == 1 ? "" : "s", bytes);
+    if (o.json)
+        std::fprintf(out(), "],\"count\":%ld,\"bytes\":%lld}\n", frames, bytes);
+    else
+        std::fprintf(out(), "# %ld frame%s, %lld bytes\n", frames, frames == 1 ? "" : "s", bytes);
     std::fflush(out());
     // Play ends early, or finds nothing, where an index cannot be read.
     if (o.count && frames == o.count) return 0;
@@ -98,6 +120,7 @@ void add_play(CLI::App &app, Status &status) {
     sub->add_option("--iframes", o.iframes, "key frames only, STEP key frames at a time")
         ->check(CLI::Range(1, 1000));
     sub->add_option("--count", o.count, "at most K frames")->check(CLI::Range(1L, 1L << 30));
+    add_json_flag(sub, o.json);
     sub->footer(kSpanRule);
 }
 

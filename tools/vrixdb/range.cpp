@@ -1,5 +1,6 @@
 // vrixdb range: the recorded times around a moment.
 #include "cli.h"
+#include "json_out.h"
 #include "library.h"
 #include "times.h"
 #include "vrixdb.h"
@@ -14,6 +15,7 @@ struct RangeOptions {
     int ch = 0;
     std::string at;
     bool audio = false;
+    bool json = false;
 };
 
 int run_range(const RangeOptions &o) {
@@ -28,6 +30,14 @@ int run_range(const RangeOptions &o) {
     const int after =
         o.audio ? vrix_dvd_audio_get_start_time(o.ch, at, root.c_str(), VRIX_AUDIO_RECORD_SIZE)
                 : vrix_dvd_video_get_start_time(o.ch, at, root.c_str(), kRangeBuffer);
+    if (o.json) {
+        print_json(out(), {{"kind", o.audio ? "audio" : "video"},
+                           {"ch", o.ch},
+                           {"at", moment(at)},
+                           {"last_at_or_before", moment(before)},
+                           {"first_at_or_after", moment(after)}});
+        return 0;
+    }
     std::fprintf(out(), "%s ch %d around %s\n", o.audio ? "audio" : "video", o.ch,
                  format_time(at).c_str());
     std::fprintf(out(), "  last recorded at or before: %s\n",
@@ -47,6 +57,7 @@ void add_range(CLI::App &app, Status &status) {
         run_range);
     add_channel(sub, o.ch, &o.audio);
     sub->add_option("--at", o.at, "the moment")->required()->check(TimeArg);
+    add_json_flag(sub, o.json);
 }
 
 } // namespace vrixtool

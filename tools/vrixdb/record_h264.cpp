@@ -2,14 +2,16 @@
 #include "cli.h"
 #include "h264.h"
 #include "library.h"
+#include "progress.h"
 #include "times.h"
 #include "units.h"
 #include "vrixdb.h"
 
+#include <sys/stat.h>
+
 #include <cstdio>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
+#include <optional>
 
 namespace vrixtool {
 namespace {
@@ -24,30 +26,81 @@ struct RecordOptions {
     std::string file;
 };
 
+// Access units held back until the first IDR picture shows that the input is
+// H.264 worth recording: at most this many bytes.
+constexpr size_t kLeadLimit = 16 << 20;
+
+// The input: the file, or standard input for "-".  Its size is known for a
+// regular file only (progress is then shown; a pipe shows none).
+struct Input {
+    UniqueFile owned;
+    std::FILE *f = nullptr;
+    long long size = -1;
+    explicit Input(const std::string &path) {
+        if (path == "-") {
+            f = stdin;
+        } else {
+            owned.reset(std::fopen(path.c_str(), "rb"));
+            f = owned.get();
+        }
+        struct stat st {};
+        if (f && fstat(fileno(f), &st) == 0 && S_ISREG(st.st_mode)) size = st.st_size;
+    }
+};
+
+struct Recording {
+    const RecordOptions &o;
+    const long start;
+    RecContext *rec = nullptr;
+    uint32_t number = 0;
+    uint32_t idr = 0;
+    long last = 0;
+
+    // False when the frame's time would pass 2038.
+    bool write(const std::vector<uint8_t> &au, bool key) {
+        const auto fps = static_cast<uint32_t>(o.fps);
+        last = start + static_cast<long>(number / fps);
+        if (last > 0x7FFFFFFFL) return false;
+        const FrameMeta meta{o.ch, number, static_cast<uint16_t>(o.fps),
+                             static_cast<uint32_t>(last), number % fps * 1000 / fps};
+        const auto record = wrap_access_unit(au.data(), au.size(), key, meta);
+        vrix_db_rec_video(rec, record.data(), static_cast<int>(record.size()));
+        ++number;
+        idr += key;
+        return true;
+    }
+};
+
 int run_record(const RecordOptions &o) {
     const std::string root = library_root(o.root, "record-h264");
     if (root.empty()) return 1;
-    std::ifstream in(o.file, std::ios::binary);
-    std::vector<uint8_t> stream{std::istreambuf_iterator<char>(in),
-                                std::istreambuf_iterator<char>()};
-    if (!in.good() && !in.eof()) {
-        std::fprintf(stderr, "vrixdb record-h264: cannot read %s\n", o.file.c_str());
+    const char *name = o.file == "-" ? "standard input" : o.file.c_str();
+    Input in(o.file);
+    if (!in.f) {
+        std::fprintf(stderr, "vrixdb record-h264: cannot read %s\n", name);
         return 1;
     }
-    const auto units = split_access_units(stream);
-    size_t idr = 0;
-    for (const AccessUnit &u : units)
-        idr += u.idr;
-    if (units.empty() || idr == 0) {
-        std::fprintf(stderr,
-                     "vrixdb record-h264: %s is not an H.264 Annex-B stream with an IDR picture\n",
-                     o.file.c_str());
+    // The units before the first IDR picture are held, and recorded with it.
+    AccessUnitReader reader(in.f);
+    std::vector<std::vector<uint8_t>> lead;
+    std::vector<bool> leadKey;
+    size_t leadBytes = 0;
+    std::vector<uint8_t> au;
+    bool key = false, found = false;
+    while (!found && leadBytes <= kLeadLimit && reader.next(au, key)) {
+        leadBytes += au.size();
+        lead.push_back(au);
+        leadKey.push_back(key);
+        found = key;
+    }
+    if (reader.failed()) {
+        std::fprintf(stderr, "vrixdb record-h264: cannot read %s\n", name);
         return 1;
     }
-    const long start = *parse_time(o.start);
-    const long last = start + static_cast<long>((units.size() - 1) / static_cast<size_t>(o.fps));
-    if (last > 0x7FFFFFFFL) {
-        std::fprintf(stderr, "vrixdb record-h264: the recording would end after 2038\n");
+    if (!found) {
+        std::fprintf(
+            stderr, "vrixdb record-h264: %s is not an H.264 Annex-B stream with an IDR picture%s\n",
+            name, leadBytes > kLeadLimit ? " in its first 16 MiB" : "");
         return 1;
     }
     std::error_code ec;
@@ -58,31 +111,47 @@ int run_record(const RecordOptions &o) {
         return 1;
     }
     if (!start_library()) return 1;
-    RecContext *rec = vrix_db_open_rec_video(root.c_str(), VRIX_VIDEO_CHANNELS + 1);
-    if (!rec) {
+    Recording r{o, *parse_time(o.start)};
+    r.rec = vrix_db_open_rec_video(root.c_str(), VRIX_VIDEO_CHANNELS + 1);
+    if (!r.rec) {
         std::fprintf(stderr, "vrixdb record-h264: the library could not open %s for recording\n",
                      root.c_str());
         return 1;
     }
-    for (size_t i = 0; i < units.size(); ++i) {
-        const AccessUnit &u = units[i];
-        const auto n = static_cast<uint32_t>(i);
-        const auto fps = static_cast<uint32_t>(o.fps);
-        const FrameMeta meta{o.ch, n, static_cast<uint16_t>(o.fps),
-                             static_cast<uint32_t>(start) + n / fps, n % fps * 1000 / fps};
-        const auto record = wrap_access_unit(stream.data() + u.offset, u.size, u.idr, meta);
-        vrix_db_rec_video(rec, record.data(), static_cast<int>(record.size()));
+    bool fits = true;
+    {
+        std::optional<Progress> progress;
+        if (in.size > 0) progress.emplace(out(), "recording", static_cast<long>(in.size));
+        for (size_t i = 0; i < lead.size() && fits; ++i)
+            fits = r.write(lead[i], leadKey[i]);
+        lead.clear();
+        while (fits && reader.next(au, key)) {
+            fits = r.write(au, key);
+            if (progress) progress->update(static_cast<long>(reader.bytes_read()));
+        }
     }
-    vrix_db_rec_video_flush(rec, o.ch);
-    vrix_db_close_rec_video(rec);
+    vrix_db_rec_video_flush(r.rec, o.ch);
+    vrix_db_close_rec_video(r.rec);
+    if (!fits) {
+        std::fprintf(stderr,
+                     "vrixdb record-h264: the recording would go on after 2038; stopped "
+                     "at access unit %u\n",
+                     r.number);
+        return 1;
+    }
+    if (reader.failed()) {
+        std::fprintf(stderr, "vrixdb record-h264: reading %s failed after %u access units\n", name,
+                     r.number);
+        return 1;
+    }
     if (disk_error_reported()) {
         std::fprintf(stderr, "vrixdb record-h264: the library reported a failed disk write\n");
         return 1;
     }
-    std::fprintf(
-        out(), "recorded %zu access units (%zu IDR, %s) of %s to ch %d, %s .. %s at %d fps\n",
-        units.size(), idr, format_bytes(static_cast<int64_t>(stream.size())).c_str(),
-        o.file.c_str(), o.ch, format_time(start).c_str(), format_time(last).c_str(), o.fps);
+    std::fprintf(out(),
+                 "recorded %u access units (%u IDR, %s) of %s to ch %d, %s .. %s at %d fps\n",
+                 r.number, r.idr, format_bytes(static_cast<int64_t>(reader.bytes_read())).c_str(),
+                 name, o.ch, format_time(r.start).c_str(), format_time(r.last).c_str(), o.fps);
     return 0;
 }
 
@@ -100,7 +169,11 @@ void add_record_h264(CLI::App &app, Status &status) {
     sub->add_option("--fps", o.fps, "frames per second")
         ->check(CLI::Range(1, 1000))
         ->capture_default_str();
-    sub->add_option("FILE", o.file, "the .h264 stream")->required()->check(CLI::ExistingFile);
+    sub->add_option("FILE", o.file, "the .h264 stream, - for standard input")
+        ->required()
+        ->check(CLI::Validator(
+            [](std::string &s) { return s == "-" ? std::string() : CLI::ExistingFile(s); }, "FILE",
+            "file"));
 }
 
 } // namespace vrixtool

@@ -1,5 +1,6 @@
 // vrixdb size: the bytes a span of one channel occupies.
 #include "cli.h"
+#include "json_out.h"
 #include "library.h"
 #include "times.h"
 #include "units.h"
@@ -13,6 +14,7 @@ struct SizeOptions {
     int ch = 0;
     std::string from, to;
     bool audio = false;
+    bool json = false;
 };
 
 bool channel_fits(int ch, bool audio, const char *command) {
@@ -37,6 +39,15 @@ int run_size(const SizeOptions &o) {
     std::tm start = mktime_fields(from), end = mktime_fields(span_end(to));
     const unsigned bytes = o.audio ? vrix_db_get_audio_total_size(&start, &end, root.c_str(), o.ch)
                                    : vrix_db_get_video_total_size(&start, &end, root.c_str(), o.ch);
+    if (o.json) {
+        print_json(out(), {{"kind", o.audio ? "audio" : "video"},
+                           {"ch", o.ch},
+                           {"from", moment(from)},
+                           {"to", moment(to)},
+                           {"bytes", bytes},
+                           {"saturated", bytes == 0xFFFFFFFFu}});
+        return 0;
+    }
     std::fprintf(out(), "%s ch %d %s .. %s: %u bytes (%s)%s\n", o.audio ? "audio" : "video", o.ch,
                  format_time(from).c_str(), format_time(to).c_str(), bytes,
                  format_bytes(bytes).c_str(),
@@ -54,6 +65,7 @@ void add_size(CLI::App &app, Status &status) {
         "Bytes a span of one channel occupies, from the index and the stream files", run_size);
     add_channel(sub, o.ch, &o.audio);
     add_span(sub, o.from, o.to);
+    add_json_flag(sub, o.json);
 }
 
 } // namespace vrixtool

@@ -68,28 +68,107 @@ std::optional<std::tm> date_fields(int y, int mo, int d) {
 
 } // namespace
 
-std::optional<long> parse_time(const std::string &text) {
-    if (!text.empty() && text.size() <= 10 && text.find_first_not_of("0123456789") == text.npos) {
-        const long v = std::strtol(text.c_str(), nullptr, 10);
-        if (v <= 0 || v > 0x7FFFFFFFL) return std::nullopt;
-        return v;
+namespace {
+
+std::optional<long> in_range(long long t) {
+    if (t <= 0 || t > 0x7FFFFFFFLL) return std::nullopt;
+    return static_cast<long>(t);
+}
+
+// "-1h30min", "+90s": signed sums of counts with units.
+std::optional<long> relative(const std::string &s, long now) {
+    if (s.size() < 3 || (s[0] != '-' && s[0] != '+')) return std::nullopt;
+    long long sum = 0;
+    size_t i = 1;
+    while (i < s.size()) {
+        const size_t numEnd = s.find_first_not_of("0123456789", i);
+        if (numEnd == i || numEnd == s.npos || numEnd - i > 9) return std::nullopt;
+        const long long n = std::strtoll(s.c_str() + i, nullptr, 10);
+        size_t unitEnd = s.find_first_of("0123456789", numEnd);
+        if (unitEnd == s.npos) unitEnd = s.size();
+        const std::string unit = s.substr(numEnd, unitEnd - numEnd);
+        const long long scale = unit == "s" || unit == "sec"   ? 1
+                                : unit == "m" || unit == "min" ? 60
+                                : unit == "h"                  ? 3600
+                                : unit == "d"                  ? 86400
+                                                               : 0;
+        if (!scale) return std::nullopt;
+        sum += n * scale;
+        if (sum > 0x7FFFFFFFLL) return std::nullopt;
+        i = unitEnd;
     }
-    // YYYY-MM-DDTHH:MM:SS
-    int y, mo, d, h, mi, s;
-    if (text.size() != 19 || text[4] != '-' || text[7] != '-' ||
-        (text[10] != 'T' && text[10] != ' ') || text[13] != ':' || text[16] != ':')
+    return in_range(now + (s[0] == '-' ? -sum : sum));
+}
+
+// HH:MM or HH:MM:SS at `at`, with nothing after it.
+bool clock_fields(const std::string &s, size_t at, std::tm &tm) {
+    int h, mi, sec = 0;
+    const size_t n = s.size() - at;
+    if ((n != 5 && n != 8) || s[at + 2] != ':' || (n == 8 && s[at + 5] != ':')) return false;
+    if (!digits(s, at, 2, h) || !digits(s, at + 3, 2, mi) || (n == 8 && !digits(s, at + 6, 2, sec)))
+        return false;
+    if (h > 23 || mi > 59 || sec > 59) return false;
+    tm.tm_hour = h;
+    tm.tm_min = mi;
+    tm.tm_sec = sec;
+    return true;
+}
+
+// The offset a written time ends in: "Z" or +HH:MM / -HH:MM, cut off `s`.
+// Nullopt when there is none (a local time); false in `ok` when malformed.
+std::optional<long> explicit_offset(std::string &s, bool &ok) {
+    ok = true;
+    if (s.size() > 10 && s.back() == 'Z') {
+        s.pop_back();
+        return 0L;
+    }
+    if (s.size() < 17 || (s[s.size() - 6] != '+' && s[s.size() - 6] != '-')) return std::nullopt;
+    int h, m;
+    const size_t at = s.size() - 6;
+    ok = s[at + 3] == ':' && digits(s, at + 1, 2, h) && digits(s, at + 4, 2, m) && h <= 14 &&
+         m <= 59;
+    const long off = (h * 3600L + m * 60L) * (s[at] == '-' ? -1 : 1);
+    s.resize(at);
+    return off;
+}
+
+} // namespace
+
+std::optional<long> parse_time(const std::string &text, long now) {
+    std::string s = text;
+    if (!s.empty() && s[0] == '@') s.erase(0, 1);
+    if (!s.empty() && s.size() <= 10 && s.find_first_not_of("0123456789") == s.npos)
+        return in_range(std::strtoll(s.c_str(), nullptr, 10));
+    if (s != text) return std::nullopt; // "@" takes only seconds
+    if (s == "now") return in_range(now);
+    std::tm tm = local_fields(now);
+    tm.tm_hour = tm.tm_min = tm.tm_sec = 0;
+    if (s == "today") return in_range(from_local(tm));
+    if (s == "yesterday") {
+        --tm.tm_mday; // from_local normalises the day before the 1st
+        return in_range(from_local(tm));
+    }
+    if (s[0] == '-' || s[0] == '+') return relative(s, now);
+    if (clock_fields(s, 0, tm)) return in_range(from_local(tm));
+    bool ok;
+    const std::optional<long> offset = explicit_offset(s, ok);
+    int y, mo, d;
+    if (!ok || s.size() < 10 || s[4] != '-' || s[7] != '-' || !digits(s, 0, 4, y) ||
+        !digits(s, 5, 2, mo) || !digits(s, 8, 2, d))
         return std::nullopt;
-    if (!digits(text, 0, 4, y) || !digits(text, 5, 2, mo) || !digits(text, 8, 2, d) ||
-        !digits(text, 11, 2, h) || !digits(text, 14, 2, mi) || !digits(text, 17, 2, s))
-        return std::nullopt;
-    auto tm = date_fields(y, mo, d);
-    if (!tm || h > 23 || mi > 59 || s > 59) return std::nullopt;
-    tm->tm_hour = h;
-    tm->tm_min = mi;
-    tm->tm_sec = s;
-    const long t = from_local(*tm);
-    if (t <= 0 || t > 0x7FFFFFFFL) return std::nullopt;
-    return t;
+    auto date = date_fields(y, mo, d);
+    if (!date) return std::nullopt;
+    if (s.size() == 10) {
+        if (offset) return std::nullopt;
+        return in_range(from_local(*date));
+    }
+    if ((s[10] != 'T' && s[10] != ' ') || !clock_fields(s, 11, *date)) return std::nullopt;
+    if (!offset) return in_range(from_local(*date));
+    return in_range(static_cast<long long>(timegm(&*date)) - *offset);
+}
+
+std::optional<long> parse_time(const std::string &text) {
+    return parse_time(text, static_cast<long>(time(nullptr)));
 }
 
 std::optional<long> parse_day(const std::string &text) {

@@ -23,7 +23,18 @@ long from_local(const std::tm &tm);
 // playback): the C library's own local time of `t`, so mktime gives `t` back.
 std::tm mktime_fields(long t);
 
-// "YYYY-MM-DDTHH:MM:SS" (local) or a count of seconds since 1970.
+// A moment as users type it, read the same way by every option:
+//   now, today, yesterday                 (today and yesterday: local midnight)
+//   -1h, -30min, +90s, -2d, -1h30min      relative to now (s, sec, m, min, h, d)
+//   HH:MM[:SS]                            that time today
+//   YYYY-MM-DD                            local midnight of that day
+//   YYYY-MM-DDTHH:MM[:SS] (or a space for T), local, or ending in Z or
+//   +HH:MM / -HH:MM for that offset from UTC
+//   seconds since 1970, optionally after "@"
+// Local fields are turned into seconds by from_local alone.  Nothing before
+// 1970-01-01T00:00:01 UTC or after 2038-01-19T03:14:07 UTC.
+std::optional<long> parse_time(const std::string &text, long now);
+// The same, relative to the clock.
 std::optional<long> parse_time(const std::string &text);
 // "YYYYMMDD" or "YYYY-MM-DD": the local midnight that begins the day.
 std::optional<long> parse_day(const std::string &text);

@@ -3,6 +3,8 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
+#include <optional>
 #include <string>
 
 namespace vrixtool {
@@ -25,6 +27,27 @@ inline std::string format_bytes(int64_t bytes) {
 
 inline double mib(int64_t bytes) {
     return static_cast<double>(bytes) / (1024.0 * 1024.0);
+}
+
+// "500M", "20G", "1.5T", "1048576": bytes, with binary K, M, G, T (an
+// optional "iB" or "B" after them).
+inline std::optional<int64_t> parse_size(const std::string &text) {
+    char *end = nullptr;
+    const double n = std::strtod(text.c_str(), &end);
+    if (end == text.c_str() || !(n >= 0) || text[0] == '-' || text[0] == '+') return std::nullopt;
+    std::string unit(end);
+    if (unit.size() > 1 && (unit.substr(1) == "iB" || unit.substr(1) == "B")) unit.resize(1);
+    static const std::string units = "KMGT";
+    double scale = 1;
+    if (!unit.empty() && unit != "B") {
+        const size_t at = units.find(unit);
+        if (unit.size() != 1 || at == std::string::npos) return std::nullopt;
+        for (size_t i = 0; i <= at; ++i)
+            scale *= 1024;
+    }
+    const double bytes = n * scale;
+    if (bytes > 9.0e18) return std::nullopt;
+    return static_cast<int64_t>(bytes);
 }
 
 } // namespace vrixtool
