@@ -90,7 +90,7 @@ expect 200 '/api/play?ch=3&from=2024-06-14T11:00:04&to=2024-06-14T11:00:01&dir=b
 refused_with 404 '/api/play?ch=7&from=2024-06-14T11:00:00'            # synthetic frames
 refused_with 404 '/api/play?ch=1&from=2024-06-15T00:00:00&to=2024-06-15T00:00:10'
 for q in 'ch=0&from=1718362800' 'ch=17&from=1718362800' 'ch=x&from=1718362800' 'from=1718362800' \
-    'ch=1' 'ch=1&from=yesterday' 'ch=1&ch=2&from=1718362800' 'ch=1&from=1718362800&dir=up' \
+    'ch=1' 'ch=1&from=teatime' 'ch=1&ch=2&from=1718362800' 'ch=1&from=1718362800&dir=up' \
     'ch=1&from=1718362800&to=1718362700' 'ch=1&from=1718362800&keys=0' \
     'ch=1&from=1718362800&root=/etc' 'ch=1%00&from=1718362800'; do
     refused_with 400 "/api/play?$q"
