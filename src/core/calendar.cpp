@@ -69,8 +69,14 @@ struct Span {
     Rule rule;
     unsigned generation; // 0 = empty slot
 };
-thread_local Span t_spans[2];
-thread_local int t_lastSpan;
+// The last two ranges a thread used, in one block of static thread storage
+// (reached without a call into the dynamic loader, a few bytes of the room
+// the C library keeps for libraries it loads later).
+struct Spans {
+    Span span[2];
+    int last;
+};
+[[gnu::tls_model("initial-exec")]] thread_local Spans t_spans;
 
 // The first instant after `inside` (exclusive) up to `outside` (inclusive)
 // whose rule differs from `r`, searching towards `outside`; both directions.
@@ -105,20 +111,17 @@ bool rule_span(long long t, const Span *&out) {
     const int ref = g_refreshOffset.load(std::memory_order_acquire);
     if (ref == kNever || ref != fixed_offset()) return false;
     const unsigned generation = g_generation.load(std::memory_order_acquire);
-    const Span &last = t_spans[t_lastSpan];
+    Spans &cache = t_spans;
+    const Span &last = cache.span[cache.last];
     if (last.generation == generation && t >= last.lo && t < last.hi) {
         out = &last;
         return true;
     }
-    const Span &other = t_spans[t_lastSpan ^ 1];
-    if (other.generation == generation && t >= other.lo && t < other.hi) {
-        t_lastSpan ^= 1;
-        out = &other;
-        return true;
-    }
-    t_lastSpan ^= 1;
-    t_spans[t_lastSpan] = compute_span(t, generation);
-    out = &t_spans[t_lastSpan];
+    cache.last ^= 1;
+    Span &other = cache.span[cache.last];
+    if (!(other.generation == generation && t >= other.lo && t < other.hi))
+        other = compute_span(t, generation);
+    out = &other;
     return true;
 }
 
