@@ -190,9 +190,9 @@ long long first_at_wall(long long wall) {
     const Readings r = readings_of(wall);
     if (r.vBefore) return r.before;
     if (r.vAfter) return r.after;
-    // A skipped time: the change, where the range of the later offset begins.
-    const Span *s = nullptr;
-    return rule_span(r.before, s) ? s->lo : r.before;
+    // A skipped time (only the rules skip): the change, found to the second
+    // between the reading with the later offset and the one with the earlier.
+    return edge(r.after, r.before, rule_at(r.after));
 }
 
 HourSpan hour_span(long long t) {
