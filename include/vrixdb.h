@@ -155,8 +155,10 @@ VRIX_API extern NotifyMessage g_RmMsg;     /* remove request, filled by the send
 /* Returns 1 when ready, 0 when start-up failed. */
 VRIX_API int vrix_db_init(int send_queue);
 
-/* Local calendar fields (second..year only) of a count of seconds, in the zone
- * of g_TimeZone.  A null record is ignored. */
+/* Local calendar fields (second..year only) of a count of seconds, with the
+ * offset in force at that instant in the zone of TZ (as of the last open; an
+ * offset the application wrote into g_TimeZone, or g_TimeZone before any
+ * open, is used as a fixed offset).  A null record is ignored. */
 VRIX_API void sec_to_tm(struct tm *tm, int sec);
 
 /* Frees a result holder of `rows` slots; null is ignored. */

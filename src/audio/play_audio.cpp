@@ -92,8 +92,7 @@ enum class Held { Damaged, PastEnd, Good };
 Held check_record(const AudioPlayContext &c, int32_t &sec) {
     uint32_t w;
     if (!parse_audio_record(c.pFrameBuf, sec, w)) return Held::Damaged;
-    const long long into_hour = static_cast<long long>(sec) - c.iHourStart;
-    if (into_hour < 0 || into_hour >= 3600) return Held::Damaged;
+    if (sec < c.iHourStart || sec >= c.iHourEnd) return Held::Damaged;
     return sec > c.iEndSec ? Held::PastEnd : Held::Good;
 }
 
@@ -116,6 +115,13 @@ bool usable(const AudioPlayContext &c) {
 int give_up(const char *step) {
     log_line("%s : audio index unavailable , giving up\n", step);
     return 0;
+}
+
+// Crosses into the next (previous) recorded hour from the hour being played.
+// A crossing that does not move on in its direction ends the step.
+bool cross_hour(AudioPlayContext *ctx, int direction) {
+    const int from = ctx->iHourStart;
+    return db_audio_get_new(ctx, from, direction) && moved_on(from, ctx->iHourStart, direction);
 }
 
 } // namespace
@@ -260,7 +266,7 @@ extern "C" int vrix_db_next_audio(AudioPlayContext *ctx) {
                 continue;
             }
         }
-        if (!db_audio_get_new(ctx, c.iHourStart, 1)) return none();
+        if (!cross_hour(ctx, 1)) return none();
         moved = true;
         damaged = -1;
     }
@@ -276,7 +282,7 @@ extern "C" int vrix_db_pre_audio(AudioPlayContext *ctx) {
     c.iDirection = -1;
     for (;;) {
         if (c.iCurPos <= 0) {
-            if (!db_audio_get_new(ctx, c.iHourStart, -1)) return 0;
+            if (!cross_hour(ctx, -1)) return 0;
             continue;
         }
         switch (seek_row(c, c.iCurPos)) {

@@ -1,4 +1,5 @@
-// Local calendar time in the zone of g_TimeZone.
+// Local calendar time in the recorder's zone: the offset in force at each
+// instant, taken from the C library's rules for TZ.
 #pragma once
 
 #include "vrixdb.h"
@@ -10,16 +11,60 @@ namespace vrix {
 // An end time that never comes: playback without end follows the recording.
 constexpr int kNoEnd = 0x7FFFFFFF;
 
-// Refreshes g_TimeZone at the start of every open function: gettimeofday's
-// zone record, with the minutes-west field set from the C library's current
-// local offset so that sec_to_tm and mktime always agree.
+// Refreshes the zone at the start of every open function: re-reads TZ, keeps
+// g_TimeZone current (gettimeofday's record, minutes west set from the offset
+// in force now, by the test clock when one is installed) and, when the zone's rules changed, drops
+// every thread's cached offset range.  Until the first refresh sec_to_tm converts with g_TimeZone's
+// fixed offset alone.
 void refresh_timezone();
 
-// The local midnight that begins the day of t (the store's day key), given
-// t's calendar fields from sec_to_tm.
-inline int day_start(int t, const std::tm &tm) {
-    return t - (tm.tm_hour * 3600 + tm.tm_min * 60 + tm.tm_sec);
+// Seconds east of UTC in force at `t`: g_TimeZone's offset moved by the
+// zone's change between the last refresh and `t`, so in a zone without
+// changes it is g_TimeZone's offset exactly.  Per call, within the cached
+// range for which the offset holds, one comparison.
+int offset_at(long long t);
+
+// The wall clock at `t`: t + offset_at(t), as seconds counted like UTC.
+inline long long wall_of(long long t) {
+    return t + offset_at(t);
 }
+
+// The first instant at which the wall clock reads `wall` or later: the
+// instant of `wall` itself, the first pass of it in a repeated hour, the
+// change itself for a time in a skipped hour.
+long long first_at_wall(long long wall);
+
+// The first instant of the local day of t (the store's day key), given t's
+// calendar fields from sec_to_tm.
+inline int day_start(int t, const std::tm &tm) {
+    return static_cast<int>(
+        first_at_wall(wall_of(t) - (tm.tm_hour * 3600 + tm.tm_min * 60 + tm.tm_sec)));
+}
+
+// The wall clock at the midnight of t's local day.
+inline long long midnight_wall(long long t) {
+    const long long wall = wall_of(t);
+    return wall - (wall % 86400 + 86400) % 86400;
+}
+
+// The first instant of the local day after the one that t lies in.
+inline long long next_day_start(long long t) {
+    return first_at_wall(midnight_wall(t) + 86400);
+}
+
+// The first instant of local hour h of t's day (h may run past 23 into the
+// next days); a skipped hour begins, and ends, at the change.
+inline long long hour_start_of(long long t, int h) {
+    return first_at_wall(midnight_wall(t) + h * 3600LL);
+}
+
+// The local hour of t as a span of instants [start, end): the repeated hour
+// of a change back spans both passes (two hours of seconds), the hour before
+// a change forward ends at the change.
+struct HourSpan {
+    long long start, end;
+};
+HourSpan hour_span(long long t);
 
 // The local calendar fields of `sec` (by sec_to_tm).
 inline std::tm fields_of(long long sec) {
@@ -28,10 +73,12 @@ inline std::tm fields_of(long long sec) {
     return tm;
 }
 
-// The inverse of sec_to_tm: the seconds whose local fields, in the zone of
-// g_TimeZone, are those of `local` (only the six fields sec_to_tm writes are
-// read).  Midnights and hour bounds formed with it always match the day keys
-// and hour files that recording named with sec_to_tm.
+// The instant named by the six fields sec_to_tm writes, read with the zone's
+// rules.  Where they name two instants (the repeated hour) tm_isdst 1 picks
+// the first pass and 0 the second; in a skipped hour 1 reads them with the
+// summer offset and 0 with the standard one; -1 (or any other value) leaves
+// both cases to the C library's mktime.  Elsewhere the flag is not read, so a
+// record filled by sec_to_tm names the instant it came from.
 long long local_seconds(const std::tm &local);
 
 } // namespace vrix

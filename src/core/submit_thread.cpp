@@ -65,14 +65,13 @@ void park() {
 // recorder's clock.
 constexpr int kFirstDay = 2 * 86400;
 
-// A day key is a local midnight by the library's own calendar, no earlier
+// A day key is the first instant of a local day (its midnight, or the change
+// when a zone skips midnight) by the library's own calendar, no earlier
 // than kFirstDay and at least a day below the end of 32-bit seconds (the
 // next day is prepared from it).
 bool plausible_day(int day) {
     if (day < kFirstDay || day > INT_MAX - 86400) return false;
-    std::tm tm{};
-    sec_to_tm(&tm, day);
-    return tm.tm_hour == 0 && tm.tm_min == 0 && tm.tm_sec == 0;
+    return day_start(day, fields_of(day)) == day;
 }
 
 // Validates and carries out one message of `size` text bytes.  Returns true

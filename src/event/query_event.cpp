@@ -62,9 +62,8 @@ bool build_filters(EventQueryContext &q, uint32_t lo, uint32_t hi, int withCh0, 
 }
 
 // ---- time in the library's zone ----
-// Midnights are formed from sec_to_tm's fields and its exact inverse, never
-// from the C library's zone rules, so they always equal the day keys that
-// recording wrote with sec_to_tm.
+// Day starts and days' ends come from the library's calendar, the one
+// recording named its days with, so they always equal the store's day keys.
 
 time_t midnight_of(time_t t) {
     return day_start(static_cast<int>(t), fields_of(t));
@@ -269,7 +268,7 @@ extern "C" int db_event_get_new(EventQueryContext *ctx, time_t sec, int directio
     sec = std::min(sec, kLastStoreSec - kDaySeconds);
     for (;;) {
         if (ctx->iDirection == 1)
-            sec = midnight_of(sec) + kDaySeconds;
+            sec = next_day_start(sec);
         else if (ctx->iDirection == -1)
             sec = midnight_of(sec) - 1;
         else
@@ -282,7 +281,7 @@ extern "C" int db_event_get_new(EventQueryContext *ctx, time_t sec, int directio
                     static_cast<int>(midnight));
         int day;
         if (!query_int(date_mutex(), ctx->pDateDb, q.text, ctx->pIntResult, day)) break;
-        if (day != midnight) sec = direction > 0 ? day : day + kDaySeconds - 1;
+        if (day != midnight) sec = direction > 0 ? day : next_day_start(day) - 1;
         if (sec < 0 || sec > kLastStoreSec - kDaySeconds) break;
 
         std::tm fields = fields_of(sec);

@@ -44,6 +44,12 @@ bool oldest_day(const Db &date, ResultTable &holder, Day &day) {
     return true;
 }
 
+// The last second of local hour h of the day (by the zone's rules: 3599 s
+// after its start in an ordinary hour).
+int last_second(const Day &day, int h) {
+    return static_cast<int>(hour_start_of(day.key, h + 1) - 1);
+}
+
 // The first hour of the day whose audio table holds a row, or -1.  Waits
 // `wait_us` after every hour without rows.
 int first_audio_hour(const Db &audio, ResultTable &holder, unsigned long wait_us) {
@@ -63,13 +69,13 @@ int predict(const char *root, const Db &date, Db &audio, ResultTable &holder) {
     if (!oldest_day(date, holder, day)) return 0;
     pace_sleep_s(1);
     Path p;
-    if (!day_audio_db(p, root, day.name) || !audio.open(p.text)) return day.key + 3599;
+    if (!day_audio_db(p, root, day.name) || !audio.open(p.text)) return last_second(day, 0);
     const int h = first_audio_hour(audio, holder, 500000);
     if (h < 0) {
         log_text("vrix_db_get_reduce_sec : no audio in this date !");
-        return day.key + 3599 + 24 * 3600;
+        return last_second(day, 24);
     }
-    return day.key + 3599 + 3600 * h;
+    return last_second(day, h);
 }
 
 // The whole day goes: its directory through the remove queue, its rows in
@@ -137,7 +143,7 @@ int reduce(const char *root, const Db &date, Db &audio, ResultTable &holder, con
         return 0;
     }
     if (kept_for_recording("media", root, day.key, day.name, hour)) return 0;
-    const int limit = day.key + 3599 + 3600 * hour;
+    const int limit = last_second(day, hour);
     log_line("we got hour %d\n", hour);
     for (int ch = 1; ch <= VRIX_VIDEO_CHANNELS; ++ch) {
         if (!reduce_channel(root, day, ch, hour, limit, stop, freeMB, fd)) return limit;

@@ -20,9 +20,12 @@
 #include "core/flags.h"
 #include "core/store_access.h"
 #include "store/format.h"
+#include "store/log.h"
 #include "store/paths.h"
 #include "store/schema.h"
 
+#include <algorithm>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -32,7 +35,8 @@ namespace vrix {
 
 // What opening a playback context does alike for video and audio, after the
 // frame buffer: the root, date.db, the two holders and the times (read with
-// mktime from copies, so the caller's records are left as they are).  False
+// the zone's rules by local_seconds; the caller's records are left as they
+// are).  False
 // when something could not be had; the caller then closes the context.
 template <class Ctx>
 bool open_playback(Ctx &c, const struct tm *start, const struct tm *end, const char *root) {
@@ -46,8 +50,8 @@ bool open_playback(Ctx &c, const struct tm *start, const struct tm *end, const c
     if (!(c.pIntResult = make_holder(1, kIntCell))) return false;
     if (!(c.pOffsetResult = make_holder(1, kOffsetCell))) return false;
     auto seconds = [](const struct tm *t) {
-        std::tm copy = *t;
-        return static_cast<int>(mktime(&copy));
+        const long long s = local_seconds(*t);
+        return static_cast<int>(s < INT_MIN ? INT_MIN : s > INT_MAX ? INT_MAX : s);
     };
     c.iDirection = 0;
     c.iStep = 1;
@@ -83,8 +87,7 @@ int locate_in_day(typename Media::Context &c, std::tm *t, int *pos, int *endPos,
     int h;
     if (!day.value(c.pIntResult, q.text, h) || h < 0 || h > 23) return -1;
     if (h != t->tm_hour) {
-        const int midnight = *sec - (t->tm_hour * 3600 + t->tm_min * 60 + t->tm_sec);
-        *sec = midnight + h * 3600 + (fwd ? 0 : 3599);
+        *sec = static_cast<int>(fwd ? hour_start_of(*sec, h) : hour_start_of(*sec, h + 1) - 1);
         t->tm_hour = h;
         t->tm_min = t->tm_sec = fwd ? 0 : 59;
     }
@@ -147,6 +150,20 @@ int locate_in_day(typename Media::Context &c, std::tm *t, int *pos, int *endPos,
     return 1;
 }
 
+// A search that would move against its direction: reported, nothing found.
+inline int went_back(long long to, long long from) {
+    log_line("locate : time %lld does not move on from %lld , stop\n", to, from);
+    return 0;
+}
+
+// Whether a crossing moved the way it should: forward to a later hour,
+// backward to an earlier one.  One that did not is reported and ends the step.
+inline bool moved_on(int before, int after, int direction) {
+    if (direction == 1 ? after > before : after < before) return true;
+    went_back(after, before);
+    return false;
+}
+
 // Locates from `sec` in `direction` (1 or -1), walking hours and recorded
 // days: 1 positioned (day database, stream, hour, rows and time set), 0
 // nothing found.
@@ -157,13 +174,17 @@ template <class Media> int locate(typename Media::Context &c, int sec, int direc
     if (direction == -1 && s > c.iEndSec) s = c.iEndSec;
     std::tm tm = fields_of(static_cast<int>(s));
     int pos = 0, endPos = 0;
+    // Every hour tried lies beyond the one before in the direction of the
+    // search: a calendar mistake ends the search instead of looping.
+    long long tried = direction == 1 ? LLONG_MIN : LLONG_MAX;
     for (;;) {
         if (direction == 1 && s > c.iEndSec) return 0;
         if (c.iDirection == 1)
-            s = s - tm.tm_min * 60 - tm.tm_sec + 3600;
+            s = hour_span(s).end;
         else if (c.iDirection == -1)
-            s = s - tm.tm_min * 60 - tm.tm_sec - 1;
+            s = hour_span(s).start - 1;
         if (s < 0 || s > kNoEnd) return 0;
+        if (direction == 1 ? s <= tried : s >= tried) return went_back(s, tried);
         tm = fields_of(static_cast<int>(s));
         c.iDirection = direction;
         const int midnight = day_start(static_cast<int>(s), tm);
@@ -175,17 +196,19 @@ template <class Media> int locate(typename Media::Context &c, int sec, int direc
             s = d;
             tm = fields_of(d);
             if (direction == -1) {
-                // 23:59:59 of that day in the store's own calendar.
-                tm.tm_hour = 23;
-                tm.tm_min = tm.tm_sec = 59;
-                s = local_seconds(tm);
+                // The day's last second in the store's own calendar.
+                s = next_day_start(d) - 1;
+                tm = fields_of(s);
             }
         }
         int at = static_cast<int>(s);
         const int r = locate_in_day<Media>(c, &tm, &pos, &endPos, &at);
-        s = at;
+        if (direction == 1 ? at < s : at > s) return went_back(at, s);
+        s = tried = at;
         if (r == 1) break;
-        if (r == -1) s = day_start(static_cast<int>(s), tm) + (c.iDirection == 1 ? 82800 : 3599);
+        // A day that is not usable: on from its last hour (forward) or its
+        // first (backward).
+        if (r == -1) s = direction == 1 ? hour_start_of(s, 23) : hour_start_of(s, 1) - 1;
         tm = fields_of(static_cast<int>(s));
         if (c.iDirection == -1 && s < 0) return 0;
     }
@@ -199,7 +222,9 @@ template <class Media> int locate(typename Media::Context &c, int sec, int direc
     }
     if (!db) return 0;
     c.iHour = tm.tm_hour;
-    c.iHourStart = static_cast<int>(s) - tm.tm_min * 60 - tm.tm_sec;
+    const HourSpan hour = hour_span(s);
+    c.iHourStart = static_cast<int>(hour.start);
+    c.iHourEnd = static_cast<int>(std::min<long long>(hour.end, INT_MAX));
     c.iCurSec = static_cast<int>(s);
     c.iCurPos = pos;
     c.iEndPos = endPos;

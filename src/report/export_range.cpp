@@ -7,8 +7,9 @@
 namespace {
 
 // The calendar record handed to the open: the C library's own local fields
-// of `sec`, daylight-saving flag included, so that the open's mktime gives
-// back exactly `sec` in every zone, also in the repeated hour of a change.
+// of `sec`, daylight-saving flag included, so that the open's conversion gives
+// back exactly `sec` in every zone, also in the repeated hour of a change
+// (its flag picks the pass).
 std::tm local_fields(int sec) {
     const time_t t = sec;
     std::tm tm{};

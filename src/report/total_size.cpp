@@ -110,14 +110,16 @@ unsigned total_size(const Medium &m, struct tm *start, struct tm *end, const cha
     }
     Scan s{m, root, ch};
     if (!s.holder.t) return 0;
-    const long long t1 = mktime(start), t2 = mktime(end);
+    const long long t1 = local_seconds(*start), t2 = local_seconds(*end);
     if (m.per_second) log_line("enter %s\n", m.name);
     if (t1 > t2) return 0;
     if (!m.per_second) log_line("enter %s\n", m.name);
 
-    long long H = t1 - (start->tm_sec + 60 * start->tm_min);
+    // H: the first second of the local hour being counted (of the zone's
+    // rules: the repeated hour of a change back has two hours of seconds).
+    long long H = hour_span(t1).start;
     long long L = t1;
-    const long long E = t2 - (end->tm_sec + 60 * end->tm_min);
+    const long long E = hour_span(t2).start;
     unsigned long long T = 0, R = 0;
     auto leave = [&] {
         log_line("leave %s\n", m.name);
@@ -128,10 +130,10 @@ unsigned total_size(const Medium &m, struct tm *start, struct tm *end, const cha
         log_text(m.date_error);
         return leave();
     }
-    auto advance = [&] { L = H = H + 3600; };
+    auto advance = [&] { L = H = hour_span(H).end; };
     for (;;) {
         const std::tm h = fields_of(H);
-        if (h.tm_hour == 0 && h.tm_min == 0 && h.tm_sec == 0) {
+        if (day_start(static_cast<int>(H), h) == H) {
             Sql q;
             format_into(q.text, sizeof q.text, sql::kChannelDayFrom, ch, static_cast<int>(H));
             long long day;
@@ -146,13 +148,13 @@ unsigned total_size(const Medium &m, struct tm *start, struct tm *end, const cha
             continue;
         }
         long long s0;
-        const long long at = L;
+        const long long at = L, seconds = hour_span(H).end - H;
         const bool indexed = s.first_offset(at, s0, nullptr);
         advance();
         if (!indexed) continue;
         const long long z = s.stream_size(at);
         if (z < 0) continue;
-        T += bytes_between(s0, z, z) + static_cast<unsigned long long>(m.per_second * 3600);
+        T += bytes_between(s0, z, z) + static_cast<unsigned long long>(m.per_second * seconds);
         if (T >= kSaturated) {
             R = kSaturated;
             return leave();
@@ -171,7 +173,7 @@ unsigned total_size(const Medium &m, struct tm *start, struct tm *end, const cha
         R = T + bytes_between(s0, s1, z) + static_cast<unsigned long long>((t2 - L) * m.per_second);
     else
         R = T + bytes_between(s0, z, z) +
-            static_cast<unsigned long long>((3600 - (L - H)) * m.per_second);
+            static_cast<unsigned long long>((hour_span(H).end - L) * m.per_second);
     if (R >= kSaturated) R = kSaturated;
     return leave();
 }

@@ -35,7 +35,9 @@ struct PlayContext {
     // Offset in fpStream of the next record forward play reads; a short read
     // at the growing end of a file goes back here before trying again.
     long long llNextRecord;
-    // First second of the hour being played: a record of this hour's file
-    // whose time lies outside [iHourStart, iHourStart + 3600) is damage.
+    // The local hour being played as the seconds [iHourStart, iHourEnd) (two
+    // hours of seconds for the repeated hour of a change back): a record of
+    // this hour's file whose time lies outside is damage.
     int iHourStart;
+    int iHourEnd;
 };

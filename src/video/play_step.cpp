@@ -4,6 +4,7 @@
 #include "core/flags.h"
 #include "core/store_access.h"
 #include "media/index_row.h"
+#include "media/locate.h"
 #include "media/stream_file.h"
 #include "play_context.h"
 #include "play_video.h"
@@ -32,6 +33,13 @@ void rewind_record(PlayContext &c) {
     seek_to(c, c.llNextRecord);
 }
 
+// Crosses into the next (previous) recorded hour from the hour being played.
+// A crossing that does not move on in its direction ends the step.
+bool cross_hour(PlayContext *ctx, int direction) {
+    const int from = ctx->iHourStart;
+    return db_video_get_new(ctx, from, direction) && moved_on(from, ctx->iHourStart, direction);
+}
+
 enum class Read { Frame, Short, Impossible, PastEnd };
 
 // Reads the record at the file position into the context.  A record with an
@@ -43,8 +51,7 @@ Read read_record(PlayContext &c, FrameInfo &f) {
     if (std::fread(head, 1, sizeof head, c.fpStream) != sizeof head) return Read::Short;
     parse_frame(head, sizeof head, f);
     const int len = static_cast<int>(f.len);
-    const long long into_hour = static_cast<long long>(f.sec) - c.iHourStart;
-    if (len < 1 || len > c.iBufSize || f.sec == 0 || into_hour < 0 || into_hour >= 3600)
+    if (len < 1 || len > c.iBufSize || f.sec == 0 || f.sec < c.iHourStart || f.sec >= c.iHourEnd)
         return Read::Impossible;
     if (f.sec > c.iEndSec) return Read::PastEnd;
     c.iFrameSec = f.sec;
@@ -202,7 +209,7 @@ extern "C" int vrix_db_next_video(PlayContext *ctx) {
             c.iEndPos = last;
             continue;
         }
-        if (!db_video_get_new(ctx, c.iHourStart, 1)) return 0;
+        if (!cross_hour(ctx, 1)) return 0;
         damaged = -1;
         if (!seek) c.llNextRecord = 0;
     }
@@ -231,7 +238,7 @@ extern "C" int vrix_db_pre_video(PlayContext *ctx) {
             back(c.iStep);
             if (c.iCurPos == 0) {
                 c.iDirection = -1;
-                if (!db_video_get_new(ctx, c.iHourStart, -1)) {
+                if (!cross_hour(ctx, -1)) {
                     if (!c.pVideoDb) return 0;
                     c.iCurPos = 1;
                 }
@@ -245,7 +252,7 @@ extern "C" int vrix_db_pre_video(PlayContext *ctx) {
     }
     for (;;) {
         if (c.iCurPos <= 0) {
-            if (!db_video_get_new(ctx, c.iHourStart, -1)) return 0;
+            if (!cross_hour(ctx, -1)) return 0;
             continue;
         }
         long long offset = 0;

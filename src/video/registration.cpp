@@ -36,7 +36,7 @@ namespace {
 
 void prepare_next_day(RecContext &ctx, int day) {
     std::tm tm{};
-    sec_to_tm(&tm, day + 86400);
+    sec_to_tm(&tm, static_cast<int>(next_day_start(day)));
     char name[12];
     day_name(name, tm);
     Path p;

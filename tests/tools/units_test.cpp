@@ -166,6 +166,34 @@ TEST(Times, AsUsersTypeThem) {
     EXPECT_FALSE(parse_time("-1h", 1000)) << "before 1970";
 }
 
+// In a zone with summer time (set for this test's process): the offset of
+// each instant; the repeated hour is shown with its offset and typed with
+// one (or Z), and without one names its first pass.
+TEST(Times, SummerTime) {
+    setenv("TZ", "Europe/Berlin", 1);
+    tzset();
+    EXPECT_EQ(parse_time("2024-06-14T11:59:50"), 1718359190L);
+    EXPECT_EQ(format_time(1718359190L), "2024-06-14T11:59:50");
+    const long first = 1729987800L, second = first + 3600; // 02:10 on 2024-10-27, twice
+    EXPECT_EQ(format_time(first), "2024-10-27T02:10:00+02:00");
+    EXPECT_EQ(format_time(second), "2024-10-27T02:10:00+01:00");
+    EXPECT_EQ(format_time(second + 3600), "2024-10-27T03:10:00");
+    EXPECT_EQ(parse_time("2024-10-27T02:10:00"), first);
+    EXPECT_EQ(parse_time(format_time(second)), second);
+    EXPECT_EQ(parse_time("2024-10-27T01:10:00Z"), second);
+    EXPECT_EQ(parse_time("2024-10-26T20:10:00-05:00"), second);
+    for (const char *bad : {"2024-10-27T02:10:00+1:00", "2024-10-27T02:10:00+15:00",
+                            "2024-10-27T02:10:00Zx", "2024-10-27T02:10:00+01:60"})
+        EXPECT_FALSE(parse_time(bad)) << bad;
+    // The skipped 02:30 of 2024-03-31 reads as 03:30 summer time.
+    EXPECT_EQ(parse_time("2024-03-31T02:30:00"), 1711848600L);
+    const auto day = parse_day("20241027");
+    ASSERT_TRUE(day);
+    EXPECT_EQ(*day, 1729980000L);
+    EXPECT_EQ(next_day(*day) - *day, 25 * 3600);
+    EXPECT_EQ(day_start(second), *day);
+}
+
 TEST(Lists, ChannelsAndTypes) {
     EXPECT_EQ(parse_channels("1,3,5-8,3", 0, 64), (std::vector<int>{1, 3, 5, 6, 7, 8}));
     EXPECT_EQ(parse_channels("all", 1, 16)->size(), 16u);

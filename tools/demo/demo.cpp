@@ -127,7 +127,7 @@ int run_demo(const DemoOptions &o) {
     if (logFile) log.emplace(logFile.get());
     d.out = out();
     std::fprintf(d.out, "vrixdb demo: store %s, local time UTC%s\n", d.root.c_str(),
-                 format_offset().c_str());
+                 format_offset(d.t0).c_str());
     std::fprintf(d.out,
                  "recording %s .. %s in virtual time: %d channels of video at %d frames/s, "
                  "a key frame each second\n(ch 1-%d all the time, ch %d-%d on motion), scale %u; "

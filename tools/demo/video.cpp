@@ -62,7 +62,8 @@ void step_index(Demo &d) {
         int64_t bytes = 0;
         size_t next = 0;
         std::set<std::pair<long, int>> seen;
-        for (long day = day_start(d.t0); day <= day_start(d.t1 - 1) && why.empty(); day += 86400)
+        for (long day = day_start(d.t0); day <= day_start(d.t1 - 1) && why.empty();
+             day = next_day(day))
             for (const HourIndex &h : store.video(day, ch)) {
                 seen.insert({day, h.hour});
                 bytes += h.streamBytes > 0 ? h.streamBytes : 0;

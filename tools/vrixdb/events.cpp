@@ -43,7 +43,7 @@ int run_events(const EventsOptions &o) {
     if (!start_library()) return 1;
 
     // The query reads its start in the library's own calendar.
-    std::tm start = local_fields(from);
+    std::tm start = mktime_fields(from);
     EventQueryContext *q = vrix_db_open_get_event(&start, lo, hi, withCh0, types, root.c_str(),
                                                   o.page, 0, o.exact ? 1 : 0);
     if (!q) {

@@ -99,7 +99,7 @@ const char *unreadable_since(const StoreIndex &store, size_t before) {
 
 void list_day(StoreIndex &store, long day) {
     std::fprintf(out(), "day %s in %s (times at UTC%s)\n", day_name(day).c_str(),
-                 store.root().c_str(), format_offset().c_str());
+                 store.root().c_str(), format_offset(day).c_str());
     std::fprintf(out(), "video\n  %-3s %-24s %10s %12s  %s\n", "ch", "hours", "key frames", "bytes",
                  "first .. last key frame");
     bool any = false;

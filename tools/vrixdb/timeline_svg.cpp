@@ -114,7 +114,8 @@ std::string render_timeline(const TimelineData &data) {
                   "<text x=\"%d\" y=\"22\" font-size=\"15\" font-weight=\"bold\">Recorded "
                   "%04d-%02d-%02d, %s - %s (UTC%s)</text>\n",
                   kLeft, day.tm_year + 1900, day.tm_mon + 1, day.tm_mday, hhmm(from).c_str(),
-                  to - data.day == 86400 ? "24:00" : hhmm(to).c_str(), format_offset().c_str());
+                  to - data.day == 86400 ? "24:00" : hhmm(to).c_str(),
+                  format_offset(data.day).c_str());
     add(buf);
     std::snprintf(buf, sizeof buf,
                   "<text x=\"%d\" y=\"40\" fill=\"#4a5568\">bars: recorded spans from the "

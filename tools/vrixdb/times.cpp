@@ -5,26 +5,48 @@
 
 namespace vrixtool {
 
+long zone_offset(long t) {
+    static const bool once = (tzset(), true);
+    (void)once;
+    const time_t tt = static_cast<time_t>(t);
+    std::tm tm{};
+    return localtime_r(&tt, &tm) ? static_cast<long>(tm.tm_gmtoff) : 0L;
+}
+
 long zone_offset() {
-    static const long offset = [] {
-        tzset();
-        const time_t now = time(nullptr);
-        std::tm tm{};
-        return localtime_r(&now, &tm) ? static_cast<long>(tm.tm_gmtoff) : 0L;
-    }();
-    return offset;
+    return zone_offset(static_cast<long>(time(nullptr)));
 }
 
 std::tm local_fields(long t) {
-    const time_t shifted = static_cast<time_t>(t + zone_offset());
+    const time_t shifted = static_cast<time_t>(t + zone_offset(t));
     std::tm tm{};
     gmtime_r(&shifted, &tm);
     return tm;
 }
 
+long from_offset(const std::tm &tm, long offset) {
+    std::tm copy = tm;
+    return static_cast<long>(timegm(&copy)) - offset;
+}
+
+// The readings of a wall-clock time: with the offset in force a day before
+// it and a day after (zones change at most twice a year).
 long from_local(const std::tm &tm) {
     std::tm copy = tm;
-    return static_cast<long>(timegm(&copy)) - zone_offset();
+    const long wall = static_cast<long>(timegm(&copy));
+    const long before = wall - zone_offset(wall - 86400), after = wall - zone_offset(wall + 86400);
+    if (zone_offset(before) == zone_offset(wall - 86400)) return before; // the first pass
+    if (zone_offset(after) == zone_offset(wall + 86400)) return after;
+    return before; // skipped: read with the offset before the change
+}
+
+bool repeated(long t) {
+    const long wall = t + zone_offset(t);
+    for (long probe : {t - 86400, t + 86400}) {
+        const long other = wall - zone_offset(probe);
+        if (other != t && zone_offset(other) == zone_offset(probe)) return true;
+    }
+    return false;
 }
 
 std::tm mktime_fields(long t) {
@@ -164,7 +186,7 @@ std::optional<long> parse_time(const std::string &text, long now) {
     }
     if ((s[10] != 'T' && s[10] != ' ') || !clock_fields(s, 11, *date)) return std::nullopt;
     if (!offset) return in_range(from_local(*date));
-    return in_range(static_cast<long long>(timegm(&*date)) - *offset);
+    return in_range(from_offset(*date, *offset));
 }
 
 std::optional<long> parse_time(const std::string &text) {
@@ -191,7 +213,7 @@ std::string format_time(long t) {
     char buf[64];
     std::snprintf(buf, sizeof buf, "%04d-%02d-%02dT%02d:%02d:%02d", tm.tm_year + 1900,
                   tm.tm_mon + 1, tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec);
-    return buf;
+    return repeated(t) ? buf + format_offset(t) : buf;
 }
 
 std::string format_clock(long t) {
@@ -209,7 +231,11 @@ std::string day_name(long t) {
 }
 
 std::string format_offset() {
-    const long off = zone_offset();
+    return format_offset(static_cast<long>(time(nullptr)));
+}
+
+std::string format_offset(long t) {
+    const long off = zone_offset(t);
     const long a = off < 0 ? -off : off;
     char buf[64];
     std::snprintf(buf, sizeof buf, "%c%02ld:%02ld", off < 0 ? '-' : '+', a / 3600, a / 60 % 60);
@@ -217,8 +243,13 @@ std::string format_offset() {
 }
 
 long day_start(long t) {
-    const std::tm tm = local_fields(t);
-    return t - (tm.tm_hour * 3600L + tm.tm_min * 60L + tm.tm_sec);
+    std::tm tm = local_fields(t);
+    tm.tm_hour = tm.tm_min = tm.tm_sec = 0;
+    return from_local(tm);
+}
+
+long next_day(long day) {
+    return day_start(day + 26 * 3600L); // past the day's end, a 25-hour day's too
 }
 
 long span_end(long to) {

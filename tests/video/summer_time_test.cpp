@@ -1,0 +1,288 @@
+// Recording and playback through the changes to and from summer time (run
+// under Europe/Berlin, America/New_York and Australia/Sydney): a recorder runs
+// two hours before and after each change of 2024, restarts inside the
+// repeated hour, and everything is read back from a summer clock and from a
+// winter one.
+#include "support/frames.h"
+#include "support/queues.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstring>
+#include <filesystem>
+#include <map>
+#include <set>
+
+namespace {
+
+using namespace vrix::test;
+using Bytes = std::vector<unsigned char>;
+
+constexpr int kCh = 3, kAudioCh = 2;
+constexpr int kSpan = 2 * 3600;   // recorded before and after each change
+constexpr int kYear = 1704067200; // 2024-01-01 UTC
+constexpr int kSummerNorth = 1718452800, kWinterNorth = 1734264000; // June, December
+
+std::atomic<int> g_now{0};
+
+std::tm c_local(long t) {
+    const time_t tt = t;
+    std::tm tm{};
+    localtime_r(&tt, &tm);
+    return tm;
+}
+
+// The instants of 2024 at which the offset changes.
+std::vector<int> changes() {
+    std::vector<int> out;
+    for (int t = kYear; t < kYear + 366 * 86400; t += 3600)
+        if (c_local(t).tm_gmtoff != c_local(t + 3600).tm_gmtoff) {
+            int lo = t, hi = t + 3600;
+            while (hi - lo > 1)
+                (c_local(lo + (hi - lo) / 2).tm_gmtoff == c_local(t).tm_gmtoff ? lo : hi) =
+                    lo + (hi - lo) / 2;
+            out.push_back(hi);
+        }
+    return out;
+}
+
+struct Frame {
+    int sec;
+    bool key;
+    Bytes bytes;
+};
+
+class SummerTime : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        start_library();
+        const VrixTestHooks hooks{1, [] { return g_now.load(); }};
+        vrix_db_set_test_hooks(&hooks);
+        const std::vector<int> c = changes();
+        ASSERT_EQ(c.size(), 2u) << "tzdata is not installed";
+        for (int t : c)
+            (c_local(t).tm_gmtoff < c_local(t - 1).tm_gmtoff ? back : forward) = t;
+        record_all();
+    }
+    void TearDown() override { vrix_db_set_test_hooks(nullptr); }
+
+    // A frame every 5 s (a key frame every 10 s), an audio block and every
+    // 10 minutes an event with each key frame.  The restart 30 minutes into
+    // the second pass of the repeated hour drops what a restart drops: the
+    // last key frame's group and the last indexed audio second.
+    void record_all() {
+        g_now = std::min(forward, back) - kSpan;
+        RecContext *rec = vrix_db_open_rec_video(root(), 17);
+        AudioRecContext *audio = vrix_db_open_rec_audio(root(), 4);
+        EventRecContext *events = vrix_db_open_rec_event(root());
+        ASSERT_TRUE(rec && audio && events);
+        for (int change : {std::min(forward, back), std::max(forward, back)}) {
+            for (int t = change - kSpan; t < change + kSpan; t += 5) {
+                const bool key = (t - change) % 10 == 0;
+                if (change == back && t == back + 1800) {
+                    vrix_db_rec_video_flush(rec, kCh);
+                    vrix_db_rec_audio_flush(audio);
+                    vrix_db_close_rec_video(rec);
+                    vrix_db_close_rec_audio(audio);
+                    rec = vrix_db_open_rec_video(root(), 17);
+                    audio = vrix_db_open_rec_audio(root(), 4);
+                    ASSERT_TRUE(rec && audio);
+                    while (!frames.empty() && !frames.back().key)
+                        frames.pop_back();
+                    frames.pop_back();
+                    audioSecs.pop_back();
+                }
+                Bytes f =
+                    make_frame(kCh, t, key, 100 + t % 13, 0, static_cast<unsigned>(frames.size()));
+                vrix::test::record(rec, f);
+                frames.push_back({t, key, std::move(f)});
+                if (!key) continue;
+                const VrixAudioBlock block = audio_block(t, 0, [&](int ch, unsigned char *piece) {
+                    std::memset(piece, t % 251 + ch, VRIX_AUDIO_PIECE_SIZE);
+                });
+                vrix_db_rec_audio(audio, &block);
+                audioSecs.push_back(t);
+                if ((t - change) % 600 == 0) {
+                    g_now = t;
+                    vrix_db_rec_event(events, 1, VRIX_EVENT_MOTION, 0, 0);
+                    eventSecs.push_back(t);
+                }
+            }
+        }
+        vrix_db_rec_video_flush(rec, kCh);
+        vrix_db_rec_audio_flush(audio);
+        vrix_db_close_rec_video(rec);
+        vrix_db_close_rec_audio(audio);
+        vrix_db_close_rec_event(events);
+    }
+
+    const char *root() const { return dir.path().c_str(); }
+    // The hour file a frame of `t` belongs in, by the C library's local time.
+    std::string hour_file(int t) const {
+        const std::tm tm = c_local(t);
+        char name[64];
+        std::snprintf(name, sizeof name, "/%04d%02d%02d/video/%d/%d.stream", tm.tm_year + 1900,
+                      tm.tm_mon + 1, tm.tm_mday, kCh, tm.tm_hour);
+        return dir.path() + name;
+    }
+    std::vector<const Frame *> keys() const {
+        std::vector<const Frame *> out;
+        for (const Frame &f : frames)
+            if (f.key) out.push_back(&f);
+        return out;
+    }
+
+    ScratchDir dir;
+    int forward = 0, back = 0;
+    std::vector<Frame> frames;
+    std::vector<int> audioSecs, eventSecs;
+};
+
+// Every hour file holds exactly the frames of its local hour, in order: the
+// repeated hour both passes (the restart cut only its own tail), the skipped
+// hour has no file.
+TEST_F(SummerTime, HourFilesFollowTheLocalClock) {
+    std::map<std::string, Bytes> want;
+    for (const Frame &f : frames) {
+        Bytes &b = want[hour_file(f.sec)];
+        b.insert(b.end(), f.bytes.begin(), f.bytes.end());
+    }
+    std::set<std::string> dirs, files;
+    for (const auto &[path, bytes] : want) {
+        EXPECT_EQ(file_bytes(path), bytes) << path;
+        dirs.insert(std::filesystem::path(path).parent_path().string());
+    }
+    for (const std::string &d : dirs)
+        for (const auto &e : std::filesystem::directory_iterator(d))
+            if (e.path().extension() == ".stream") files.insert(e.path().string());
+    EXPECT_EQ(files.size(), want.size());
+    EXPECT_EQ(want.count(hour_file(back - 1)) + want.count(hour_file(back)), 2u);
+    EXPECT_EQ(hour_file(back - 1), hour_file(back)); // one file, two passes
+}
+
+// From a summer clock and a winter one: forward play delivers every frame in
+// order across both changes and the days between; backward every key frame;
+// opening at the local time of a key frame (the pass named by the flag)
+// delivers that frame first.
+TEST_F(SummerTime, VideoPlaysInOrderFromEitherSeason) {
+    for (int now : {kSummerNorth, kWinterNorth}) {
+        g_now = now;
+        std::tm start = c_local(frames.front().sec);
+        PlayContext *p = vrix_db_open_get_video(&start, nullptr, kCh, 4096, root());
+        ASSERT_NE(p, nullptr);
+        size_t n = 0;
+        while (n <= frames.size() && vrix_db_next_video(p) == 1) {
+            int sec = 0, sub = 0;
+            vrix_db_video_get_current_time(p, &sec, &sub);
+            void *buf = nullptr;
+            const int len = vrix_db_get_video(p, &buf);
+            ASSERT_LT(n, frames.size());
+            const Bytes &want = frames[n].bytes;
+            ASSERT_EQ(sec, frames[n].sec) << "frame " << n << ", now " << now;
+            ASSERT_EQ(
+                Bytes(static_cast<unsigned char *>(buf), static_cast<unsigned char *>(buf) + len),
+                Bytes(want.begin() + 16, want.end()));
+            ++n;
+        }
+        EXPECT_EQ(n, frames.size()) << "now " << now;
+        vrix_db_close_get_video(p);
+
+        const std::vector<const Frame *> k = keys();
+        std::tm end = c_local(frames.back().sec);
+        p = vrix_db_open_get_video(&end, nullptr, kCh, 4096, root());
+        ASSERT_NE(p, nullptr);
+        for (size_t i = k.size(); i-- > 0;) {
+            ASSERT_EQ(vrix_db_pre_video(p), 1) << "key frame " << i << ", now " << now;
+            int sec = 0, sub = 0;
+            vrix_db_video_get_current_time(p, &sec, &sub);
+            ASSERT_EQ(sec, k[i]->sec);
+        }
+        EXPECT_EQ(vrix_db_pre_video(p), 0);
+        vrix_db_close_get_video(p);
+
+        for (size_t i = 0; i < k.size(); i += 37) {
+            std::tm at = c_local(k[i]->sec);
+            p = vrix_db_open_get_video(&at, nullptr, kCh, 4096, root());
+            int sec = 0, sub = 0;
+            ASSERT_EQ(vrix_db_next_video(p), 1);
+            vrix_db_video_get_current_time(p, &sec, &sub);
+            EXPECT_EQ(sec, k[i]->sec) << "now " << now;
+            vrix_db_close_get_video(p);
+        }
+    }
+}
+
+// Audio and events alike, from either season; size totals count the bytes
+// written, also across the repeated hour's two passes.
+TEST_F(SummerTime, AudioEventsAndSizesFromEitherSeason) {
+    for (int now : {kSummerNorth, kWinterNorth}) {
+        g_now = now;
+        std::tm start = c_local(audioSecs.front());
+        AudioPlayContext *a =
+            vrix_db_open_get_audio(&start, nullptr, kAudioCh, VRIX_AUDIO_RECORD_SIZE, root());
+        ASSERT_NE(a, nullptr);
+        std::vector<int> got;
+        while (got.size() <= audioSecs.size() && vrix_db_next_audio(a) == 1)
+            got.push_back(vrix_get_audio_sec(a));
+        vrix_db_close_get_audio(a);
+        EXPECT_EQ(got, audioSecs) << "now " << now;
+
+        for (int dir : {1, -1}) {
+            std::tm from = c_local(dir == 1 ? eventSecs.front() : eventSecs.back());
+            EventQueryContext *q =
+                vrix_db_open_get_event(&from, 1, 0, 0, VRIX_EVENT_MOTION, root(), 7, 16, 0);
+            ASSERT_NE(q, nullptr);
+            std::vector<int> pages;
+            for (int n; pages.size() <= eventSecs.size() &&
+                        (n = dir == 1 ? vrix_db_next_event(q) : vrix_db_pre_event(q)) > 0;)
+                for (int i = 0; i < n; ++i)
+                    pages.push_back(vrix_db_get_event(q)[i].iSec);
+            vrix_db_close_get_event(q);
+            std::vector<int> want = eventSecs;
+            if (dir == -1) std::reverse(want.begin(), want.end());
+            EXPECT_EQ(pages, want) << "direction " << dir << ", now " << now;
+        }
+
+        long long written = 0, repeated = 0;
+        for (const Frame &f : frames) {
+            written += static_cast<long long>(f.bytes.size());
+            if (f.sec >= back - 3000 && f.sec < back + 600) repeated += f.bytes.size();
+        }
+        std::tm a0 = c_local(frames.front().sec), a1 = c_local(frames.back().sec + 1);
+        EXPECT_EQ(vrix_db_get_video_total_size(&a0, &a1, root(), kCh), written) << "now " << now;
+        std::tm r0 = c_local(back - 3000), r1 = c_local(back + 600);
+        EXPECT_EQ(vrix_db_get_video_total_size(&r0, &r1, root(), kCh), repeated) << "now " << now;
+    }
+}
+
+} // namespace
+
+// A converter whose offset disagrees with the store's (set by the application
+// after the open) still moves on: forward strictly later, backward strictly
+// earlier, and both end.
+TEST_F(SummerTime, DisagreeingOffsetNeverLoops) {
+    std::tm start = c_local(frames.front().sec), end = c_local(frames.back().sec);
+    PlayContext *p = vrix_db_open_get_video(&start, nullptr, kCh, 4096, root());
+    PlayContext *b = vrix_db_open_get_video(&end, nullptr, kCh, 4096, root());
+    ASSERT_TRUE(p && b);
+    g_TimeZone.tz_minuteswest = 90;
+    int last = 0, steps = 0, sec = 0, sub = 0;
+    for (; steps <= static_cast<int>(frames.size()) && vrix_db_next_video(p) == 1; ++steps) {
+        vrix_db_video_get_current_time(p, &sec, &sub);
+        ASSERT_GT(sec, last);
+        last = sec;
+    }
+    EXPECT_LE(steps, static_cast<int>(frames.size()));
+    last = INT32_MAX;
+    for (steps = 0; steps <= static_cast<int>(frames.size()) && vrix_db_pre_video(b) == 1;
+         ++steps) {
+        vrix_db_video_get_current_time(b, &sec, &sub);
+        ASSERT_LT(sec, last);
+        last = sec;
+    }
+    EXPECT_LE(steps, static_cast<int>(frames.size()));
+    vrix_db_close_get_video(p);
+    vrix_db_close_get_video(b);
+}
