@@ -69,9 +69,10 @@ template <class Ctx> void close_playback(Ctx &c) {
 // Locates within the day of `t`, in the direction c.iDirection: 1 found
 // (*pos, *endPos written, the hour's stream installed), 0 the hour is not
 // usable, -1 the day is not.  `t` and `*sec` move to the hour tried.
+// `day` is the connection used; on 1 it is left open for the caller to keep.
 template <class Media>
-int locate_in_day(typename Media::Context &c, std::tm *t, int *pos, int *endPos, int *sec) {
-    Db day(Media::mutex(c));
+int locate_in_day(typename Media::Context &c, Db &day, std::tm *t, int *pos, int *endPos,
+                  int *sec) {
     Path p;
     if (!Media::day_db(p, c, *t) || !day.open(p.text)) {
         Media::open_failed();
@@ -147,6 +148,12 @@ int locate_in_day(typename Media::Context &c, std::tm *t, int *pos, int *endPos,
     return 1;
 }
 
+template <class Media>
+int locate_in_day(typename Media::Context &c, std::tm *t, int *pos, int *endPos, int *sec) {
+    Db day(Media::mutex(c));
+    return locate_in_day<Media>(c, day, t, pos, endPos, sec);
+}
+
 // Locates from `sec` in `direction` (1 or -1), walking hours and recorded
 // days: 1 positioned (day database, stream, hour, rows and time set), 0
 // nothing found.
@@ -182,22 +189,19 @@ template <class Media> int locate(typename Media::Context &c, int sec, int direc
             }
         }
         int at = static_cast<int>(s);
-        const int r = locate_in_day<Media>(c, &tm, &pos, &endPos, &at);
+        Db day(Media::mutex(c));
+        const int r = locate_in_day<Media>(c, day, &tm, &pos, &endPos, &at);
         s = at;
-        if (r == 1) break;
+        if (r == 1) {
+            // The day's connection that found the position becomes the context's.
+            close_db(Media::mutex(c), Media::db(c));
+            Media::db(c) = day.release();
+            break;
+        }
         if (r == -1) s = day_start(static_cast<int>(s), tm) + (c.iDirection == 1 ? 82800 : 3599);
         tm = fields_of(static_cast<int>(s));
         if (c.iDirection == -1 && s < 0) return 0;
     }
-    Path p;
-    Media::day_db(p, c, tm);
-    SqlHandle &db = Media::db(c);
-    {
-        SqlLock hold(Media::mutex(c));
-        if (db) sql_close(db);
-        if (sql_open(p.text, &db) != 0) db = nullptr;
-    }
-    if (!db) return 0;
     c.iHour = tm.tm_hour;
     c.iHourStart = static_cast<int>(s) - tm.tm_min * 60 - tm.tm_sec;
     c.iCurSec = static_cast<int>(s);
