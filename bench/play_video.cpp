@@ -164,8 +164,19 @@ class Counter : public vrix::io::Observer {
     std::mutex mutex_;
 };
 
+// Runs of consecutive pages of one file: what a disk reads with one seek.
+size_t runs(const std::set<std::pair<std::string, long long>> &pages) {
+    size_t n = 0;
+    const std::pair<std::string, long long> *prev = nullptr;
+    for (const auto &p : pages) {
+        if (!prev || prev->first != p.first || prev->second + 1 != p.second) ++n;
+        prev = &p;
+    }
+    return n;
+}
+
 struct Cost {
-    double opens = 0, prepared = 0, reads = 0, index = 0, stream = 0, max_index = 0;
+    double opens = 0, prepared = 0, reads = 0, index = 0, stream = 0, max_index = 0, seeks = 0;
 };
 
 template <class Work> void measure(Cost &c, Work &&work) {
@@ -179,14 +190,15 @@ template <class Work> void measure(Cost &c, Work &&work) {
     c.reads += counter.reads;
     c.index += counter.index_pages.size();
     c.stream += counter.stream_pages.size();
+    c.seeks += runs(counter.index_pages) + runs(counter.stream_pages);
     c.max_index = std::max(c.max_index, static_cast<double>(counter.index_pages.size()));
 }
 
 void print_cost(const char *what, const Cost &c, int n) {
-    std::printf("  %-26s %5.1f files, %5.1f statements, %5.1f reads, pages: %4.1f index "
-                "(max %2.0f), %4.1f stream\n",
+    std::printf("  %-24s %4.1f files %4.1f statements %5.1f reads | pages %4.1f index (max %2.0f) "
+                "%4.1f stream | %4.1f seeks\n",
                 what, c.opens / n, c.prepared / n, c.reads / n, c.index / n, c.max_index,
-                c.stream / n);
+                c.stream / n, c.seeks / n);
 }
 
 struct Timing {
