@@ -201,25 +201,18 @@ void print_cost(const char *what, const Cost &c, int n) {
                 c.stream / n, c.seeks / n);
 }
 
-struct Timing {
-    double p50, p99;
-};
-
-// Open to first frame at random channels and times (warm page cache).
-Timing time_opens(const std::string &root, int days, int opens) {
-    std::mt19937 rng(42);
-    std::vector<double> ms;
-    for (int i = 0; i < opens; ++i) {
-        const int ch = 1 + static_cast<int>(rng() % kChannels);
-        const int sec = kDay0 + static_cast<int>(rng() % (static_cast<unsigned>(days) * 86400u));
-        const bench::Usage t0 = bench::usage_now();
-        PlayContext *p = open_at(root, ch, sec);
-        const int ok = vrix_db_next_video(p);
-        ms.push_back((bench::usage_now() - t0).wall * 1e3);
-        vrix_db_close_get_video(p);
-        if (!ok && sec < kDay0 + days * 86400 - 1) std::printf("no frame at %d ch%d\n", sec, ch);
-    }
-    return {percentile(ms, 0.5), percentile(ms, 0.99)};
+// One open to the first frame at a random channel and time of a store;
+// milliseconds.
+double one_open(const std::string &root, int days, std::mt19937 &rng) {
+    const int ch = 1 + static_cast<int>(rng() % kChannels);
+    const int sec = kDay0 + static_cast<int>(rng() % (static_cast<unsigned>(days) * 86400u));
+    const bench::Usage t0 = bench::usage_now();
+    PlayContext *p = open_at(root, ch, sec);
+    const int ok = vrix_db_next_video(p);
+    const double ms = (bench::usage_now() - t0).wall * 1e3;
+    vrix_db_close_get_video(p);
+    if (!ok && sec < kDay0 + days * 86400 - 1) std::printf("no frame at %d ch%d\n", sec, ch);
+    return ms;
 }
 
 // Per-open costs over `n` random opens, event first pages and backward steps.
@@ -311,16 +304,26 @@ int main(int argc, char **argv) {
         roots.push_back(store(d));
 
     throughput(roots[0]);
-    // Each store is timed twice, interleaved, and the better round kept, so
-    // that a neighbour's burst on the machine does not decide the ratio.
-    std::vector<Timing> best(sizes.size(), Timing{1e9, 1e9});
-    for (int round = 0; round < 2; ++round) {
-        for (size_t i = 0; i < sizes.size(); ++i) {
-            const Timing t = time_opens(roots[i], sizes[i], opens);
-            best[i].p50 = std::min(best[i].p50, t.p50);
-            best[i].p99 = std::min(best[i].p99, t.p99);
-        }
+    // The same random opens twice: the first pass warms the page cache, the
+    // second is timed.  The stores take turns open by open, so that a
+    // neighbour's burst on the machine falls on all of them alike.
+    std::vector<std::vector<double>> ms(sizes.size());
+    for (int pass = 0; pass < 2; ++pass) {
+        std::vector<std::mt19937> rng;
+        for (size_t i = 0; i < sizes.size(); ++i)
+            rng.emplace_back(42);
+        for (int n = 0; n < opens; ++n)
+            for (size_t i = 0; i < sizes.size(); ++i) {
+                const double t = one_open(roots[i], sizes[i], rng[i]);
+                if (pass == 1) ms[i].push_back(t);
+            }
     }
+    struct Timing {
+        double p50, p99;
+    };
+    std::vector<Timing> best;
+    for (const auto &v : ms)
+        best.push_back({percentile(v, 0.5), percentile(v, 0.99)});
     std::printf("open to first frame (%d random opens, warm cache):\n", opens);
     std::printf("  store    key-frame rows   p50 ms   p99 ms\n");
     for (size_t i = 0; i < sizes.size(); ++i)
