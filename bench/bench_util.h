@@ -58,4 +58,12 @@ inline std::string scratch(const char *name) {
     return std::filesystem::absolute(dir).string();
 }
 
+// A directory kept between runs (stores that take long to make).
+inline std::string cache(const char *name) {
+    const char *base = std::getenv("VRIX_BENCH_DIR");
+    auto dir = std::filesystem::path(base ? base : "bench-scratch") / name;
+    std::filesystem::create_directories(dir);
+    return std::filesystem::absolute(dir).string();
+}
+
 } // namespace bench

@@ -1,22 +1,49 @@
-// Playback: forward throughput of one channel-hour against plain fread of the
-// same file, time from open to the first frame at random times, and backward
-// key-frame steps per second, over a synthetic store of days x 16 channels x
-// 24 hours.
+// Playback over synthetic stores of 1, 7 and 30 days x 16 channels x 24 hours
+// (a key frame per second, made with the writer once and kept between runs):
+// time from open to the first frame at random channels and times per store,
+// what one cold open costs a disk (files opened, statements prepared,
+// distinct pages read), the same for the first page of an event query and a
+// backward key-frame step, and on the 1-day store forward play of one hour
+// against plain fread and backward key-frame steps per second.
 //
-//   bench_play_video [days=7] [opens=2000]
+//   bench_play_video [opens=2000] [largest store in days=30]
 #include "bench_util.h"
+#include "core/file_io.h"
+#include "core/store_access.h"
 #include "store/records.h"
+#include "store/schema.h"
+
+#include <dlfcn.h>
+#include <sqlite3.h>
 
 #include <algorithm>
 #include <filesystem>
+#include <fstream>
+#include <mutex>
 #include <random>
+#include <set>
+#include <string>
+#include <utility>
 #include <vector>
+
+// Every statement the library prepares passes here (libvrixhdd resolves
+// sqlite3_prepare_v2 to the executable's definition first).
+static long g_prepared = 0;
+extern "C" __attribute__((visibility("default"))) int
+sqlite3_prepare_v2(sqlite3 *db, const char *sql, int n, sqlite3_stmt **stmt, const char **tail) {
+    using Fn = int (*)(sqlite3 *, const char *, int, sqlite3_stmt **, const char **);
+    static const auto real = reinterpret_cast<Fn>(dlsym(RTLD_NEXT, "sqlite3_prepare_v2"));
+    ++g_prepared;
+    return real(db, sql, n, stmt, tail);
+}
 
 namespace {
 
 constexpr int kChannels = 16;
 constexpr int kDay0 = 1710028800; // 2024-03-10 00:00:00 UTC
 constexpr int kFullCh = 1, kFullDay = 0, kFullHour = 12;
+constexpr int kEventEvery = 10; // seconds between two events of a day
+constexpr long kPage = 4096;    // page of the databases and of the disk
 
 std::vector<unsigned char> frame(int ch, int sec, bool key, size_t payload) {
     std::vector<unsigned char> f(16 + payload, static_cast<unsigned char>(sec));
@@ -30,8 +57,15 @@ void rec(RecContext *ctx, const std::vector<unsigned char> &f) {
     vrix_db_rec_video(ctx, f.data(), static_cast<int>(f.size()));
 }
 
+int g_now;
+int bench_now() {
+    return g_now;
+}
+
 // Every channel-hour holds one small key frame per second; one channel-hour
-// is recorded at 25 frames/s with encoder-sized frames.
+// is recorded at 25 frames/s with encoder-sized frames.  Every day holds an
+// event every kEventEvery seconds: the first through the recorder, the rest
+// with its insert statement in one transaction.
 void generate(const std::string &root, int days) {
     g_iCommit[0] = 40; // batch the index rows: generation speed only
     RecContext *ctx = vrix_db_open_rec_video(root.c_str(), kChannels + 1);
@@ -51,6 +85,49 @@ void generate(const std::string &root, int days) {
     }
     vrix_db_close_rec_video(ctx);
     g_iCommit[0] = 0;
+
+    VrixTestHooks hooks{1, &bench_now};
+    vrix_db_set_test_hooks(&hooks);
+    EventRecContext *ev = vrix_db_open_rec_event(root.c_str());
+    for (int d = 0; d < days; ++d) {
+        const int day = kDay0 + d * 86400;
+        g_now = day;
+        vrix_db_rec_event(ev, 1, 1, 0, 0);
+        std::string batch;
+        char row[96];
+        for (int s = kEventEvery; s < 86400; s += kEventEvery) {
+            std::snprintf(row, sizeof row, vrix::sql::kInsertEvent, day + s, 1 + s % 16,
+                          1 << (s % 7));
+            batch += row;
+        }
+        char path[160];
+        std::tm tm{};
+        sec_to_tm(&tm, day);
+        std::snprintf(path, sizeof path, "%s/%04d%02d%02d/event.db", root.c_str(),
+                      tm.tm_year + 1900, tm.tm_mon + 1, tm.tm_mday);
+        SqlHandle db = nullptr;
+        vrix::open_db(vrix::event_mutex(), path, db);
+        vrix::submit_transaction(vrix::event_mutex(), db, {batch.c_str()});
+        vrix::close_db(vrix::event_mutex(), db);
+    }
+    vrix_db_close_rec_event(ev);
+    vrix_db_set_test_hooks(nullptr);
+}
+
+// The store of `days`, made on the first run and kept (a marker file tells a
+// finished one).
+std::string store(int days) {
+    const std::string root = bench::cache(("play_video_" + std::to_string(days) + "d").c_str());
+    const std::string done = root + "/.complete";
+    if (std::filesystem::exists(done)) return root;
+    std::filesystem::remove_all(root);
+    std::filesystem::create_directories(root);
+    const bench::Usage g0 = bench::usage_now();
+    generate(root, days);
+    std::ofstream(done) << "complete\n";
+    std::printf("store of %2d days    : generated in %.0f s\n", days,
+                (bench::usage_now() - g0).wall);
+    return root;
 }
 
 PlayContext *open_at(const std::string &root, int ch, int sec) {
@@ -65,20 +142,110 @@ double percentile(std::vector<double> v, double p) {
     return v[static_cast<size_t>(p * static_cast<double>(v.size() - 1))];
 }
 
-} // namespace
+// What a piece of work asks of the disk: files opened, statements prepared,
+// read calls, and distinct pages read, in the index databases and in the
+// stream files.
+class Counter : public vrix::io::Observer {
+  public:
+    void before(const vrix::io::Access &a) override {
+        const std::lock_guard hold(mutex_);
+        const bool stream = std::string_view(a.path).ends_with(".stream");
+        if (a.op == vrix::io::Op::Open) ++opens;
+        if (a.op != vrix::io::Op::Read || a.length == 0) return;
+        ++reads;
+        for (long long p = a.offset / kPage;
+             p <= (a.offset + static_cast<long long>(a.length) - 1) / kPage; ++p)
+            (stream ? stream_pages : index_pages).insert({a.path, p});
+    }
+    long opens = 0, reads = 0, prepared = 0;
+    std::set<std::pair<std::string, long long>> index_pages, stream_pages;
 
-int main(int argc, char **argv) {
-    const int days = argc > 1 ? std::atoi(argv[1]) : 7;
-    const int opens = argc > 2 ? std::atoi(argv[2]) : 2000;
-    setenv("TZ", "UTC", 1);
-    if (!bench::start_library()) return 1;
-    const std::string root = bench::scratch("play_video");
-    const bench::Usage g0 = bench::usage_now();
-    generate(root, days);
-    std::printf("store               : %d days x %d channels x 24 hours, generated in %.1f s\n",
-                days, kChannels, (bench::usage_now() - g0).wall);
+  private:
+    std::mutex mutex_;
+};
 
-    // (a) forward play of the full channel-hour against fread of its file.
+// Runs of consecutive pages of one file: what a disk reads with one seek.
+size_t runs(const std::set<std::pair<std::string, long long>> &pages) {
+    size_t n = 0;
+    const std::pair<std::string, long long> *prev = nullptr;
+    for (const auto &p : pages) {
+        if (!prev || prev->first != p.first || prev->second + 1 != p.second) ++n;
+        prev = &p;
+    }
+    return n;
+}
+
+struct Cost {
+    double opens = 0, prepared = 0, reads = 0, index = 0, stream = 0, max_index = 0, seeks = 0;
+};
+
+template <class Work> void measure(Cost &c, Work &&work) {
+    Counter counter;
+    vrix::io::set_observer(&counter);
+    const long p0 = g_prepared;
+    work();
+    vrix::io::set_observer(nullptr);
+    c.opens += counter.opens;
+    c.prepared += g_prepared - p0;
+    c.reads += counter.reads;
+    c.index += counter.index_pages.size();
+    c.stream += counter.stream_pages.size();
+    c.seeks += runs(counter.index_pages) + runs(counter.stream_pages);
+    c.max_index = std::max(c.max_index, static_cast<double>(counter.index_pages.size()));
+}
+
+void print_cost(const char *what, const Cost &c, int n) {
+    std::printf("  %-24s %4.1f files %4.1f statements %5.1f reads | pages %4.1f index (max %2.0f) "
+                "%4.1f stream | %4.1f seeks\n",
+                what, c.opens / n, c.prepared / n, c.reads / n, c.index / n, c.max_index,
+                c.stream / n, c.seeks / n);
+}
+
+// One open to the first frame at a random channel and time of a store;
+// milliseconds.
+double one_open(const std::string &root, int days, std::mt19937 &rng) {
+    const int ch = 1 + static_cast<int>(rng() % kChannels);
+    const int sec = kDay0 + static_cast<int>(rng() % (static_cast<unsigned>(days) * 86400u));
+    const bench::Usage t0 = bench::usage_now();
+    PlayContext *p = open_at(root, ch, sec);
+    const int ok = vrix_db_next_video(p);
+    const double ms = (bench::usage_now() - t0).wall * 1e3;
+    vrix_db_close_get_video(p);
+    if (!ok && sec < kDay0 + days * 86400 - 1) std::printf("no frame at %d ch%d\n", sec, ch);
+    return ms;
+}
+
+// Per-open costs over `n` random opens, event first pages and backward steps.
+void count_costs(const std::string &root, int days, int n) {
+    std::mt19937 rng(7);
+    Cost open, event, back;
+    for (int i = 0; i < n; ++i) {
+        const int ch = 1 + static_cast<int>(rng() % kChannels);
+        const int sec = kDay0 + static_cast<int>(rng() % (static_cast<unsigned>(days) * 86400u));
+        PlayContext *p = nullptr;
+        measure(open, [&] {
+            p = open_at(root, ch, sec);
+            vrix_db_next_video(p);
+        });
+        measure(back, [&] { vrix_db_pre_video(p); });
+        vrix_db_close_get_video(p);
+        measure(event, [&] {
+            std::tm tm{};
+            sec_to_tm(&tm, sec);
+            EventQueryContext *q =
+                vrix_db_open_get_event(&tm, 0xFFFFu, 0, 0, 0x7F, root.c_str(), 100, 0, 0);
+            vrix_db_next_event(q);
+            vrix_db_close_get_event(q);
+        });
+    }
+    print_cost("open to first frame", open, n);
+    print_cost("backward key-frame step", back, n);
+    print_cost("first event page", event, n);
+}
+
+// Forward play of the full channel-hour against fread of its file, and
+// backward key-frame steps through a whole day of one channel.
+void throughput(const std::string &root) {
     const int hour0 = kDay0 + kFullDay * 86400 + kFullHour * 3600;
     const std::string file = root + "/20240310/video/1/12.stream";
     std::vector<unsigned char> buf(1 << 20);
@@ -112,23 +279,6 @@ int main(int argc, char **argv) {
                 bytes / lib_best / 1e6, frames / lib_best, bytes / base_best / 1e6,
                 base_best / lib_best);
 
-    // (b) open to first frame at random times (warm page cache).
-    std::mt19937 rng(42);
-    std::vector<double> ms;
-    for (int i = 0; i < opens; ++i) {
-        const int ch = 1 + static_cast<int>(rng() % kChannels);
-        const int sec = kDay0 + static_cast<int>(rng() % (static_cast<unsigned>(days) * 86400u));
-        const bench::Usage t0 = bench::usage_now();
-        PlayContext *p = open_at(root, ch, sec);
-        const int ok = vrix_db_next_video(p);
-        ms.push_back((bench::usage_now() - t0).wall * 1e3);
-        vrix_db_close_get_video(p);
-        if (!ok && sec < kDay0 + days * 86400 - 1) std::printf("no frame at %d ch%d\n", sec, ch);
-    }
-    std::printf("open to first frame: p50 %.3f ms, p99 %.3f ms (%d random opens)\n",
-                percentile(ms, 0.5), percentile(ms, 0.99), opens);
-
-    // (c) backward key-frame steps through a whole day of one channel.
     PlayContext *p = open_at(root, 2, kDay0 + 86400 - 1);
     const bench::Usage k0 = bench::usage_now();
     int steps = 0;
@@ -136,8 +286,57 @@ int main(int argc, char **argv) {
         ++steps;
     const double kwall = (bench::usage_now() - k0).wall;
     vrix_db_close_get_video(p);
-    std::printf("backward key frames: %.0f steps/s (%d steps)\n", steps / kwall, steps);
+    std::printf("backward key frames : %.0f steps/s (%d steps)\n", steps / kwall, steps);
+}
+
+} // namespace
+
+int main(int argc, char **argv) {
+    const int opens = argc > 1 ? std::atoi(argv[1]) : 2000;
+    const int largest = argc > 2 ? std::atoi(argv[2]) : 30;
+    setenv("TZ", "UTC", 1);
+    if (!bench::start_library() || opens < 1) return 1;
+    std::vector<int> sizes;
+    for (int d : {1, 7, 30})
+        if (d <= largest) sizes.push_back(d);
+    std::vector<std::string> roots;
+    for (int d : sizes)
+        roots.push_back(store(d));
+
+    throughput(roots[0]);
+    // The same random opens three times: the first pass warms the page cache,
+    // the other two are timed and each open keeps the shorter of its two
+    // times, so that the machine's other work (2 cores shared) does not make
+    // the tail.  The stores take turns open by open, so that a neighbour's
+    // burst falls on all of them alike.
+    std::vector<std::vector<double>> ms(sizes.size(), std::vector<double>(opens, 1e9));
+    for (int pass = 0; pass < 3; ++pass) {
+        std::vector<std::mt19937> rng;
+        for (size_t i = 0; i < sizes.size(); ++i)
+            rng.emplace_back(42);
+        for (int n = 0; n < opens; ++n)
+            for (size_t i = 0; i < sizes.size(); ++i) {
+                const double t = one_open(roots[i], sizes[i], rng[i]);
+                if (pass > 0) ms[i][n] = std::min(ms[i][n], t);
+            }
+    }
+    struct Timing {
+        double p50, p99;
+    };
+    std::vector<Timing> best;
+    for (const auto &v : ms)
+        best.push_back({percentile(v, 0.5), percentile(v, 0.99)});
+    std::printf("open to first frame (%d random opens, warm cache):\n", opens);
+    std::printf("  store    key-frame rows   p50 ms   p99 ms\n");
+    for (size_t i = 0; i < sizes.size(); ++i)
+        std::printf("  %2d days  %12.1f M  %7.3f  %7.3f\n", sizes[i],
+                    sizes[i] * kChannels * 86400 / 1e6, best[i].p50, best[i].p99);
+    std::printf("  ratio %d days / 1 day: p50 %.2f, p99 %.2f\n", sizes.back(),
+                best.back().p50 / best[0].p50, best.back().p99 / best[0].p99);
+    for (size_t i = 0; i < sizes.size(); ++i) {
+        std::printf("cold cost per operation, %d days (200 random times):\n", sizes[i]);
+        count_costs(roots[i], sizes[i], 200);
+    }
     std::printf("peak RSS            : %ld KiB\n", bench::peak_rss_kib());
-    std::filesystem::remove_all(root);
     return 0;
 }

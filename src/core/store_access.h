@@ -161,6 +161,12 @@ class Db {
     bool is_open() const { return h_ != nullptr; }
     SqlHandle get() const { return h_; }
     pthread_mutex_t *mutex() const { return m_; }
+    // Hands the connection over; the caller closes it under the same mutex.
+    SqlHandle release() {
+        SqlHandle h = h_;
+        h_ = nullptr;
+        return h;
+    }
 
     // One statement under the mutex, empty result format.
     int run(const char *sql) const { return submit_locked(m_, h_, sql); }

@@ -79,6 +79,26 @@ int store_sec(time_t t) {
 
 // ---- store access ----
 
+// The last id of the day of `day` and the first (forward) or last (backward)
+// at `sec`, through `db`, which is left open on success.  A day without an
+// event.db has no events; the file is not created here.
+bool day_positions(EventQueryContext &c, Db &db, const std::tm &day, int &startPos, int &endPos,
+                   time_t sec) {
+    Path p;
+    if (!reader_event_db(p, c.strRoot, day) || access(p.text, F_OK) != 0) return false;
+    if (!db.open(p.text)) return false;
+    int last = 0;
+    if (!db.value(c.pIntResult, sql::kEventLastId, last) || last == 0) return false;
+    Sql q;
+    format_into(q.text, sizeof q.text,
+                c.iDirection < 0 ? sql::kEventLastIdUpTo : sql::kEventFirstIdFrom, store_sec(sec));
+    int first = 0;
+    if (!db.value(c.pIntResult, q.text, first)) return false;
+    endPos = last;
+    startPos = first;
+    return true;
+}
+
 int cell(ResultTable t, int row) {
     int32_t v = 0;
     if (t[row]) std::memcpy(&v, t[row], sizeof v);
@@ -286,10 +306,11 @@ extern "C" int db_event_get_new(EventQueryContext *ctx, time_t sec, int directio
 
         std::tm fields = fields_of(sec);
         int startPos = 0, endPos = 0;
-        if (!db_event_date_rec_init(ctx, &fields, &startPos, &endPos, sec)) continue;
-        Path p;
-        reopen_event_db(ctx->pEventDb, reader_event_db(p, ctx->strRoot, fields) ? p.text : nullptr,
-                        nullptr);
+        Db db(event_mutex());
+        if (!day_positions(*ctx, db, fields, startPos, endPos, sec)) continue;
+        // The connection that found the positions becomes the context's day.
+        close_db(event_mutex(), ctx->pEventDb);
+        ctx->pEventDb = db.release();
         ctx->iCurPos = startPos;
         ctx->iEndPos = endPos;
         ctx->iStartSec = sec;
@@ -306,19 +327,6 @@ extern "C" int db_event_date_rec_init(EventQueryContext *ctx, struct tm *day, in
                                       int *endPos, time_t sec) {
     using namespace vrix;
     if (!ctx || !day || !startPos || !endPos) return 0;
-    Path p;
-    if (!reader_event_db(p, ctx->strRoot, *day) || access(p.text, F_OK) != 0) return 0;
     Db db(event_mutex());
-    if (!db.open(p.text)) return 0;
-    int last = 0;
-    if (!db.value(ctx->pIntResult, sql::kEventLastId, last) || last == 0) return 0;
-    *endPos = last;
-    Sql q;
-    format_into(q.text, sizeof q.text,
-                ctx->iDirection < 0 ? sql::kEventLastIdUpTo : sql::kEventFirstIdFrom,
-                store_sec(sec));
-    int first = 0;
-    if (!db.value(ctx->pIntResult, q.text, first)) return 0;
-    *startPos = first;
-    return 1;
+    return day_positions(*ctx, db, *day, *startPos, *endPos, sec) ? 1 : 0;
 }

@@ -73,9 +73,10 @@ template <class Ctx> void close_playback(Ctx &c) {
 // Locates within the day of `t`, in the direction c.iDirection: 1 found
 // (*pos, *endPos written, the hour's stream installed), 0 the hour is not
 // usable, -1 the day is not.  `t` and `*sec` move to the hour tried.
+// `day` is the connection used; on 1 it is left open for the caller to keep.
 template <class Media>
-int locate_in_day(typename Media::Context &c, std::tm *t, int *pos, int *endPos, int *sec) {
-    Db day(Media::mutex(c));
+int locate_in_day(typename Media::Context &c, Db &day, std::tm *t, int *pos, int *endPos,
+                  int *sec) {
     Path p;
     if (!Media::day_db(p, c, *t) || !day.open(p.text)) {
         Media::open_failed();
@@ -164,6 +165,12 @@ inline bool moved_on(int before, int after, int direction) {
     return false;
 }
 
+template <class Media>
+int locate_in_day(typename Media::Context &c, std::tm *t, int *pos, int *endPos, int *sec) {
+    Db day(Media::mutex(c));
+    return locate_in_day<Media>(c, day, t, pos, endPos, sec);
+}
+
 // Locates from `sec` in `direction` (1 or -1), walking hours and recorded
 // days: 1 positioned (day database, stream, hour, rows and time set), 0
 // nothing found.
@@ -202,25 +209,22 @@ template <class Media> int locate(typename Media::Context &c, int sec, int direc
             }
         }
         int at = static_cast<int>(s);
-        const int r = locate_in_day<Media>(c, &tm, &pos, &endPos, &at);
+        Db day(Media::mutex(c));
+        const int r = locate_in_day<Media>(c, day, &tm, &pos, &endPos, &at);
         if (direction == 1 ? at < s : at > s) return went_back(at, s);
         s = tried = at;
-        if (r == 1) break;
+        if (r == 1) {
+            // The day's connection that found the position becomes the context's.
+            close_db(Media::mutex(c), Media::db(c));
+            Media::db(c) = day.release();
+            break;
+        }
         // A day that is not usable: on from its last hour (forward) or its
         // first (backward).
         if (r == -1) s = direction == 1 ? hour_start_of(s, 23) : hour_start_of(s, 1) - 1;
         tm = fields_of(static_cast<int>(s));
         if (c.iDirection == -1 && s < 0) return 0;
     }
-    Path p;
-    Media::day_db(p, c, tm);
-    SqlHandle &db = Media::db(c);
-    {
-        SqlLock hold(Media::mutex(c));
-        if (db) sql_close(db);
-        if (sql_open(p.text, &db) != 0) db = nullptr;
-    }
-    if (!db) return 0;
     c.iHour = tm.tm_hour;
     const HourSpan hour = hour_span(s);
     c.iHourStart = static_cast<int>(hour.start);

@@ -1,9 +1,13 @@
 // Event query against an independent model of what a filter selects and of
 // how pages follow one another across days.
+#include "core/file_io.h"
 #include "event/event_store.h"
 
 #include <algorithm>
+#include <filesystem>
 #include <random>
+#include <set>
+#include <string>
 
 namespace {
 
@@ -178,6 +182,25 @@ TEST(Querying, ArithmeticReversalMovesByThePageSize) {
     q.expect_page(-1, {ids.rend() - 10, ids.rend()});
     q.expect_page(-1, {});
     q.expect_page(1, {ids.begin() + 10, ids.end()});
+}
+
+// The first page opens date.db and the day's event.db once each.
+TEST(Querying, FirstPageOpensEachDatabaseOnce) {
+    const Store &s = Store::get();
+    struct Opens : vrix::io::Observer {
+        std::multiset<std::string> names;
+        void before(const vrix::io::Access &a) override {
+            if (a.op == vrix::io::Op::Open)
+                names.insert(std::filesystem::path(a.path).filename().string());
+        }
+    } opens;
+    vrix::io::set_observer(&opens);
+    {
+        Query q(s.events[5].sec, kAll, 3, 0, s.root());
+        q.expect_page(1, {s.events.begin() + 5, s.events.begin() + 8});
+    }
+    vrix::io::set_observer(nullptr);
+    EXPECT_EQ(opens.names, (std::multiset<std::string>{"date.db", "event.db"}));
 }
 
 // Events recorded into the last day after a walk reached its end: the

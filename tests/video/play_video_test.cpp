@@ -2,8 +2,13 @@
 // directions, modes, limits, a recording in progress, damaged data.
 #include "play_fixture.h"
 
+#include "core/file_io.h"
+
 #include <condition_variable>
+#include <filesystem>
 #include <mutex>
+#include <set>
+#include <string>
 #include <thread>
 
 namespace {
@@ -240,6 +245,33 @@ TEST_F(PlayVideo, OpenRefusalsAndAccessors) {
     vrix_db_video_reset_start_time(p, kHour10 + 3600, 1);
     ASSERT_EQ(vrix_db_next_video(p), 1);
     EXPECT_EQ(delivered(p), written[30].bytes);
+}
+
+// Finding a moment opens each file it needs once: date.db, the day's
+// video.db and the hour's stream.  Crossing into the next recorded day asks
+// the day played for a later hour, then opens the next day's video.db and
+// stream once each.
+TEST_F(PlayVideo, LocatingOpensEachFileOnce) {
+    record_standard();
+    struct Opens : vrix::io::Observer {
+        std::multiset<std::string> names;
+        void before(const vrix::io::Access &a) override {
+            if (a.op == vrix::io::Op::Open)
+                names.insert(std::filesystem::path(a.path).filename().string());
+        }
+    } opens;
+    vrix::io::set_observer(&opens);
+    PlayContext *p = open_play(kHour10 + 3600 + 9);
+    const bool first = vrix_db_next_video(p) == 1;
+    const auto at_open = opens.names;
+    opens.names.clear();
+    for (int i = 0; i < 3 && vrix_db_next_video(p) == 1; ++i) {
+    }
+    vrix_db_close_get_video(p);
+    vrix::io::set_observer(nullptr);
+    ASSERT_TRUE(first);
+    EXPECT_EQ(at_open, (std::multiset<std::string>{"date.db", "video.db", "11.stream"}));
+    EXPECT_EQ(opens.names, (std::multiset<std::string>{"video.db", "video.db", "3.stream"}));
 }
 
 // A player without end time follows a recording in progress: key frames
