@@ -174,7 +174,10 @@ bool new_hour(AudioRecContext &c, const std::tm &tm, bool date_changed, uint32_t
     if (date_changed) io::make_dir(audio.text);
     if (c.pAudioDb) {
         commit_rows(c);
-        close_db(audio_mutex(), c.pAudioDb);
+        {
+            SqlLock hold(audio_mutex());
+            close_writer_db(c.pAudioDb);
+        }
     }
     c.iSqlLen = c.iSqlRows = 0;
     open_hour_db(c, audio.text, tm.tm_hour);
@@ -242,7 +245,10 @@ extern "C" void vrix_db_close_rec_audio(AudioRecContext *ctx) {
         std::free(ctx->pChannels[k].pFrameBuf);
     }
     std::free(ctx->pChannels);
-    close_db(audio_mutex(), ctx->pAudioDb);
+    {
+        SqlLock hold(audio_mutex());
+        close_writer_db(ctx->pAudioDb);
+    }
     sync_closed(ctx->strRoot);
     std::free(ctx->strRoot);
     release_root(ctx->pRootClaim);

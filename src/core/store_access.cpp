@@ -50,6 +50,13 @@ void close_db(pthread_mutex_t *m, SqlHandle &handle) {
     handle = nullptr;
 }
 
+void close_writer_db(SqlHandle &handle) {
+    if (!handle) return;
+    sql_submit(handle, sql::kIndexDropJournal, "");
+    sql_close(handle);
+    handle = nullptr;
+}
+
 int submit_locked(pthread_mutex_t *m, SqlHandle db, const char *sql) {
     SqlLock hold(m);
     return sql_submit(db, sql, "");

@@ -88,6 +88,9 @@ ResultTable make_holder(int rows, int width);
 // on failure and returns false.
 bool open_db(pthread_mutex_t *m, const char *path, SqlHandle &handle);
 void close_db(pthread_mutex_t *m, SqlHandle &handle);
+// Closes a writer's index connection (kIndexNoSync), removing its kept
+// journal; the caller holds the database's mutex.
+void close_writer_db(SqlHandle &handle);
 
 // One statement under one hold of the mutex.
 int submit_locked(pthread_mutex_t *m, SqlHandle db, const char *sql);

@@ -16,6 +16,10 @@ inline constexpr char kInsertChannelDay[] = "insert into ch%d values(%d);";
 // stream files after a power loss, so commits do not wait for the disk; the
 // rollback journal is kept but not made and deleted again by every commit.
 inline constexpr char kIndexNoSync[] = "PRAGMA synchronous=OFF;PRAGMA journal_mode=PERSIST;";
+// A writer leaving a day's index takes its journal with it: a reader checks
+// an existing journal at every transaction (one more file opened), which only
+// the day being recorded should cost.
+inline constexpr char kIndexDropJournal[] = "PRAGMA journal_mode=DELETE;";
 
 // video.db and audio.db
 inline constexpr char kCreateHourH[] = "create table H(hour int);";

@@ -91,8 +91,7 @@ void move_to_day(RecContext &ctx, RecChannel &c, int n) {
     bool opened;
     {
         SqlLock hold(video_mutex(n));
-        if (c.pVideoDb) sql_close(c.pVideoDb);
-        c.pVideoDb = nullptr;
+        close_writer_db(c.pVideoDb);
         opened = sql_open(p.text, &c.pVideoDb) == 0;
         if (!opened) {
             Path dir;

@@ -110,7 +110,10 @@ extern "C" void vrix_db_close_rec_video(RecContext *ctx) {
     for (int n = 0; n < ctx->iChannelCount && ctx->pChannels; ++n) {
         RecChannel &c = ctx->pChannels[n];
         close_hour_file(c, n);
-        close_db(video_mutex(n ? n : 1), c.pVideoDb);
+        {
+            SqlLock hold(video_mutex(n ? n : 1));
+            close_writer_db(c.pVideoDb);
+        }
         std::free(c.pFrameBuf);
         std::free(c.pSqlBuf);
         delete c.pBufLock;
