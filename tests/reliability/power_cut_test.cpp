@@ -132,8 +132,6 @@ Recorder g_rec;
         rec.advance(sec);
 }
 
-#endif
-
 // ---- the harness ----
 
 int run_recorder(const std::string &recipe, const std::string &log) {
@@ -204,6 +202,8 @@ uint64_t rows_naming_no_key_frame(const std::string &root, uint32_t end) {
     }
     return bad;
 }
+
+#endif
 
 TEST(PowerCut, EverythingOlderThanTheSyncIntervalSurvives) {
 #if !VRIX_SYNC_POINTS
