@@ -112,10 +112,11 @@ get /api/days -X POST
 # reader leaves, its place is free again.
 follow=()
 for ch in 1 2; do
-    curl -s --max-time 30 -o /dev/null "$URL/api/play?ch=$ch&from=2024-06-14T11:00:00" &
+    curl -s --max-time 60 -o /dev/null "$URL/api/play?ch=$ch&from=2024-06-14T11:00:00" &
     follow+=($!)
 done
-for _ in $(seq 50); do
+# (the two readers may take a while to connect on a loaded machine)
+for _ in $(seq 250); do
     get '/api/locate?ch=3&from=2024-06-14T11:00:00' # the API still answers
     get '/api/play?ch=3&from=2024-06-14T11:00:00&to=2024-06-14T11:00:00'
     [ "$CODE" = 503 ] && break
