@@ -47,6 +47,25 @@ std::string hour_list(const std::vector<HourIndex> &hours) {
     return s.empty() ? "-" : s;
 }
 
+// One channel's hours of a day: key frames, stream bytes, first and last key frame.
+struct ChannelSummary {
+    int64_t keys = 0, bytes = 0;
+    int first = 0, last = 0;
+};
+
+ChannelSummary summarize(const std::vector<HourIndex> &hours) {
+    ChannelSummary c;
+    for (const HourIndex &h : hours) {
+        c.keys += static_cast<int64_t>(h.keys.size());
+        if (h.streamBytes > 0) c.bytes += h.streamBytes;
+        if (!h.keys.empty()) {
+            if (!c.first) c.first = h.keys.front().sec;
+            c.last = h.keys.back().sec;
+        }
+    }
+    return c;
+}
+
 std::string event_summary(const std::vector<EventRow> &events) {
     std::map<int, int> byType;
     for (const EventRow &e : events)
@@ -113,19 +132,11 @@ void list_day(StoreIndex &store, long day) {
         }
         if (hours.empty()) continue;
         any = true;
-        int64_t keys = 0, bytes = 0;
-        int first = 0, last = 0;
-        for (const HourIndex &h : hours) {
-            keys += static_cast<int64_t>(h.keys.size());
-            if (h.streamBytes > 0) bytes += h.streamBytes;
-            if (!h.keys.empty()) {
-                if (!first) first = h.keys.front().sec;
-                last = h.keys.back().sec;
-            }
-        }
+        const ChannelSummary c = summarize(hours);
         std::fprintf(out(), "  %-3d %-24s %10lld %12s  %s\n", ch, hour_list(hours).c_str(),
-                     static_cast<long long>(keys), format_bytes(bytes).c_str(),
-                     first ? (format_clock(first) + " .. " + format_clock(last)).c_str() : "-");
+                     static_cast<long long>(c.keys), format_bytes(c.bytes).c_str(),
+                     c.first ? (format_clock(c.first) + " .. " + format_clock(c.last)).c_str()
+                             : "-");
     }
     if (!any) std::fprintf(out(), "  (none)\n");
 
@@ -195,22 +206,13 @@ void json_day(StoreIndex &store, long day) {
             continue;
         }
         if (hours.empty()) continue;
-        int64_t keys = 0, bytes = 0;
-        int first = 0, last = 0;
-        for (const HourIndex &h : hours) {
-            keys += static_cast<int64_t>(h.keys.size());
-            if (h.streamBytes > 0) bytes += h.streamBytes;
-            if (!h.keys.empty()) {
-                if (!first) first = h.keys.front().sec;
-                last = h.keys.back().sec;
-            }
-        }
+        const ChannelSummary c = summarize(hours);
         video.push_back({{"ch", ch},
                          {"hours", hours_json(hours)},
-                         {"key_frames", keys},
-                         {"bytes", bytes},
-                         {"first_key_frame", moment(first)},
-                         {"last_key_frame", moment(last)}});
+                         {"key_frames", c.keys},
+                         {"bytes", c.bytes},
+                         {"first_key_frame", moment(c.first)},
+                         {"last_key_frame", moment(c.last)}});
     }
     size_t before = store.unreadable().size();
     const auto audio = store.audio(day);
