@@ -1,7 +1,7 @@
 // Event query against an independent model of what a filter selects and of
 // how pages follow one another across days.
-#include "core/file_io.h"
 #include "event/event_store.h"
+#include "support/opened_files.h"
 
 #include <algorithm>
 #include <filesystem>
@@ -187,20 +187,14 @@ TEST(Querying, ArithmeticReversalMovesByThePageSize) {
 // The first page opens date.db and the day's event.db once each.
 TEST(Querying, FirstPageOpensEachDatabaseOnce) {
     const Store &s = Store::get();
-    struct Opens : vrix::io::Observer {
-        std::multiset<std::string> names;
-        void before(const vrix::io::Access &a) override {
-            if (a.op == vrix::io::Op::Open)
-                names.insert(std::filesystem::path(a.path).filename().string());
-        }
-    } opens;
-    vrix::io::set_observer(&opens);
+    std::multiset<std::string> names;
     {
+        vrix::test::OpenedFiles opens;
         Query q(s.events[5].sec, kAll, 3, 0, s.root());
         q.expect_page(1, {s.events.begin() + 5, s.events.begin() + 8});
+        names = opens.names;
     }
-    vrix::io::set_observer(nullptr);
-    EXPECT_EQ(opens.names, (std::multiset<std::string>{"date.db", "event.db"}));
+    EXPECT_EQ(names, (std::multiset<std::string>{"date.db", "event.db"}));
 }
 
 // Events recorded into the last day after a walk reached its end: the

@@ -2,7 +2,7 @@
 // directions, modes, limits, a recording in progress, damaged data.
 #include "play_fixture.h"
 
-#include "core/file_io.h"
+#include "support/opened_files.h"
 
 #include <condition_variable>
 #include <filesystem>
@@ -10,6 +10,7 @@
 #include <set>
 #include <string>
 #include <thread>
+#include <utility>
 
 namespace {
 
@@ -253,25 +254,21 @@ TEST_F(PlayVideo, OpenRefusalsAndAccessors) {
 // stream once each.
 TEST_F(PlayVideo, LocatingOpensEachFileOnce) {
     record_standard();
-    struct Opens : vrix::io::Observer {
-        std::multiset<std::string> names;
-        void before(const vrix::io::Access &a) override {
-            if (a.op == vrix::io::Op::Open)
-                names.insert(std::filesystem::path(a.path).filename().string());
+    std::multiset<std::string> at_open, after;
+    bool first = false;
+    {
+        vrix::test::OpenedFiles opens;
+        PlayContext *p = open_play(kHour10 + 3600 + 9);
+        first = vrix_db_next_video(p) == 1;
+        at_open = std::exchange(opens.names, {});
+        for (int i = 0; i < 3 && vrix_db_next_video(p) == 1; ++i) {
         }
-    } opens;
-    vrix::io::set_observer(&opens);
-    PlayContext *p = open_play(kHour10 + 3600 + 9);
-    const bool first = vrix_db_next_video(p) == 1;
-    const auto at_open = opens.names;
-    opens.names.clear();
-    for (int i = 0; i < 3 && vrix_db_next_video(p) == 1; ++i) {
+        vrix_db_close_get_video(p);
+        after = opens.names;
     }
-    vrix_db_close_get_video(p);
-    vrix::io::set_observer(nullptr);
     ASSERT_TRUE(first);
     EXPECT_EQ(at_open, (std::multiset<std::string>{"date.db", "video.db", "11.stream"}));
-    EXPECT_EQ(opens.names, (std::multiset<std::string>{"video.db", "video.db", "3.stream"}));
+    EXPECT_EQ(after, (std::multiset<std::string>{"video.db", "video.db", "3.stream"}));
 }
 
 // A player without end time follows a recording in progress: key frames
