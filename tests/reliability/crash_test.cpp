@@ -8,6 +8,7 @@
 // The recorder is this test binary run again with VRIX_CRASH_RECORDER set; it
 // reports how far it got through a small shared file.  VRIX_LONG=1 (or
 // VRIX_KILLS=n) sets the number of kills, VRIX_SEED repeats a run.
+#include "support/child.h"
 #include "support/queues.h"
 #include "verify.h"
 
@@ -25,8 +26,6 @@
 #include <random>
 #include <set>
 #include <thread>
-
-extern char **environ;
 
 namespace vrix::rel {
 namespace {
@@ -179,26 +178,9 @@ class CrashHarness : public ::testing::Test {
         p->event_attempt.store(-1);
         p->event_done.store(-1);
         p->closed.store(0);
-        // Everything the child needs is made before fork: this process has
-        // threads, so the child may only call exec-safe functions.
-        const std::string recipe = "VRIX_CRASH_RECORDER=" + root + "|" + progress_path + "|" +
-                                   std::to_string(start) + "|" + std::to_string(rounds) + "|" +
-                                   std::to_string(test::app_queue());
-        std::vector<char *> env;
-        for (char **e = environ; *e; ++e)
-            if (std::strncmp(*e, "VRIX_CRASH_RECORDER=", 20) != 0) env.push_back(*e);
-        env.push_back(const_cast<char *>(recipe.c_str()));
-        env.push_back(nullptr);
-        char self[] = "/proc/self/exe";
-        char *argv[] = {self, nullptr};
-        std::fflush(stdout);
-        const pid_t pid = fork();
-        if (pid == 0) {
-            dup2(log_fd, 1);
-            execve(self, argv, env.data());
-            _exit(127);
-        }
-        return pid;
+        const std::string recipe = root + "|" + progress_path + "|" + std::to_string(start) + "|" +
+                                   std::to_string(rounds) + "|" + std::to_string(test::app_queue());
+        return test::spawn_self("VRIX_CRASH_RECORDER", recipe, log_fd);
     }
 
     Recorder take(uint32_t start, int delay_ms, bool clean) const {
@@ -414,8 +396,7 @@ TEST_F(CrashHarness, KillsLoseOnlyTheWriteBehindBuffers) {
         ASSERT_GT(pid, 0);
         std::this_thread::sleep_for(std::chrono::milliseconds(delay));
         kill(pid, SIGKILL);
-        int status = 0;
-        waitpid(pid, &status, 0);
+        const int status = test::wait_status(pid);
         ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL)
             << "the recorder ended by itself before kill " << k << " (status " << status << ")";
         runs.push_back(take(next, delay, false));
