@@ -47,7 +47,8 @@ std::string hour_list(const std::vector<HourIndex> &hours) {
     return s.empty() ? "-" : s;
 }
 
-// One channel's hours of a day: key frames, stream bytes, first and last key frame.
+// The hours of a day of one channel (or of the audio, a key a second): key
+// frames, stream bytes, first and last key frame.
 struct ChannelSummary {
     int64_t keys = 0, bytes = 0;
     int first = 0, last = 0;
@@ -93,9 +94,7 @@ void list_days(StoreIndex &store) {
         const size_t before = store.unreadable().size();
         const VideoTotals v = video_totals(store, day);
         const auto audio = store.audio(day);
-        int64_t seconds = 0;
-        for (const HourIndex &h : audio)
-            seconds += static_cast<int64_t>(h.keys.size());
+        const int64_t seconds = summarize(audio).keys; // a key per second of sound
         char video[64], sound[48];
         std::snprintf(video, sizeof video, "%2d ch %3d h %6lld keys %10s", v.channels, v.hourFiles,
                       static_cast<long long>(v.keys), format_bytes(v.bytes).c_str());
@@ -142,11 +141,8 @@ void list_day(StoreIndex &store, long day) {
 
     size_t before = store.unreadable().size();
     const auto audio = store.audio(day);
-    int64_t seconds = 0, bytes = 0;
-    for (const HourIndex &h : audio) {
-        seconds += static_cast<int64_t>(h.keys.size());
-        if (h.streamBytes > 0) bytes += h.streamBytes;
-    }
+    const ChannelSummary a = summarize(audio); // a key per second of sound
+    const int64_t seconds = a.keys, bytes = a.bytes;
     const int channels = store.audio_channels(day);
     if (const char *bad = unreadable_since(store, before))
         std::fprintf(out(), "audio  cannot read %s\n", bad);
@@ -177,9 +173,7 @@ void json_days(StoreIndex &store) {
         const size_t before = store.unreadable().size();
         const VideoTotals v = video_totals(store, day);
         const auto audio = store.audio(day);
-        int64_t seconds = 0;
-        for (const HourIndex &h : audio)
-            seconds += static_cast<int64_t>(h.keys.size());
+        const int64_t seconds = summarize(audio).keys; // a key per second of sound
         const size_t events = store.events(day).size();
         days.push_back({{"day", day_name(day)},
                         {"start", moment(day)},
@@ -220,15 +214,11 @@ void json_day(StoreIndex &store, long day) {
     if (const char *bad = unreadable_since(store, before)) {
         sound = {{"unreadable", bad}};
     } else {
-        int64_t seconds = 0, bytes = 0;
-        for (const HourIndex &h : audio) {
-            seconds += static_cast<int64_t>(h.keys.size());
-            if (h.streamBytes > 0) bytes += h.streamBytes;
-        }
+        const ChannelSummary a = summarize(audio); // a key per second of sound
         sound = {{"hours", hours_json(audio)},
-                 {"seconds", seconds},
+                 {"seconds", a.keys},
                  {"channels", store.audio_channels(day)},
-                 {"bytes_per_channel", bytes}};
+                 {"bytes_per_channel", a.bytes}};
     }
     before = store.unreadable().size();
     const auto events = store.events(day);
