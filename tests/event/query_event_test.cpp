@@ -249,6 +249,7 @@ TEST(Querying, DaysAreFoundInEverySeason) {
     }
 }
 
+// (No start time, bad page sizes and long roots: hostile_input_test.)
 TEST(Querying, OpenRefusals) {
     const Store &s = Store::get();
     std::tm tm{};
@@ -258,19 +259,14 @@ TEST(Querying, OpenRefusals) {
         vrix_db_close_get_event(q);
         return q != nullptr;
     };
-    EXPECT_FALSE(open(nullptr, 1, 1, root.c_str(), 10));
     EXPECT_FALSE(open(&tm, 0, 2 | 4, root.c_str(), 10)); // no channel
     EXPECT_TRUE(open(&tm, 0, 64, root.c_str(), 10));     // channel -1 through type 64
     EXPECT_FALSE(open(&tm, 1, 1, nullptr, 10));
     EXPECT_FALSE(open(&tm, 1, 0, root.c_str(), 10));
-    EXPECT_FALSE(open(&tm, 1, 1, root.c_str(), 0));
-    EXPECT_FALSE(open(&tm, 1, 1, root.c_str(), -5));
     testing::internal::CaptureStdout();
     EXPECT_FALSE(open(&tm, 1, 0x80, root.c_str(), 10));
-    EXPECT_FALSE(open(&tm, 1, 1, std::string(99, 'r').c_str(), 10));
     EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              "vrix_db_open_get_event : no event type selected\n"
-              "vrix_db_open_get_event : root path too long\n");
+              "vrix_db_open_get_event : no event type selected\n");
 }
 
 } // namespace
