@@ -240,21 +240,6 @@ TEST_F(Audio, ResumeWithAnEmptyFileStartsOver) {
         EXPECT_EQ(file_bytes(stream(ch, 10)).size(), 60u);
 }
 
-TEST_F(Audio, TwoChannelsIgnoreTheOtherPieces) {
-    close();
-    open(2);
-    record_span(kHour10, 1, 1);
-    vrix_db_rec_audio_flush(rec);
-    for (int ch = 1; ch <= 2; ++ch) {
-        const auto bytes = file_bytes(stream(ch, 10));
-        ASSERT_EQ(bytes.size(), 60u);
-        Record r{};
-        std::memcpy(r.data(), bytes.data(), 60);
-        EXPECT_EQ(r, record_of(blocks[0], ch - 1));
-    }
-    EXPECT_EQ(size_t(access(stream(3, 10).c_str(), F_OK) == 0), 0u);
-}
-
 TEST_F(Audio, Refusals) {
     testing::internal::CaptureStdout();
     EXPECT_EQ(vrix_db_open_rec_audio(dir.path().c_str(), 0), nullptr);
