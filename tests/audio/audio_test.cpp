@@ -77,10 +77,7 @@ class Audio : public ::testing::Test {
                       std::to_string(hour) + ".stream");
     }
     AudioPlayContext *play(int ch, int start, int end = 0) {
-        const time_t s = start, e = end;
-        std::tm ts{}, te{};
-        localtime_r(&s, &ts);
-        if (end) localtime_r(&e, &te);
+        std::tm ts = local_tm(start), te = local_tm(end);
         return vrix_db_open_get_audio(&ts, end ? &te : nullptr, ch, 64, dir.path().c_str());
     }
     static uint32_t load_word(const Record &r, int at) {

@@ -213,7 +213,7 @@ class CrashHarness : public ::testing::Test {
     }
 
     std::string stream_path(int ch, int hour_start) const {
-        const std::tm t = local(hour_start);
+        const std::tm t = test::local_tm(hour_start);
         char s[64];
         std::snprintf(s, sizeof s, "/%04d%02d%02d/video/%d/", t.tm_year + 1900, t.tm_mon + 1,
                       t.tm_mday, ch);
@@ -227,7 +227,7 @@ class CrashHarness : public ::testing::Test {
         if (run.attempt < run.first_index()) return;
         const int first = round_sec(run.start), last = round_sec(run.attempt / kChannels);
         for (int h = hour_start(first); h <= last; h += 3600) {
-            const int hour = local(h).tm_hour;
+            const int hour = test::local_tm(h).tm_hour;
             for (int ch = 1; ch <= kChannels; ++ch) {
                 const std::string dirp = stream_path(ch, h);
                 const auto bytes = test::file_bytes(dirp + std::to_string(hour) + ".stream");
@@ -287,15 +287,15 @@ class CrashHarness : public ::testing::Test {
         const int hour = hour_start(sec);
         const auto key = std::make_pair(ch, hour);
         if (const auto it = known.find(key); it != known.end()) return it->second;
-        const int day =
-            sec - local(sec).tm_hour * 3600 - local(sec).tm_min * 60 - local(sec).tm_sec;
-        const bool yes =
-            !test::rows(root + "/date.db", "select date from ch" + std::to_string(ch) +
-                                               " where date = " + std::to_string(day))
-                 .empty() &&
-            !test::rows(stream_path(ch, hour) + "video.db",
-                        "select hour from H where hour = " + std::to_string(local(sec).tm_hour))
-                 .empty();
+        const int day = sec - test::local_tm(sec).tm_hour * 3600 - test::local_tm(sec).tm_min * 60 -
+                        test::local_tm(sec).tm_sec;
+        const bool yes = !test::rows(root + "/date.db", "select date from ch" + std::to_string(ch) +
+                                                            " where date = " + std::to_string(day))
+                              .empty() &&
+                         !test::rows(stream_path(ch, hour) + "video.db",
+                                     "select hour from H where hour = " +
+                                         std::to_string(test::local_tm(sec).tm_hour))
+                              .empty();
         return known[key] = yes;
     }
     std::map<std::pair<int, int>, bool> known;

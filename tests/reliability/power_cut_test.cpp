@@ -165,7 +165,7 @@ long env_number(const char *name, long fallback) {
 uint64_t rows_naming_no_key_frame(const std::string &root, uint32_t end) {
     uint64_t bad = 0;
     for (int h = round_sec(0) - round_sec(0) % 3600; h <= round_sec(end); h += 3600) {
-        const std::tm t = local(h);
+        const std::tm t = test::local_tm(h);
         char day[40];
         std::snprintf(day, sizeof day, "/%04d%02d%02d/video/", t.tm_year + 1900, t.tm_mon + 1,
                       t.tm_mday);

@@ -152,9 +152,7 @@ TEST_F(RecVideo, CommittedRowsAreRegisteredWithoutTheSubmitThread) {
     EXPECT_EQ(rows(video_db(2), "select hour from H order by hour"),
               (std::vector<std::string>{"10", "11"}));
     close();
-    const time_t t = kHour10;
-    std::tm start{};
-    localtime_r(&t, &start);
+    std::tm start = local_tm(kHour10);
     PlayContext *p = vrix_db_open_get_video(&start, nullptr, 2, 4096, root().c_str());
     ASSERT_NE(p, nullptr);
     int n = 0;
