@@ -77,10 +77,7 @@ class Audio : public ::testing::Test {
                       std::to_string(hour) + ".stream");
     }
     AudioPlayContext *play(int ch, int start, int end = 0) {
-        const time_t s = start, e = end;
-        std::tm ts{}, te{};
-        localtime_r(&s, &ts);
-        if (end) localtime_r(&e, &te);
+        std::tm ts = local_tm(start), te = local_tm(end);
         return vrix_db_open_get_audio(&ts, end ? &te : nullptr, ch, 64, dir.path().c_str());
     }
     static uint32_t load_word(const Record &r, int at) {
@@ -238,21 +235,6 @@ TEST_F(Audio, ResumeWithAnEmptyFileStartsOver) {
               std::vector<std::string>{std::to_string(kHour10 + 50) + ",0"});
     for (int ch = 1; ch <= 3; ++ch)
         EXPECT_EQ(file_bytes(stream(ch, 10)).size(), 60u);
-}
-
-TEST_F(Audio, TwoChannelsIgnoreTheOtherPieces) {
-    close();
-    open(2);
-    record_span(kHour10, 1, 1);
-    vrix_db_rec_audio_flush(rec);
-    for (int ch = 1; ch <= 2; ++ch) {
-        const auto bytes = file_bytes(stream(ch, 10));
-        ASSERT_EQ(bytes.size(), 60u);
-        Record r{};
-        std::memcpy(r.data(), bytes.data(), 60);
-        EXPECT_EQ(r, record_of(blocks[0], ch - 1));
-    }
-    EXPECT_EQ(size_t(access(stream(3, 10).c_str(), F_OK) == 0), 0u);
 }
 
 TEST_F(Audio, Refusals) {

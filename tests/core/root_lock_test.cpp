@@ -5,8 +5,10 @@
 // The second process is this binary run again with VRIX_ROOT_LOCK_CHILD set
 // to "try|<root>" (exit 0 when the open was refused, 1 when it succeeded) or
 // "hold|<root>" (opens, says "held" on standard output, waits to be killed).
+#include "support/child.h"
 #include "support/queues.h"
 
+#include <fcntl.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -16,8 +18,6 @@
 #include <cstdio>
 #include <cstring>
 #include <string>
-
-extern char **environ;
 
 namespace vrix {
 namespace {
@@ -39,22 +39,8 @@ namespace {
 // Starts the child with its recipe; its standard output comes back on `out`.
 pid_t spawn(const std::string &recipe, int &out) {
     int fds[2];
-    if (pipe(fds) != 0) return -1;
-    const std::string var = "VRIX_ROOT_LOCK_CHILD=" + recipe;
-    std::vector<char *> env;
-    for (char **e = environ; *e; ++e)
-        env.push_back(*e);
-    env.push_back(const_cast<char *>(var.c_str()));
-    env.push_back(nullptr);
-    char self[] = "/proc/self/exe";
-    char *argv[] = {self, nullptr};
-    std::fflush(stdout);
-    const pid_t pid = fork();
-    if (pid == 0) {
-        dup2(fds[1], 1);
-        execve(self, argv, env.data());
-        _exit(127);
-    }
+    if (pipe2(fds, O_CLOEXEC) != 0) return -1;
+    const pid_t pid = test::spawn_self("VRIX_ROOT_LOCK_CHILD", recipe, fds[1]);
     close(fds[1]);
     out = fds[0];
     return pid;
@@ -74,8 +60,7 @@ bool refused_elsewhere(const std::string &root, std::string *said = nullptr) {
     int out = -1;
     const pid_t pid = spawn("try|" + root, out);
     const std::string text = read_all(out);
-    int status = 0;
-    waitpid(pid, &status, 0);
+    const int status = test::wait_status(pid);
     if (said) *said = text;
     return WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
@@ -109,7 +94,7 @@ TEST(RootLock, OneProcessRecordsAStore) {
     EXPECT_EQ(testing::internal::GetCapturedStdout(),
               "vrix_db_open_rec_video : " + root + " is being recorded by another process\n");
     kill(holder, SIGKILL);
-    waitpid(holder, nullptr, 0);
+    test::wait_status(holder);
     close(out);
     v = vrix_db_open_rec_video(root.c_str(), 3);
     EXPECT_NE(v, nullptr);

@@ -2,6 +2,7 @@
 // America/New_York and Australia/Sydney): every conversion follows the C
 // library's rules at each instant, whatever the clock says now.
 #include "core/calendar.h"
+#include "support/frames.h"
 #include "vrixdb.h"
 
 #include <gtest/gtest.h>
@@ -20,13 +21,6 @@ constexpr int kTo = 1767225600;   // 2026-01-01 UTC
 
 std::atomic<int> g_now{0};
 
-std::tm c_local(long long t) {
-    const time_t tt = static_cast<time_t>(t);
-    std::tm tm{};
-    localtime_r(&tt, &tm);
-    return tm;
-}
-
 bool same_fields(const std::tm &a, const std::tm &b) {
     return a.tm_year == b.tm_year && a.tm_mon == b.tm_mon && a.tm_mday == b.tm_mday &&
            a.tm_hour == b.tm_hour && a.tm_min == b.tm_min && a.tm_sec == b.tm_sec;
@@ -36,11 +30,13 @@ bool same_fields(const std::tm &a, const std::tm &b) {
 std::vector<int> changes() {
     std::vector<int> out;
     for (int t = kFrom; t < kTo; t += 3600)
-        if (c_local(t).tm_gmtoff != c_local(t + 3600).tm_gmtoff) {
+        if (vrix::test::local_tm(t).tm_gmtoff != vrix::test::local_tm(t + 3600).tm_gmtoff) {
             int lo = t, hi = t + 3600;
             while (hi - lo > 1) {
                 const int mid = lo + (hi - lo) / 2;
-                (c_local(mid).tm_gmtoff == c_local(t).tm_gmtoff ? lo : hi) = mid;
+                (vrix::test::local_tm(mid).tm_gmtoff == vrix::test::local_tm(t).tm_gmtoff ? lo
+                                                                                          : hi) =
+                    mid;
             }
             out.push_back(hi);
         }
@@ -74,9 +70,9 @@ TEST_F(ZoneRules, ConversionsFollowTheRulesFromEitherSeason) {
             times.push_back(c + d);
     for (long now : {1718366400L /* June 2024 */, 1734264000L /* December 2024 */}) {
         refresh_at(now);
-        EXPECT_EQ(-g_TimeZone.tz_minuteswest * 60, c_local(now).tm_gmtoff);
+        EXPECT_EQ(-g_TimeZone.tz_minuteswest * 60, vrix::test::local_tm(now).tm_gmtoff);
         for (int t : times) {
-            const std::tm want = c_local(t);
+            const std::tm want = vrix::test::local_tm(t);
             std::tm got{};
             sec_to_tm(&got, t);
             ASSERT_TRUE(same_fields(got, want)) << "t=" << t << " now=" << now;
@@ -87,9 +83,9 @@ TEST_F(ZoneRules, ConversionsFollowTheRulesFromEitherSeason) {
             std::tm minus = want;
             minus.tm_isdst = -1;
             const long long back = local_seconds(minus);
-            EXPECT_TRUE(back == t || same_fields(c_local(back), want)) << t;
+            EXPECT_TRUE(back == t || same_fields(vrix::test::local_tm(back), want)) << t;
             const int day = vrix::day_start(t, got);
-            const std::tm first = c_local(day), before = c_local(day - 1);
+            const std::tm first = vrix::test::local_tm(day), before = vrix::test::local_tm(day - 1);
             EXPECT_TRUE(first.tm_mday == want.tm_mday && before.tm_mday != want.tm_mday && day <= t)
                 << "day of " << t << " starts at " << day;
         }
@@ -102,8 +98,8 @@ TEST_F(ZoneRules, ConversionsFollowTheRulesFromEitherSeason) {
 TEST_F(ZoneRules, RepeatedAndSkippedHours) {
     refresh_at(1734264000L);
     for (int c : changes()) {
-        const bool back = c_local(c).tm_gmtoff < c_local(c - 1).tm_gmtoff;
-        const std::tm at = c_local(c);
+        const bool back = vrix::test::local_tm(c).tm_gmtoff < vrix::test::local_tm(c - 1).tm_gmtoff;
+        const std::tm at = vrix::test::local_tm(c);
         const long long day = vrix::day_start(c, at);
         const long long next = vrix::next_day_start(c);
         EXPECT_EQ(next - day, back ? 25 * 3600 : 23 * 3600) << c;
@@ -113,20 +109,20 @@ TEST_F(ZoneRules, RepeatedAndSkippedHours) {
             EXPECT_EQ(span.start, c - 3600);
             EXPECT_EQ(span.end, c + 3600);
             EXPECT_EQ(hour_span(c - 3600).start, span.start);
-            std::tm fields = c_local(c + 600);
+            std::tm fields = vrix::test::local_tm(c + 600);
             fields.tm_isdst = 1;
             EXPECT_EQ(local_seconds(fields), c - 3600 + 600);
             fields.tm_isdst = 0;
             EXPECT_EQ(local_seconds(fields), c + 600);
             EXPECT_EQ(vrix::first_at_wall(vrix::wall_of(c)), c - 3600);
         } else {
-            const int skipped = c_local(c - 1).tm_hour + 1;
+            const int skipped = vrix::test::local_tm(c - 1).tm_hour + 1;
             EXPECT_EQ(vrix::hour_start_of(c, skipped), c);
             EXPECT_EQ(vrix::hour_start_of(c, skipped + 1), c);
             EXPECT_EQ(hour_span(c - 1).end, c);
             EXPECT_EQ(hour_span(c).start, c);
             // A time in the skipped hour read with each offset.
-            std::tm fields = c_local(c - 1800);
+            std::tm fields = vrix::test::local_tm(c - 1800);
             fields.tm_hour = skipped;
             fields.tm_isdst = 0;
             EXPECT_EQ(local_seconds(fields), c + 1800);
@@ -144,7 +140,7 @@ TEST_F(ZoneRules, FixedOffsetSetByTheApplication) {
     EXPECT_EQ(vrix::offset_at(1718366400), 8 * 3600);
     EXPECT_EQ(vrix::offset_at(1734264000), 8 * 3600);
     refresh_at(1734264000L);
-    EXPECT_EQ(vrix::offset_at(1718366400), c_local(1718366400).tm_gmtoff);
+    EXPECT_EQ(vrix::offset_at(1718366400), vrix::test::local_tm(1718366400).tm_gmtoff);
 }
 
 } // namespace

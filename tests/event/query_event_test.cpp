@@ -1,7 +1,7 @@
 // Event query against an independent model of what a filter selects and of
 // how pages follow one another across days.
-#include "core/file_io.h"
 #include "event/event_store.h"
+#include "support/opened_files.h"
 
 #include <algorithm>
 #include <filesystem>
@@ -187,20 +187,14 @@ TEST(Querying, ArithmeticReversalMovesByThePageSize) {
 // The first page opens date.db and the day's event.db once each.
 TEST(Querying, FirstPageOpensEachDatabaseOnce) {
     const Store &s = Store::get();
-    struct Opens : vrix::io::Observer {
-        std::multiset<std::string> names;
-        void before(const vrix::io::Access &a) override {
-            if (a.op == vrix::io::Op::Open)
-                names.insert(std::filesystem::path(a.path).filename().string());
-        }
-    } opens;
-    vrix::io::set_observer(&opens);
+    std::multiset<std::string> names;
     {
+        vrix::test::OpenedFiles opens;
         Query q(s.events[5].sec, kAll, 3, 0, s.root());
         q.expect_page(1, {s.events.begin() + 5, s.events.begin() + 8});
+        names = opens.names;
     }
-    vrix::io::set_observer(nullptr);
-    EXPECT_EQ(opens.names, (std::multiset<std::string>{"date.db", "event.db"}));
+    EXPECT_EQ(names, (std::multiset<std::string>{"date.db", "event.db"}));
 }
 
 // Events recorded into the last day after a walk reached its end: the
@@ -255,6 +249,7 @@ TEST(Querying, DaysAreFoundInEverySeason) {
     }
 }
 
+// (No start time, bad page sizes and long roots: hostile_input_test.)
 TEST(Querying, OpenRefusals) {
     const Store &s = Store::get();
     std::tm tm{};
@@ -264,19 +259,14 @@ TEST(Querying, OpenRefusals) {
         vrix_db_close_get_event(q);
         return q != nullptr;
     };
-    EXPECT_FALSE(open(nullptr, 1, 1, root.c_str(), 10));
     EXPECT_FALSE(open(&tm, 0, 2 | 4, root.c_str(), 10)); // no channel
     EXPECT_TRUE(open(&tm, 0, 64, root.c_str(), 10));     // channel -1 through type 64
     EXPECT_FALSE(open(&tm, 1, 1, nullptr, 10));
     EXPECT_FALSE(open(&tm, 1, 0, root.c_str(), 10));
-    EXPECT_FALSE(open(&tm, 1, 1, root.c_str(), 0));
-    EXPECT_FALSE(open(&tm, 1, 1, root.c_str(), -5));
     testing::internal::CaptureStdout();
     EXPECT_FALSE(open(&tm, 1, 0x80, root.c_str(), 10));
-    EXPECT_FALSE(open(&tm, 1, 1, std::string(99, 'r').c_str(), 10));
     EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              "vrix_db_open_get_event : no event type selected\n"
-              "vrix_db_open_get_event : root path too long\n");
+              "vrix_db_open_get_event : no event type selected\n");
 }
 
 } // namespace

@@ -33,26 +33,6 @@ class Sql : public ::testing::Test {
     SqlHandle db = nullptr;
 };
 
-TEST_F(Sql, NullHolderVariableGetsOneSlotPerRow) {
-    ASSERT_EQ(sql_submit(db,
-                         "create table ch1(date int); insert into ch1 values(7);"
-                         "insert into ch1 values(9);",
-                         ""),
-              0);
-    ResultTable t = nullptr;
-    const int n = sql_submit(db, "select max(date) from ch1", "%d", &t);
-    ASSERT_EQ(n, 1);
-    ASSERT_NE(t, nullptr);
-    EXPECT_EQ(cell32(t, 0), 9);
-    db_free_sqlite(t, n);
-
-    ResultTable all = nullptr;
-    ASSERT_EQ(sql_submit(db, "select date from ch1 order by date", "%d", &all), 2);
-    EXPECT_EQ(cell32(all, 0), 7);
-    EXPECT_EQ(cell32(all, 1), 9);
-    db_free_sqlite(all, 2);
-}
-
 TEST_F(Sql, NullResultClearsSlotAndNextValueReallocates) {
     ASSERT_EQ(sql_submit(db, "create table h3(id integer primary key , sec int,offset int);", ""),
               0);
@@ -84,6 +64,7 @@ TEST_F(Sql, OffsetsKeepAll64Bits) {
     db_free_sqlite(off, 1);
 }
 
+// Null holders get one slot per row, a holder per column.
 TEST_F(Sql, MultiColumnAndMultiStatementText) {
     ASSERT_EQ(sql_submit(db,
                          "create table h_all(id INTEGER PRIMARY KEY , sec int,ch int,type int,data "

@@ -8,6 +8,7 @@
 // The recorder is this test binary run again with VRIX_CRASH_RECORDER set; it
 // reports how far it got through a small shared file.  VRIX_LONG=1 (or
 // VRIX_KILLS=n) sets the number of kills, VRIX_SEED repeats a run.
+#include "support/child.h"
 #include "support/queues.h"
 #include "verify.h"
 
@@ -25,8 +26,6 @@
 #include <random>
 #include <set>
 #include <thread>
-
-extern char **environ;
 
 namespace vrix::rel {
 namespace {
@@ -179,26 +178,9 @@ class CrashHarness : public ::testing::Test {
         p->event_attempt.store(-1);
         p->event_done.store(-1);
         p->closed.store(0);
-        // Everything the child needs is made before fork: this process has
-        // threads, so the child may only call exec-safe functions.
-        const std::string recipe = "VRIX_CRASH_RECORDER=" + root + "|" + progress_path + "|" +
-                                   std::to_string(start) + "|" + std::to_string(rounds) + "|" +
-                                   std::to_string(test::app_queue());
-        std::vector<char *> env;
-        for (char **e = environ; *e; ++e)
-            if (std::strncmp(*e, "VRIX_CRASH_RECORDER=", 20) != 0) env.push_back(*e);
-        env.push_back(const_cast<char *>(recipe.c_str()));
-        env.push_back(nullptr);
-        char self[] = "/proc/self/exe";
-        char *argv[] = {self, nullptr};
-        std::fflush(stdout);
-        const pid_t pid = fork();
-        if (pid == 0) {
-            dup2(log_fd, 1);
-            execve(self, argv, env.data());
-            _exit(127);
-        }
-        return pid;
+        const std::string recipe = root + "|" + progress_path + "|" + std::to_string(start) + "|" +
+                                   std::to_string(rounds) + "|" + std::to_string(test::app_queue());
+        return test::spawn_self("VRIX_CRASH_RECORDER", recipe, log_fd);
     }
 
     Recorder take(uint32_t start, int delay_ms, bool clean) const {
@@ -231,7 +213,7 @@ class CrashHarness : public ::testing::Test {
     }
 
     std::string stream_path(int ch, int hour_start) const {
-        const std::tm t = local(hour_start);
+        const std::tm t = test::local_tm(hour_start);
         char s[64];
         std::snprintf(s, sizeof s, "/%04d%02d%02d/video/%d/", t.tm_year + 1900, t.tm_mon + 1,
                       t.tm_mday, ch);
@@ -245,7 +227,7 @@ class CrashHarness : public ::testing::Test {
         if (run.attempt < run.first_index()) return;
         const int first = round_sec(run.start), last = round_sec(run.attempt / kChannels);
         for (int h = hour_start(first); h <= last; h += 3600) {
-            const int hour = local(h).tm_hour;
+            const int hour = test::local_tm(h).tm_hour;
             for (int ch = 1; ch <= kChannels; ++ch) {
                 const std::string dirp = stream_path(ch, h);
                 const auto bytes = test::file_bytes(dirp + std::to_string(hour) + ".stream");
@@ -305,15 +287,15 @@ class CrashHarness : public ::testing::Test {
         const int hour = hour_start(sec);
         const auto key = std::make_pair(ch, hour);
         if (const auto it = known.find(key); it != known.end()) return it->second;
-        const int day =
-            sec - local(sec).tm_hour * 3600 - local(sec).tm_min * 60 - local(sec).tm_sec;
-        const bool yes =
-            !test::rows(root + "/date.db", "select date from ch" + std::to_string(ch) +
-                                               " where date = " + std::to_string(day))
-                 .empty() &&
-            !test::rows(stream_path(ch, hour) + "video.db",
-                        "select hour from H where hour = " + std::to_string(local(sec).tm_hour))
-                 .empty();
+        const int day = sec - test::local_tm(sec).tm_hour * 3600 - test::local_tm(sec).tm_min * 60 -
+                        test::local_tm(sec).tm_sec;
+        const bool yes = !test::rows(root + "/date.db", "select date from ch" + std::to_string(ch) +
+                                                            " where date = " + std::to_string(day))
+                              .empty() &&
+                         !test::rows(stream_path(ch, hour) + "video.db",
+                                     "select hour from H where hour = " +
+                                         std::to_string(test::local_tm(sec).tm_hour))
+                              .empty();
         return known[key] = yes;
     }
     std::map<std::pair<int, int>, bool> known;
@@ -414,8 +396,7 @@ TEST_F(CrashHarness, KillsLoseOnlyTheWriteBehindBuffers) {
         ASSERT_GT(pid, 0);
         std::this_thread::sleep_for(std::chrono::milliseconds(delay));
         kill(pid, SIGKILL);
-        int status = 0;
-        waitpid(pid, &status, 0);
+        const int status = test::wait_status(pid);
         ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL)
             << "the recorder ended by itself before kill " << k << " (status " << status << ")";
         runs.push_back(take(next, delay, false));

@@ -18,6 +18,7 @@
 // The recorder is this test run again with VRIX_POWER_CUT_RECORDER set.
 // VRIX_CUTS=n (VRIX_LONG=1: 20) sets the number of cuts, VRIX_SEED repeats a run.
 #include "core/sync_point.h"
+#include "support/child.h"
 #include "support/power_cut.h"
 #include "support/queues.h"
 #include "verify.h"
@@ -32,8 +33,6 @@
 #include <mutex>
 #include <random>
 #include <set>
-
-extern char **environ;
 
 namespace vrix::rel {
 namespace {
@@ -135,23 +134,11 @@ Recorder g_rec;
 // ---- the harness ----
 
 int run_recorder(const std::string &recipe, const std::string &log) {
-    const std::string var = std::string("VRIX_POWER_CUT_RECORDER=").append(recipe);
-    std::vector<char *> env;
-    for (char **e = environ; *e; ++e)
-        if (std::strncmp(*e, "VRIX_POWER_CUT_RECORDER=", 24) != 0) env.push_back(*e);
-    env.push_back(const_cast<char *>(var.c_str()));
-    env.push_back(nullptr);
-    char self[] = "/proc/self/exe";
-    char *argv[] = {self, nullptr};
-    std::fflush(stdout);
-    const pid_t pid = fork();
-    if (pid == 0) {
-        if (std::freopen(log.c_str(), "a", stdout)) execve(self, argv, env.data());
-        _exit(127);
-    }
-    int status = -1;
-    waitpid(pid, &status, 0);
-    return status;
+    const int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+    if (fd < 0) return -1;
+    const pid_t pid = test::spawn_self("VRIX_POWER_CUT_RECORDER", recipe, fd);
+    close(fd);
+    return pid > 0 ? test::wait_status(pid) : -1;
 }
 
 // The first round of the hour of round r.
@@ -176,7 +163,7 @@ long env_number(const char *name, long fallback) {
 uint64_t rows_naming_no_key_frame(const std::string &root, uint32_t end) {
     uint64_t bad = 0;
     for (int h = round_sec(0) - round_sec(0) % 3600; h <= round_sec(end); h += 3600) {
-        const std::tm t = local(h);
+        const std::tm t = test::local_tm(h);
         char day[40];
         std::snprintf(day, sizeof day, "/%04d%02d%02d/video/", t.tm_year + 1900, t.tm_mon + 1,
                       t.tm_mday);

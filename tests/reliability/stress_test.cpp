@@ -64,7 +64,7 @@ class Stress : public ::testing::Test {
     // Plays a video channel following the recording: when it has caught up,
     // it waits a little and locates again after the last frame it had.
     void follow_video(Worker &w, int ch) {
-        std::tm start = local(kT0);
+        std::tm start = test::local_tm(kT0);
         PlayContext *p = vrix_db_open_get_video(&start, nullptr, ch, kPlayBuf, root.c_str());
         if (!p) return fault(w, "cannot open playback");
         long long last = -1;
@@ -92,7 +92,7 @@ class Stress : public ::testing::Test {
     }
 
     void follow_audio(Worker &w, int ch) {
-        std::tm start = local(kT0);
+        std::tm start = test::local_tm(kT0);
         AudioPlayContext *p = vrix_db_open_get_audio(&start, nullptr, ch, 64, root.c_str());
         if (!p) return fault(w, "cannot open audio playback");
         long long last = -1;
@@ -172,7 +172,7 @@ TEST_F(Stress, RecordingPlaybackEventsAndMaintenanceTogether) {
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     });
     start(pager, [&](Worker &w) {
-        std::tm from = local(kT0);
+        std::tm from = test::local_tm(kT0);
         EventQueryContext *q =
             vrix_db_open_get_event(&from, 0xFFFFu, 0, 0, 0x7F, root.c_str(), 50, 0, 0);
         if (!q) return;
@@ -192,7 +192,7 @@ TEST_F(Stress, RecordingPlaybackEventsAndMaintenanceTogether) {
         vrix_db_close_get_event(q);
     });
     start(backup, [&](Worker &) {
-        std::tm t = local(g_now.load());
+        std::tm t = test::local_tm(g_now.load());
         char day[40];
         std::snprintf(day, sizeof day, "%04d%02d%02d", t.tm_year + 1900, t.tm_mon + 1, t.tm_mday);
         vrix_db_backup(root.c_str(), day);

@@ -37,7 +37,7 @@ enum class Mode { Forward, KeyFrames, Backward };
 inline Walk play(const std::string &root, int ch, int from_sec, Mode mode,
                  const FrameWritten &written, uint64_t max_steps = UINT64_MAX) {
     Walk w;
-    std::tm start = local(from_sec);
+    std::tm start = test::local_tm(from_sec);
     PlayContext *p = vrix_db_open_get_video(&start, nullptr, ch, kPlayBuf, root.c_str());
     if (!p) return w;
     w.opened = true;
@@ -84,7 +84,7 @@ inline Walk play(const std::string &root, int ch, int from_sec, Mode mode,
 inline Walk play_audio(const std::string &root, int ch, int from_sec,
                        const std::function<bool(uint32_t round)> &written) {
     Walk w;
-    std::tm start = local(from_sec);
+    std::tm start = test::local_tm(from_sec);
     AudioPlayContext *p = vrix_db_open_get_audio(&start, nullptr, ch, 64, root.c_str());
     if (!p) return w;
     w.opened = true;
@@ -124,7 +124,7 @@ inline EventWalk page_events(const std::string &root, int from_sec, const EventW
             w.first_fault = "event of time " + std::to_string(e.iSec) + ", channel " +
                             std::to_string(e.iCh) + ", type " + std::to_string(e.iType) + " " + why;
     };
-    std::tm start = local(from_sec);
+    std::tm start = test::local_tm(from_sec);
     EventQueryContext *q =
         vrix_db_open_get_event(&start, 0xFFFFu, 0, 0, 0x7F, root.c_str(), page_size, 64, 0);
     if (!q) return w;

@@ -120,11 +120,4 @@ inline std::optional<uint32_t> identify_audio(int ch, const unsigned char *rec, 
     return w[2];
 }
 
-inline std::tm local(int sec) {
-    const time_t t = sec;
-    std::tm tm{};
-    localtime_r(&t, &tm);
-    return tm;
-}
-
 } // namespace vrix::rel

@@ -12,13 +12,6 @@ namespace {
 using namespace vrix::test;
 using Bytes = std::vector<unsigned char>;
 
-std::tm local(int sec) {
-    const time_t t = sec;
-    std::tm tm{};
-    localtime_r(&t, &tm);
-    return tm;
-}
-
 // Local midnight of 2024-03-10 in the zone the test runs in.
 int day0() {
     std::tm tm{};
@@ -52,7 +45,7 @@ class Report : public ::testing::Test {
         rec = nullptr;
     }
     unsigned video_size(int from, int to, int ch = 4) {
-        std::tm a = local(from), b = local(to);
+        std::tm a = local_tm(from), b = local_tm(to);
         return vrix_db_get_video_total_size(&a, &b, dir.path().c_str(), ch);
     }
     std::string stream(const char *daytext, int ch, int hour) {
@@ -137,7 +130,7 @@ TEST_F(Report, AudioSizeOfAFullHour) {
         vrix_db_rec_audio(a, &b);
     }
     vrix_db_close_rec_audio(a);
-    std::tm from = local(h10), to = local(h10 + 3600);
+    std::tm from = local_tm(h10), to = local_tm(h10 + 3600);
     testing::internal::CaptureStdout();
     const unsigned size = vrix_db_get_audio_total_size(&from, &to, dir.path().c_str(), 1);
     const std::string out = testing::internal::GetCapturedStdout();

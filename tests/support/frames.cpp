@@ -26,6 +26,13 @@ std::vector<unsigned char> make_frame(int ch, int sec, bool key, int payload, un
     return f;
 }
 
+std::tm local_tm(long long sec) {
+    const time_t t = static_cast<time_t>(sec);
+    std::tm tm{};
+    localtime_r(&t, &tm);
+    return tm;
+}
+
 std::vector<unsigned char> file_bytes(const std::string &path) {
     std::ifstream in(path, std::ios::binary);
     return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};

@@ -10,6 +10,7 @@
 
 #include <cstdint>
 #include <cstring>
+#include <ctime>
 #include <fstream>
 #include <iterator>
 #include <string>
@@ -38,6 +39,9 @@ template <class Fill> VrixAudioBlock audio_block(int sec, uint32_t word, Fill fi
 }
 
 std::vector<unsigned char> file_bytes(const std::string &path);
+
+// The calendar fields of `sec` in the zone the test runs in.
+std::tm local_tm(long long sec);
 
 // Rows of a query as text, one string per row with columns joined by ",".
 std::vector<std::string> rows(const std::string &db, const std::string &sql);

@@ -19,14 +19,7 @@ fi
 clear_queues
 ROOT=$SCRATCH/store
 run demo --root "$ROOT" --minutes 1
-"$VRIXDB" serve --root "$ROOT" --listen 127.0.0.1:0 >"$SCRATCH/serve.out" 2>"$SCRATCH/serve.err" &
-SERVER=$!
-trap 'kill $SERVER 2>/dev/null; rm -rf "$SCRATCH"' EXIT
-for _ in $(seq 100); do
-    grep -q http "$SCRATCH/serve.out" && break
-    sleep 0.1
-done
-URL=$(grep -o 'http://127.0.0.1:[0-9]*/' "$SCRATCH/serve.out") || fail "serve did not start: $(cat "$SCRATCH/serve.err")"
-NODE_PATH=$NODE_DIR/node_modules node "$NODE_DIR/viewer.mjs" "$URL" "$CHROMIUM" "$SHOT" ||
+start_serve "$ROOT"
+NODE_PATH=$NODE_DIR/node_modules node "$NODE_DIR/viewer.mjs" "$URL/" "$CHROMIUM" "$SHOT" ||
     fail "the viewer in chromium"
 echo "browser: ok, screenshot in $SHOT"

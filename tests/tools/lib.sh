@@ -48,3 +48,21 @@ frames() { grep -v '^#' "$OUT"; }
 # Whether the program was built with subcommand $1 (export-mp4 and serve are
 # left out when their libraries were missing at configure time).
 has_subcommand() { "$VRIXDB" --help | grep -q "^  $1 "; }
+
+# Starts `vrixdb serve --root ROOT` on a free local port with the options
+# given: its process in $SERVER (killed when the test ends), its address
+# (http://127.0.0.1:PORT) in $URL.
+start_serve() {
+    local root=$1
+    shift
+    "$VRIXDB" serve --root "$root" --listen 127.0.0.1:0 "$@" >"$SCRATCH/serve.out" \
+        2>"$SCRATCH/serve.err" &
+    SERVER=$!
+    trap 'kill $SERVER 2>/dev/null; rm -rf "$SCRATCH"' EXIT
+    for _ in $(seq 100); do
+        grep -q http "$SCRATCH/serve.out" && break
+        sleep 0.1
+    done
+    URL=$(grep -o 'http://127.0.0.1:[0-9]*' "$SCRATCH/serve.out") ||
+        fail "serve did not start: $(cat "$SCRATCH/serve.err")"
+}

@@ -14,15 +14,7 @@ ROOT=$SCRATCH/store
 # One minute from 10:59:30; the demo's reduction then leaves 11:00:00 on.
 run demo --root "$ROOT" --minutes 1
 
-"$VRIXDB" serve --root "$ROOT" --listen 127.0.0.1:0 --max-streams 2 >"$SCRATCH/serve.out" \
-    2>"$SCRATCH/serve.err" &
-SERVER=$!
-trap 'kill $SERVER 2>/dev/null; rm -rf "$SCRATCH"' EXIT
-for _ in $(seq 100); do
-    grep -q http "$SCRATCH/serve.out" && break
-    sleep 0.1
-done
-URL=$(grep -o 'http://127.0.0.1:[0-9]*' "$SCRATCH/serve.out") || fail "serve did not start: $(cat "$SCRATCH/serve.err")"
+start_serve "$ROOT" --max-streams 2
 
 # get PATH [curl options]: the body in $BODY, the status in $CODE.
 BODY=$SCRATCH/.body

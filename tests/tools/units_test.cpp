@@ -200,6 +200,8 @@ TEST(Lists, ChannelsAndTypes) {
     EXPECT_EQ(parse_channels("0,64", 0, 64), (std::vector<int>{0, 64}));
     for (const char *bad : {"", "8-5", "65", "1,,2", "a", "-3", "1-"})
         EXPECT_FALSE(parse_channels(bad, 0, 64)) << bad;
+    const ChannelMasks m = channel_masks({0, 1, 32, 33, 64}); // the event query's words
+    EXPECT_TRUE(m.withCh0 == 1 && m.lo == (1u | 1u << 31) && m.hi == (1u | 1u << 31));
     EXPECT_EQ(parse_types("motion,alarm"), 6u);
     EXPECT_EQ(parse_types("manual,8,64"), 73u);
     EXPECT_EQ(parse_types("all"), 127u);

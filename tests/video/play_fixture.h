@@ -41,10 +41,7 @@ class PlayVideo : public RecVideo {
     }
 
     PlayContext *open_play(int start, int end = 0, int bufSize = 4096) {
-        const time_t s = start, e = end;
-        std::tm ts{}, te{};
-        localtime_r(&s, &ts);
-        if (end) localtime_r(&e, &te);
+        std::tm ts = local_tm(start), te = local_tm(end);
         return vrix_db_open_get_video(&ts, end ? &te : nullptr, kCh, bufSize, root().c_str());
     }
 

@@ -2,7 +2,7 @@
 // directions, modes, limits, a recording in progress, damaged data.
 #include "play_fixture.h"
 
-#include "core/file_io.h"
+#include "support/opened_files.h"
 
 #include <condition_variable>
 #include <filesystem>
@@ -10,6 +10,7 @@
 #include <set>
 #include <string>
 #include <thread>
+#include <utility>
 
 namespace {
 
@@ -78,18 +79,6 @@ TEST_F(PlayVideo, BackwardDeliversEveryKeyFrameInReverse) {
     EXPECT_EQ(vrix_db_video_get_end(p), 1);
 }
 
-// Forward stops at the end time: nothing of a later second is delivered.
-TEST_F(PlayVideo, EndTimeInsideAnHour) {
-    record_standard();
-    PlayContext *p = open_play(kHour10 + 3600, kHour10 + 3600 + 4);
-    Closer c{p};
-    const auto got = forward_all(p);
-    // 11:00:00 .. 11:00:04: 5 seconds of 3 frames.
-    ASSERT_EQ(got.size(), 15u);
-    for (size_t i = 0; i < got.size(); ++i)
-        EXPECT_EQ(got[i], written[30 + i].bytes);
-}
-
 TEST_F(PlayVideo, KeyFrameModeWithStepCrossesTheHour) {
     record_standard();
     PlayContext *p = open_play(kHour10 + 3590);
@@ -123,22 +112,6 @@ TEST_F(PlayVideo, SkipFrameLimit) {
         }
         EXPECT_EQ(got, want) << "limit " << limit;
     }
-}
-
-// Reversing: backward after forward play delivers the key frame that began
-// the frames just played; forward after backward reads on from there.
-TEST_F(PlayVideo, ReversalBothWays) {
-    record_standard();
-    PlayContext *p = open_play(kHour10 + 3595);
-    Closer c{p};
-    for (int i = 0; i < 5; ++i)
-        ASSERT_EQ(vrix_db_next_video(p), 1); // :55 K n n, :56 K n
-    ASSERT_EQ(vrix_db_pre_video(p), 1);
-    EXPECT_EQ(delivered(p), written[18].bytes); // :56's key frame
-    ASSERT_EQ(vrix_db_pre_video(p), 1);
-    EXPECT_EQ(delivered(p), written[15].bytes); // :55
-    ASSERT_EQ(vrix_db_next_video(p), 1);
-    EXPECT_EQ(delivered(p), written[16].bytes); // on from :55
 }
 
 TEST_F(PlayVideo, ReversalAtTheEndsOfTheRecording) {
@@ -217,23 +190,16 @@ TEST_F(PlayVideo, RowsThatDisagreeWithTheFileAreSkipped) {
     EXPECT_EQ(delivered(b), written[0].bytes); // 10:59:50
 }
 
+// No start time is refused (other bad arguments: hostile_input_test).
 TEST_F(PlayVideo, OpenRefusalsAndAccessors) {
     record_standard();
-    std::tm t{};
-    const time_t s = kHour10;
-    localtime_r(&s, &t);
     testing::internal::CaptureStdout();
-    EXPECT_EQ(vrix_db_open_get_video(&t, nullptr, 0, 4096, root().c_str()), nullptr);
-    EXPECT_EQ(vrix_db_open_get_video(&t, nullptr, 17, 4096, root().c_str()), nullptr);
-    EXPECT_EQ(vrix_db_open_get_video(&t, nullptr, 2, 0, root().c_str()), nullptr);
     EXPECT_EQ(vrix_db_open_get_video(nullptr, nullptr, 2, 4096, root().c_str()), nullptr);
-    EXPECT_EQ(vrix_db_open_get_video(&t, nullptr, 2, 4096, std::string(99, 'x').c_str()), nullptr);
     const std::string out = testing::internal::GetCapturedStdout();
-    EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), 5) << out;
+    EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), 1) << out;
 
     PlayContext *p = open_play(kHour10 + 3590);
     Closer c{p};
-    EXPECT_EQ(p->iEndSec, 0x7FFFFFFF);
     EXPECT_EQ(reinterpret_cast<uintptr_t>(p->pFrameBuf) % 16, 0u);
     vrix_db_video_set_end_time_forever(p); // not positioned: nothing
     ASSERT_EQ(vrix_db_next_video(p), 1);
@@ -253,25 +219,21 @@ TEST_F(PlayVideo, OpenRefusalsAndAccessors) {
 // stream once each.
 TEST_F(PlayVideo, LocatingOpensEachFileOnce) {
     record_standard();
-    struct Opens : vrix::io::Observer {
-        std::multiset<std::string> names;
-        void before(const vrix::io::Access &a) override {
-            if (a.op == vrix::io::Op::Open)
-                names.insert(std::filesystem::path(a.path).filename().string());
+    std::multiset<std::string> at_open, after;
+    bool first = false;
+    {
+        vrix::test::OpenedFiles opens;
+        PlayContext *p = open_play(kHour10 + 3600 + 9);
+        first = vrix_db_next_video(p) == 1;
+        at_open = std::exchange(opens.names, {});
+        for (int i = 0; i < 3 && vrix_db_next_video(p) == 1; ++i) {
         }
-    } opens;
-    vrix::io::set_observer(&opens);
-    PlayContext *p = open_play(kHour10 + 3600 + 9);
-    const bool first = vrix_db_next_video(p) == 1;
-    const auto at_open = opens.names;
-    opens.names.clear();
-    for (int i = 0; i < 3 && vrix_db_next_video(p) == 1; ++i) {
+        vrix_db_close_get_video(p);
+        after = opens.names;
     }
-    vrix_db_close_get_video(p);
-    vrix::io::set_observer(nullptr);
     ASSERT_TRUE(first);
     EXPECT_EQ(at_open, (std::multiset<std::string>{"date.db", "video.db", "11.stream"}));
-    EXPECT_EQ(opens.names, (std::multiset<std::string>{"video.db", "video.db", "3.stream"}));
+    EXPECT_EQ(after, (std::multiset<std::string>{"video.db", "video.db", "3.stream"}));
 }
 
 // A player without end time follows a recording in progress: key frames

@@ -132,58 +132,6 @@ TEST_F(RecVideo, WriteBehindBufferBoundaries) {
     EXPECT_EQ(channel(4).llOffset, 100000 + 131071 + 131072);
 }
 
-TEST_F(RecVideo, BadFramesAreDroppedWithOneLine) {
-    Bytes ok = make_frame(2, kHour10, true, 64);
-    Bytes wrong_len = ok;
-    wrong_len[0] = 65;
-    Bytes scale = make_frame(2, kHour10, true, 64, 11);
-    Bytes slot = make_frame(2, kHour10, true, 64);
-    slot[16 + 36] = 16; // channel 17: no slot
-    Bytes zero_time = make_frame(2, 0, true, 64);
-    testing::internal::CaptureStdout();
-    vrix_db_rec_video(ctx, ok.data(), 15);
-    vrix_db_rec_video(ctx, nullptr, 80);
-    record(ctx, wrong_len);
-    record(ctx, scale);
-    record(ctx, slot);
-    record(ctx, zero_time);
-    vrix_db_rec_video(nullptr, ok.data(), 80);
-    vrix_db_rec_video_flush(ctx, 0);
-    vrix_db_rec_video_flush(ctx, 17);
-    const std::string out = testing::internal::GetCapturedStdout();
-    EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), 8) << out;
-    EXPECT_EQ(size_of(day_dir()), -1); // nothing touched the disk
-}
-
-TEST_F(RecVideo, GarbageOnTheSubmitQueueIsDropped) {
-    record(ctx, make_frame(1, kHour10, true, 64)); // context's day prepared
-    NotifyMessage m{};
-    m.mtype = 1;
-    auto send = [&](unsigned char kind, int ch, int hour, int day) {
-        std::memset(m.mtext, 0, sizeof m.mtext);
-        m.mtext[0] = kind;
-        m.mtext[1] = static_cast<unsigned char>(ch);
-        m.mtext[2] = static_cast<unsigned char>(hour);
-        std::memcpy(m.mtext + 4, &day, 4);
-        ASSERT_EQ(msgsnd(g_iSubmitMq, &m, 128, 0), 0);
-    };
-    testing::internal::CaptureStdout();
-    send('z', 1, 1, kDay);
-    send(VRIX_MSG_HOUR, 0, 5, kDay);   // channel 0
-    send(VRIX_MSG_HOUR, 17, 5, kDay);  // past the context's slots
-    send(VRIX_MSG_HOUR, 200, 5, kDay); // far out
-    send(VRIX_MSG_HOUR, 2, 24, kDay);  // hour out of range
-    send(VRIX_MSG_DAY, 0, 0, -5);      // no such day
-    send(VRIX_MSG_STOP, 0, 0, 0);      // a stop nobody asked for: ignored
-    send(VRIX_MSG_HOUR, 6, 4, kDay);   // valid: served
-    close();
-    const std::string out = testing::internal::GetCapturedStdout();
-    EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), 7) << out;
-    EXPECT_EQ(rows(date_db(), "select date from ch6"),
-              std::vector<std::string>{std::to_string(kDay)});
-    EXPECT_TRUE(rows(date_db(), "select date from ch2").empty());
-}
-
 // Rows never stand in an index that playback cannot reach: the writer
 // registers their day and hour itself before committing them, so losing the
 // submit thread's queue (a process killed with registrations still queued)
@@ -204,9 +152,7 @@ TEST_F(RecVideo, CommittedRowsAreRegisteredWithoutTheSubmitThread) {
     EXPECT_EQ(rows(video_db(2), "select hour from H order by hour"),
               (std::vector<std::string>{"10", "11"}));
     close();
-    const time_t t = kHour10;
-    std::tm start{};
-    localtime_r(&t, &start);
+    std::tm start = local_tm(kHour10);
     PlayContext *p = vrix_db_open_get_video(&start, nullptr, 2, 4096, root().c_str());
     ASSERT_NE(p, nullptr);
     int n = 0;
@@ -216,15 +162,13 @@ TEST_F(RecVideo, CommittedRowsAreRegisteredWithoutTheSubmitThread) {
     EXPECT_EQ(n, 4);
 }
 
+// One writer context at a time (bad roots and counts: hostile_input_test).
 TEST_F(RecVideo, OpenRefusals) {
     testing::internal::CaptureStdout();
     EXPECT_EQ(vrix_db_open_rec_video(root().c_str(), 17), nullptr); // one is open
-    close();
-    EXPECT_EQ(vrix_db_open_rec_video(std::string(99, 'r').c_str(), 17), nullptr);
-    EXPECT_EQ(vrix_db_open_rec_video(root().c_str(), 18), nullptr);
-    EXPECT_EQ(vrix_db_open_rec_video(root().c_str(), -1), nullptr);
     const std::string out = testing::internal::GetCapturedStdout();
-    EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), 4) << out;
+    EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), 1) << out;
+    close();
     // Counts 0 and 1 give contexts without usable channels.
     for (int count : {0, 1}) {
         RecContext *c = vrix_db_open_rec_video(root().c_str(), count);

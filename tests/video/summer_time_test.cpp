@@ -27,21 +27,14 @@ constexpr int kSummerNorth = 1718452800, kWinterNorth = 1734264000; // June, Dec
 
 std::atomic<int> g_now{0};
 
-std::tm c_local(long t) {
-    const time_t tt = t;
-    std::tm tm{};
-    localtime_r(&tt, &tm);
-    return tm;
-}
-
 // The instants of 2024 at which the offset changes.
 std::vector<int> changes() {
     std::vector<int> out;
     for (int t = kYear; t < kYear + 366 * 86400; t += 3600)
-        if (c_local(t).tm_gmtoff != c_local(t + 3600).tm_gmtoff) {
+        if (local_tm(t).tm_gmtoff != local_tm(t + 3600).tm_gmtoff) {
             int lo = t, hi = t + 3600;
             while (hi - lo > 1)
-                (c_local(lo + (hi - lo) / 2).tm_gmtoff == c_local(t).tm_gmtoff ? lo : hi) =
+                (local_tm(lo + (hi - lo) / 2).tm_gmtoff == local_tm(t).tm_gmtoff ? lo : hi) =
                     lo + (hi - lo) / 2;
             out.push_back(hi);
         }
@@ -63,7 +56,7 @@ class SummerTime : public ::testing::Test {
         const std::vector<int> c = changes();
         ASSERT_EQ(c.size(), 2u) << "tzdata is not installed";
         for (int t : c)
-            (c_local(t).tm_gmtoff < c_local(t - 1).tm_gmtoff ? back : forward) = t;
+            (local_tm(t).tm_gmtoff < local_tm(t - 1).tm_gmtoff ? back : forward) = t;
         record_all();
     }
     void TearDown() override { vrix_db_set_test_hooks(nullptr); }
@@ -116,7 +109,7 @@ class SummerTime : public ::testing::Test {
     const char *root() const { return dir.path().c_str(); }
     // The hour file a frame of `t` belongs in, by the C library's local time.
     std::string hour_file(int t) const {
-        const std::tm tm = c_local(t);
+        const std::tm tm = local_tm(t);
         char name[64];
         std::snprintf(name, sizeof name, "/%04d%02d%02d/video/%d/%d.stream", tm.tm_year + 1900,
                       tm.tm_mon + 1, tm.tm_mday, kCh, tm.tm_hour);
@@ -164,7 +157,7 @@ TEST_F(SummerTime, HourFilesFollowTheLocalClock) {
 TEST_F(SummerTime, VideoPlaysInOrderFromEitherSeason) {
     for (int now : {kSummerNorth, kWinterNorth}) {
         g_now = now;
-        std::tm start = c_local(frames.front().sec);
+        std::tm start = local_tm(frames.front().sec);
         PlayContext *p = vrix_db_open_get_video(&start, nullptr, kCh, 4096, root());
         ASSERT_NE(p, nullptr);
         size_t n = 0;
@@ -185,7 +178,7 @@ TEST_F(SummerTime, VideoPlaysInOrderFromEitherSeason) {
         vrix_db_close_get_video(p);
 
         const std::vector<const Frame *> k = keys();
-        std::tm end = c_local(frames.back().sec);
+        std::tm end = local_tm(frames.back().sec);
         p = vrix_db_open_get_video(&end, nullptr, kCh, 4096, root());
         ASSERT_NE(p, nullptr);
         for (size_t i = k.size(); i-- > 0;) {
@@ -198,7 +191,7 @@ TEST_F(SummerTime, VideoPlaysInOrderFromEitherSeason) {
         vrix_db_close_get_video(p);
 
         for (size_t i = 0; i < k.size(); i += 37) {
-            std::tm at = c_local(k[i]->sec);
+            std::tm at = local_tm(k[i]->sec);
             p = vrix_db_open_get_video(&at, nullptr, kCh, 4096, root());
             int sec = 0, sub = 0;
             ASSERT_EQ(vrix_db_next_video(p), 1);
@@ -214,7 +207,7 @@ TEST_F(SummerTime, VideoPlaysInOrderFromEitherSeason) {
 TEST_F(SummerTime, AudioEventsAndSizesFromEitherSeason) {
     for (int now : {kSummerNorth, kWinterNorth}) {
         g_now = now;
-        std::tm start = c_local(audioSecs.front());
+        std::tm start = local_tm(audioSecs.front());
         AudioPlayContext *a =
             vrix_db_open_get_audio(&start, nullptr, kAudioCh, VRIX_AUDIO_RECORD_SIZE, root());
         ASSERT_NE(a, nullptr);
@@ -225,7 +218,7 @@ TEST_F(SummerTime, AudioEventsAndSizesFromEitherSeason) {
         EXPECT_EQ(got, audioSecs) << "now " << now;
 
         for (int dir : {1, -1}) {
-            std::tm from = c_local(dir == 1 ? eventSecs.front() : eventSecs.back());
+            std::tm from = local_tm(dir == 1 ? eventSecs.front() : eventSecs.back());
             EventQueryContext *q =
                 vrix_db_open_get_event(&from, 1, 0, 0, VRIX_EVENT_MOTION, root(), 7, 16, 0);
             ASSERT_NE(q, nullptr);
@@ -245,9 +238,9 @@ TEST_F(SummerTime, AudioEventsAndSizesFromEitherSeason) {
             written += static_cast<long long>(f.bytes.size());
             if (f.sec >= back - 3000 && f.sec < back + 600) repeated += f.bytes.size();
         }
-        std::tm a0 = c_local(frames.front().sec), a1 = c_local(frames.back().sec + 1);
+        std::tm a0 = local_tm(frames.front().sec), a1 = local_tm(frames.back().sec + 1);
         EXPECT_EQ(vrix_db_get_video_total_size(&a0, &a1, root(), kCh), written) << "now " << now;
-        std::tm r0 = c_local(back - 3000), r1 = c_local(back + 600);
+        std::tm r0 = local_tm(back - 3000), r1 = local_tm(back + 600);
         EXPECT_EQ(vrix_db_get_video_total_size(&r0, &r1, root(), kCh), repeated) << "now " << now;
     }
 }
@@ -258,7 +251,7 @@ TEST_F(SummerTime, AudioEventsAndSizesFromEitherSeason) {
 // after the open) still moves on: forward strictly later, backward strictly
 // earlier, and both end.
 TEST_F(SummerTime, DisagreeingOffsetNeverLoops) {
-    std::tm start = c_local(frames.front().sec), end = c_local(frames.back().sec);
+    std::tm start = local_tm(frames.front().sec), end = local_tm(frames.back().sec);
     PlayContext *p = vrix_db_open_get_video(&start, nullptr, kCh, 4096, root());
     PlayContext *b = vrix_db_open_get_video(&end, nullptr, kCh, 4096, root());
     ASSERT_TRUE(p && b);

@@ -30,22 +30,13 @@ int run_events(const EventsOptions &o) {
     const long from = *parse_time(o.from);
     const auto channels = *parse_channels(o.channels, 0, 64);
     const uint32_t types = *parse_types(o.types);
-    uint32_t lo = 0, hi = 0;
-    int withCh0 = 0;
-    for (int ch : channels) {
-        if (ch == 0)
-            withCh0 = 1;
-        else if (ch <= 32)
-            lo |= 1u << (ch - 1);
-        else
-            hi |= 1u << (ch - 33);
-    }
+    const ChannelMasks m = channel_masks(channels);
     if (!start_library()) return 1;
 
     // The query reads its start in the library's own calendar.
     std::tm start = mktime_fields(from);
-    EventQueryContext *q = vrix_db_open_get_event(&start, lo, hi, withCh0, types, root.c_str(),
-                                                  o.page, 0, o.exact ? 1 : 0);
+    EventQueryContext *q = vrix_db_open_get_event(&start, m.lo, m.hi, m.withCh0, types,
+                                                  root.c_str(), o.page, 0, o.exact ? 1 : 0);
     if (!q) {
         if (const int bad = check_played_span(root, 0, from, 0, o.reverse, "events")) return bad;
         std::fprintf(stderr, "vrixdb events: the library could not open the query on %s\n",

@@ -25,6 +25,19 @@ std::vector<std::string> split(const std::string &text) {
 
 } // namespace
 
+ChannelMasks channel_masks(const std::vector<int> &channels) {
+    ChannelMasks m;
+    for (int ch : channels) {
+        if (ch == 0)
+            m.withCh0 = 1;
+        else if (ch <= 32)
+            m.lo |= 1u << (ch - 1);
+        else
+            m.hi |= 1u << (ch - 33);
+    }
+    return m;
+}
+
 std::optional<std::vector<int>> parse_channels(const std::string &text, int min, int max) {
     std::vector<int> out;
     if (text == "all") {

@@ -47,6 +47,26 @@ std::string hour_list(const std::vector<HourIndex> &hours) {
     return s.empty() ? "-" : s;
 }
 
+// The hours of a day of one channel (or of the audio, a key a second): key
+// frames, stream bytes, first and last key frame.
+struct ChannelSummary {
+    int64_t keys = 0, bytes = 0;
+    int first = 0, last = 0;
+};
+
+ChannelSummary summarize(const std::vector<HourIndex> &hours) {
+    ChannelSummary c;
+    for (const HourIndex &h : hours) {
+        c.keys += static_cast<int64_t>(h.keys.size());
+        if (h.streamBytes > 0) c.bytes += h.streamBytes;
+        if (!h.keys.empty()) {
+            if (!c.first) c.first = h.keys.front().sec;
+            c.last = h.keys.back().sec;
+        }
+    }
+    return c;
+}
+
 std::string event_summary(const std::vector<EventRow> &events) {
     std::map<int, int> byType;
     for (const EventRow &e : events)
@@ -74,9 +94,7 @@ void list_days(StoreIndex &store) {
         const size_t before = store.unreadable().size();
         const VideoTotals v = video_totals(store, day);
         const auto audio = store.audio(day);
-        int64_t seconds = 0;
-        for (const HourIndex &h : audio)
-            seconds += static_cast<int64_t>(h.keys.size());
+        const int64_t seconds = summarize(audio).keys; // a key per second of sound
         char video[64], sound[48];
         std::snprintf(video, sizeof video, "%2d ch %3d h %6lld keys %10s", v.channels, v.hourFiles,
                       static_cast<long long>(v.keys), format_bytes(v.bytes).c_str());
@@ -113,29 +131,18 @@ void list_day(StoreIndex &store, long day) {
         }
         if (hours.empty()) continue;
         any = true;
-        int64_t keys = 0, bytes = 0;
-        int first = 0, last = 0;
-        for (const HourIndex &h : hours) {
-            keys += static_cast<int64_t>(h.keys.size());
-            if (h.streamBytes > 0) bytes += h.streamBytes;
-            if (!h.keys.empty()) {
-                if (!first) first = h.keys.front().sec;
-                last = h.keys.back().sec;
-            }
-        }
+        const ChannelSummary c = summarize(hours);
         std::fprintf(out(), "  %-3d %-24s %10lld %12s  %s\n", ch, hour_list(hours).c_str(),
-                     static_cast<long long>(keys), format_bytes(bytes).c_str(),
-                     first ? (format_clock(first) + " .. " + format_clock(last)).c_str() : "-");
+                     static_cast<long long>(c.keys), format_bytes(c.bytes).c_str(),
+                     c.first ? (format_clock(c.first) + " .. " + format_clock(c.last)).c_str()
+                             : "-");
     }
     if (!any) std::fprintf(out(), "  (none)\n");
 
     size_t before = store.unreadable().size();
     const auto audio = store.audio(day);
-    int64_t seconds = 0, bytes = 0;
-    for (const HourIndex &h : audio) {
-        seconds += static_cast<int64_t>(h.keys.size());
-        if (h.streamBytes > 0) bytes += h.streamBytes;
-    }
+    const ChannelSummary a = summarize(audio); // a key per second of sound
+    const int64_t seconds = a.keys, bytes = a.bytes;
     const int channels = store.audio_channels(day);
     if (const char *bad = unreadable_since(store, before))
         std::fprintf(out(), "audio  cannot read %s\n", bad);
@@ -166,9 +173,7 @@ void json_days(StoreIndex &store) {
         const size_t before = store.unreadable().size();
         const VideoTotals v = video_totals(store, day);
         const auto audio = store.audio(day);
-        int64_t seconds = 0;
-        for (const HourIndex &h : audio)
-            seconds += static_cast<int64_t>(h.keys.size());
+        const int64_t seconds = summarize(audio).keys; // a key per second of sound
         const size_t events = store.events(day).size();
         days.push_back({{"day", day_name(day)},
                         {"start", moment(day)},
@@ -195,22 +200,13 @@ void json_day(StoreIndex &store, long day) {
             continue;
         }
         if (hours.empty()) continue;
-        int64_t keys = 0, bytes = 0;
-        int first = 0, last = 0;
-        for (const HourIndex &h : hours) {
-            keys += static_cast<int64_t>(h.keys.size());
-            if (h.streamBytes > 0) bytes += h.streamBytes;
-            if (!h.keys.empty()) {
-                if (!first) first = h.keys.front().sec;
-                last = h.keys.back().sec;
-            }
-        }
+        const ChannelSummary c = summarize(hours);
         video.push_back({{"ch", ch},
                          {"hours", hours_json(hours)},
-                         {"key_frames", keys},
-                         {"bytes", bytes},
-                         {"first_key_frame", moment(first)},
-                         {"last_key_frame", moment(last)}});
+                         {"key_frames", c.keys},
+                         {"bytes", c.bytes},
+                         {"first_key_frame", moment(c.first)},
+                         {"last_key_frame", moment(c.last)}});
     }
     size_t before = store.unreadable().size();
     const auto audio = store.audio(day);
@@ -218,15 +214,11 @@ void json_day(StoreIndex &store, long day) {
     if (const char *bad = unreadable_since(store, before)) {
         sound = {{"unreadable", bad}};
     } else {
-        int64_t seconds = 0, bytes = 0;
-        for (const HourIndex &h : audio) {
-            seconds += static_cast<int64_t>(h.keys.size());
-            if (h.streamBytes > 0) bytes += h.streamBytes;
-        }
+        const ChannelSummary a = summarize(audio); // a key per second of sound
         sound = {{"hours", hours_json(audio)},
-                 {"seconds", seconds},
+                 {"seconds", a.keys},
                  {"channels", store.audio_channels(day)},
-                 {"bytes_per_channel", bytes}};
+                 {"bytes_per_channel", a.bytes}};
     }
     before = store.unreadable().size();
     const auto events = store.events(day);

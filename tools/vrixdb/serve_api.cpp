@@ -88,20 +88,11 @@ void events(ServeConfig &config, const httplib::Request &req, httplib::Response 
     const auto types = parse_types(p.text("type").value_or("all"));
     if (!types) throw BadRequest{"type: event types as in motion,alarm or codes, or all"};
     const int limit = p.integer("limit", 1, 5000, 200);
-    uint32_t lo = 0, hi = 0;
-    int withCh0 = 0;
-    for (int ch : *channels) {
-        if (ch == 0)
-            withCh0 = 1;
-        else if (ch <= 32)
-            lo |= 1u << (ch - 1);
-        else
-            hi |= 1u << (ch - 33);
-    }
+    const ChannelMasks m = channel_masks(*channels);
     std::tm start = local_fields(*from);
     const std::unique_ptr<EventQueryContext, void (*)(EventQueryContext *)> q(
-        vrix_db_open_get_event(&start, lo, hi, withCh0, *types, config.root.c_str(), kEventPage, 0,
-                               0),
+        vrix_db_open_get_event(&start, m.lo, m.hi, m.withCh0, *types, config.root.c_str(),
+                               kEventPage, 0, 0),
         vrix_db_close_get_event);
     std::vector<EventRecord> got;
     bool more = false, done = !q;
