@@ -145,7 +145,7 @@ std::optional<long> explicit_offset(std::string &s, bool &ok) {
         return 0L;
     }
     if (s.size() < 17 || (s[s.size() - 6] != '+' && s[s.size() - 6] != '-')) return std::nullopt;
-    int h, m;
+    int h = 0, m = 0;
     const size_t at = s.size() - 6;
     ok = s[at + 3] == ':' && digits(s, at + 1, 2, h) && digits(s, at + 4, 2, m) && h <= 14 &&
          m <= 59;
