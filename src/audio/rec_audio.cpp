@@ -159,11 +159,12 @@ bool open_hour_files(AudioRecContext &c, const char *audio_dir, int hour) {
 }
 
 // Steps of a block that opens a new hour; false when the block is not stored.
-bool new_hour(AudioRecContext &c, const std::tm &tm, bool date_changed, uint32_t w) {
+bool new_hour(AudioRecContext &c, int t, const std::tm &tm, bool date_changed, uint32_t w) {
     c.iPacing = 1;
     c.iPacedWord = static_cast<int>(w);
     c.iHour = tm.tm_hour;
     c.iLastSec = 0; // the hour's first block is always indexed
+    const bool first_hour = c.strDay[0] == '\0';
     Path day, audio;
     if (date_changed) {
         day_name(c.strDay, tm);
@@ -181,6 +182,23 @@ bool new_hour(AudioRecContext &c, const std::tm &tm, bool date_changed, uint32_t
     }
     c.iSqlLen = c.iSqlRows = 0;
     open_hour_db(c, audio.text, tm.tm_hour);
+    if (first_hour) {
+        const char *root = c.strRoot;
+        const IndexPlace place{[root](Path &p, const char *d) {
+                                   Path dir;
+                                   return writer_audio_dir(dir, root, d) &&
+                                          dir_audio_db(p, dir.text);
+                               },
+                               [root](Path &p, const char *d, int h) {
+                                   Path dir, first;
+                                   return writer_audio_dir(dir, root, d) &&
+                                          dir_channel(first, dir.text, 1) &&
+                                          dir_stream(p, first.text, h);
+                               },
+                               false};
+        catch_up_previous_hour(place, c.pAudioDb, c.strDay, day_start(t, tm), tm.tm_hour,
+                               audio_mutex());
+    }
     return open_hour_files(c, audio.text, tm.tm_hour);
 }
 
@@ -289,7 +307,7 @@ extern "C" void vrix_db_rec_audio(AudioRecContext *ctx, const void *block) {
         }
     } else {
         note_live_hour(ctx, 0, ctx->strRoot, day_start(t, tm), tm.tm_hour);
-        if (!new_hour(*ctx, tm, date_changed, w)) return;
+        if (!new_hour(*ctx, t, tm, date_changed, w)) return;
     }
     // An hour file's times never go back: resume and repair read a time below
     // the one before as the end of the valid records.

@@ -69,10 +69,4 @@ int run_program(const char *const argv[], bool quiet = false);
 // True when the sqlite3 shell can be started and exits cleanly.
 bool shell_runs();
 
-// Makes hour `hour` of a sound index `db` (no lock taken) agree with its
-// stream file `fp`: rows from the newest one whose record agrees on are
-// replaced by a row per key frame (video) or second (audio) of the whole
-// valid records there; the file is only read.
-void reconcile_hour(SqlHandle db, FILE *fp, int hour, bool video);
-
 } // namespace vrix

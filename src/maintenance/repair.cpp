@@ -6,6 +6,7 @@
 #include "core/file_io.h"
 #include "core/pacing.h"
 #include "maintenance.h"
+#include "media/record_scan.h"
 #include "store/format.h"
 #include "store/log.h"
 #include "store/paths.h"
@@ -164,7 +165,7 @@ void reconcile_index(const IndexKind &k, const char *dir) {
         int listed;
         if (!k.stream(stream, dir, h) || !index.value(holder.t, q.text, listed)) continue;
         File fp(io::open_file(stream.text, "rb"));
-        if (fp) reconcile_hour(index.get(), fp.get(), h, k.video);
+        if (fp) reconcile_hour(index.get(), fp.get(), h, k.video, nullptr);
     }
 }
 

@@ -4,8 +4,10 @@
 #pragma once
 
 #include "core/store_access.h"
+#include "store/paths.h"
 
 #include <cstdio>
+#include <functional>
 
 namespace vrix {
 
@@ -61,6 +63,28 @@ struct ScanEnd {
 // row in H are created when missing.  Returns where the records end and the last time.
 ScanEnd index_from(FILE *fp, long long from, long long size, int hour, bool video,
                    pthread_mutex_t *m, SqlHandle db);
+
+// Makes hour `hour` of a sound index `db` agree with its stream file `fp`,
+// each query under `m` (null: no lock): rows from the newest one whose record
+// agrees on are replaced by a row per key frame (video) or second (audio) of
+// the whole valid records there.  The file is only read.
+void reconcile_hour(SqlHandle db, FILE *fp, int hour, bool video, pthread_mutex_t *m);
+
+// Where a kind of index lies: its database of a day, and the stream file
+// that hour `hour` of it follows (audio: the first channel's).
+struct IndexPlace {
+    std::function<bool(Path &, const char *day)> db;
+    std::function<bool(Path &, const char *day, int hour)> stream;
+    bool video;
+};
+
+// A process that ended uncleanly may leave whole records on disk whose rows
+// it had not committed.  A writer re-indexes the hour it resumes; before its
+// first hour in a context it also calls this, which reconciles the newest hour
+// before `hour` that `db` (the index of `day`, starting at `day_start`) lists,
+// or, when it lists none, the newest hour of the day before.  Queries under `m`.
+void catch_up_previous_hour(const IndexPlace &place, SqlHandle db, const char *day, int day_start,
+                            int hour, pthread_mutex_t *m);
 
 // Where the whole valid records from `from` up to `size` end, nothing indexed.
 ScanEnd scan_end(FILE *fp, long long from, long long size, int hour, bool video);

@@ -281,6 +281,7 @@ extern "C" void vrix_db_rec_video(RecContext *ctx, const void *frame, int size) 
         if (!f.key) return;
         c.iWaitKey = 0;
     }
+    const bool first_hour = c.iYear == 0;
     if (c.iYear == 0 || c.iYear != tm.tm_year || c.iMon != tm.tm_mon || c.iMday != tm.tm_mday) {
         if (c.iYear != 0) {
             keep_pending_table(c);
@@ -300,6 +301,16 @@ extern "C" void vrix_db_rec_video(RecContext *ctx, const void *frame, int size) 
         c.HourMsg.mtext[2] = static_cast<unsigned char>(tm.tm_hour);
         put_message_word(c.HourMsg, 4, start);
         send_message(g_iSubmitMq, c.HourMsg);
+        if (first_hour) {
+            const char *root = ctx->strRoot;
+            const IndexPlace video{
+                [&](Path &p, const char *d) { return writer_video_db(p, root, d, n); },
+                [&](Path &p, const char *d, int h) {
+                    return writer_video_stream(p, root, d, n, h);
+                },
+                true};
+            catch_up_previous_hour(video, c.pVideoDb, day, start, tm.tm_hour, video_mutex(n));
+        }
         if (!open_hour(*ctx, c, n, day, tm.tm_hour, f.key)) return;
     }
     if (!c.fpStream) return;

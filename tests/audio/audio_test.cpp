@@ -54,11 +54,7 @@ class Audio : public ::testing::Test {
         rec = nullptr;
     }
     void register_day(int day) {
-        sqlite3 *db = nullptr;
-        sqlite3_open((dir / "date.db").c_str(), &db);
-        sqlite3_exec(db, ("insert into H values(" + std::to_string(day) + ");").c_str(), nullptr,
-                     nullptr, nullptr);
-        sqlite3_close(db);
+        exec(dir / "date.db", "insert into H values(" + std::to_string(day) + ");");
     }
     // `per_second` blocks for every second of [from, from + seconds).
     void record_span(int from, int seconds, int per_second = 4) {
@@ -220,6 +216,31 @@ TEST_F(Audio, ReopenKeepsEveryRecordAndALostIndexIsRebuilt) {
     record_span(kHour10 + 10, 1, 2);
     vrix_db_rec_audio_flush(rec);
     expect_all_kept();
+}
+
+// Rows that waited when the process ended are indexed by a writer that starts
+// in a later hour, whether that hour is of the same day or of the next.
+TEST_F(Audio, WriterStartingInALaterHourIndexesTheHourLeftBehind) {
+    record_span(kDay - 3600, 3, 1);    // 2024-03-09, hour 23
+    record_span(kHour10 - 3600, 3, 1); // hour 9
+    close();
+    for (const char *day : {"20240309", "20240310"}) {
+        ASSERT_EQ(rows(audio_db(day), "select count(*) from H").size(), 1u) << day;
+        exec(audio_db(day), "delete from h" + std::string(day[7] == '9' ? "23" : "9"));
+    }
+    open(3);
+    record_span(kHour10, 1, 1);
+    EXPECT_EQ(rows(audio_db(), "select sec,offset from h9"),
+              (std::vector<std::string>{std::to_string(kHour10 - 3600) + ",0",
+                                        std::to_string(kHour10 - 3599) + ",60",
+                                        std::to_string(kHour10 - 3598) + ",120"}));
+    EXPECT_TRUE(rows(audio_db("20240309"), "select sec from h23").empty())
+        << "only the newest hour before is looked at";
+    close();
+    ASSERT_EQ(std::remove(audio_db().c_str()), 0);
+    open(3);
+    record_span(kHour10 + 5, 1, 1); // the day has no hour before: the day before
+    EXPECT_EQ(rows(audio_db("20240309"), "select sec from h23").size(), 3u);
 }
 
 // One empty file: every channel starts over at 0 and the hour's old rows go.

@@ -68,14 +68,6 @@ inline void write_file(const std::string &path, const Bytes &bytes, bool append 
     out.write(reinterpret_cast<const char *>(bytes.data()), std::streamsize(bytes.size()));
 }
 
-// Runs SQL text on a database file, creating it.
-inline void exec(const std::string &db, const std::string &sql) {
-    sqlite3 *h = nullptr;
-    sqlite3_open(db.c_str(), &h);
-    EXPECT_EQ(sqlite3_exec(h, sql.c_str(), nullptr, nullptr, nullptr), SQLITE_OK) << sql;
-    sqlite3_close(h);
-}
-
 // A key frame and another frame at each second, per channel.
 inline void record_video(const std::string &root, const std::map<int, std::vector<int>> &secs) {
     RecContext *ctx = vrix_db_open_rec_video(root.c_str(), 17);

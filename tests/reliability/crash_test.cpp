@@ -435,7 +435,7 @@ TEST_F(CrashHarness, KillsLoseOnlyTheWriteBehindBuffers) {
     // the kill that ended its recorder, or, for the non-key frames a resume
     // drops while it waits for a key frame, to the kill before.  A frame that
     // a kill left protected must never be missing.
-    uint64_t missing = 0, missing_hour_head = 0, stranded = 0;
+    uint64_t missing = 0, stranded = 0;
     std::vector<uint64_t> lost(runs.size(), 0);
     for (int ch = 1; ch <= kChannels; ++ch) {
         const std::vector<uint32_t> &got = all.delivered.at(ch);
@@ -462,13 +462,7 @@ TEST_F(CrashHarness, KillsLoseOnlyTheWriteBehindBuffers) {
                 }
                 const auto kept = is_protected[ch].find(r);
                 if (kept != is_protected[ch].end() && kept->second) {
-                    // Known defect, not yet understood: now and then the
-                    // first frames of an hour go missing (seen once in
-                    // several CI runs, never in 200-kill runs).  Counted
-                    // apart so that every other loss still fails.
-                    const bool hour_head = round_sec(r) - hour_start(round_sec(r)) < 40;
-                    ++(hour_head ? missing_hour_head : missing);
-                    if (missing + missing_hour_head <= 10)
+                    if (++missing <= 10)
                         std::printf("ch%d: frame of round %u was lost after a kill left it "
                                     "protected\n",
                                     ch, r);
@@ -535,9 +529,6 @@ TEST_F(CrashHarness, KillsLoseOnlyTheWriteBehindBuffers) {
     RecordProperty("lost_per_kill_max", static_cast<int>(lost_max));
     EXPECT_EQ(wrong, 0u);
     EXPECT_EQ(missing, 0u);
-    if (missing_hour_head)
-        std::printf("known defect: %llu protected frames missing at the start of an hour\n",
-                    static_cast<unsigned long long>(missing_hour_head));
     EXPECT_EQ(stranded, 0u);
     EXPECT_EQ(events_missing, 0u);
     EXPECT_EQ(bad_rows + bad_records, 0u);

@@ -1,5 +1,6 @@
 #include "frames.h"
 
+#include <gtest/gtest.h>
 #include <sqlite3.h>
 
 #include <fstream>
@@ -58,6 +59,13 @@ std::vector<std::string> rows(const std::string &db, const std::string &sql) {
     }
     sqlite3_close(h);
     return out;
+}
+
+void exec(const std::string &db, const std::string &sql) {
+    sqlite3 *h = nullptr;
+    sqlite3_open(db.c_str(), &h);
+    EXPECT_EQ(sqlite3_exec(h, sql.c_str(), nullptr, nullptr, nullptr), SQLITE_OK) << sql;
+    sqlite3_close(h);
 }
 
 } // namespace vrix::test

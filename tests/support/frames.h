@@ -46,4 +46,7 @@ std::tm local_tm(long long sec);
 // Rows of a query as text, one string per row with columns joined by ",".
 std::vector<std::string> rows(const std::string &db, const std::string &sql);
 
+// Runs SQL text on a database file, creating it; a failure fails the test.
+void exec(const std::string &db, const std::string &sql);
+
 } // namespace vrix::test

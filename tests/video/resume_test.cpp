@@ -209,4 +209,31 @@ TEST_F(RecVideo, ClockSetBackIntoAnHourWithWaitingRows) {
     EXPECT_EQ(offsets(video_db(1), 11), "0");
 }
 
+// A process that ended before the first commit of its hour left whole frames
+// that no row names, and playback skips an hour without rows.  A writer that
+// starts in a later hour indexes them: in the same day, or across midnight.
+TEST_F(RecVideo, WriterStartingInALaterHourIndexesTheHourLeftBehind) {
+    struct Case {
+        int ch, sec, next, hour;
+        const char *day;
+    };
+    for (const Case &k : {Case{5, kHour10, kHour10 + 2 * 3600, 10, "20240310"},
+                          Case{6, kDay - 3600, kDay + 600, 23, "20240309"}}) {
+        for (const Bytes &f :
+             {make_frame(k.ch, k.sec, true, 300, 2), make_frame(k.ch, k.sec, false, 80, 2),
+              make_frame(k.ch, k.sec + 1, true, 300, 2)})
+            record(ctx, f);
+        close(); // scale 2: the rows still waited, the hour has no table
+        const std::string h = std::to_string(k.hour);
+        exec(video_db(k.ch, k.day), "create table if not exists H(hour int);"
+                                    "insert into H select " +
+                                        h + " where not exists (select 1 from H where hour = " + h +
+                                        ")");
+        ASSERT_TRUE(rows(video_db(k.ch, k.day), "select * from h" + h).empty());
+        open();
+        record(ctx, make_frame(k.ch, k.next, true, 100));
+        EXPECT_EQ(offsets(video_db(k.ch, k.day), k.hour), "0 412") << k.day;
+    }
+}
+
 } // namespace
