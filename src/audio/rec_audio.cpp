@@ -46,10 +46,9 @@ void open_hour_db(AudioRecContext &c, const char *audio_dir, int hour) {
         return;
     }
     sql_submit(c.pAudioDb, sql::kIndexNoSync, "");
-    Sql q;
-    format_into(q.text, sizeof q.text, sql::kCreateIndex, hour);
-    sql_submit(c.pAudioDb, q.text, "");
+    create_hour_table(c.pAudioDb, hour, false);
     sql_submit(c.pAudioDb, sql::kCreateHourH, "");
+    Sql q;
     format_into(q.text, sizeof q.text, sql::kFindHour, hour);
     if (sql_submit(c.pAudioDb, q.text, "%d", &c.pIntResult) <= 0) {
         format_into(q.text, sizeof q.text, sql::kInsertHour, hour);

@@ -104,6 +104,15 @@ void ensure_row(SqlHandle db, const char *find, const char *insert, ResultTable 
     if (submit_busy(db, find, "%d", &holder) <= 0) submit_busy(db, insert);
 }
 
+void create_hour_table(SqlHandle db, int hour, bool in_order) {
+    Sql q;
+    format_into(q.text, sizeof q.text, sql::kCreateIndex, hour);
+    const bool made = sql_submit(db, q.text, "") >= 0;
+    if (!made && !in_order) return;
+    format_into(q.text, sizeof q.text, sql::kCreateSecIndex, hour, hour);
+    sql_submit(db, q.text, "");
+}
+
 void ensure_day(SqlHandle date_db, int day, ResultTable &holder) {
     Sql find, insert;
     format_into(find.text, sizeof find.text, sql::kFindDay, day);

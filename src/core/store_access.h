@@ -142,6 +142,11 @@ int submit_busy(SqlHandle db, const char *sql, const char *format = "",
 // Requires: the mutex of `db` held.
 void ensure_row(SqlHandle db, const char *find, const char *insert, ResultTable &holder);
 
+// Creates the table of hour `hour` (a table that exists stays as it is) and,
+// when the table is new or `in_order` says that all its rows were just made
+// from the stream file, its index on the times.
+void create_hour_table(SqlHandle db, int hour, bool in_order);
+
 // The day (a local midnight) in date.db's H, found or added.
 // Requires: the date mutex held.
 void ensure_day(SqlHandle date_db, int day, ResultTable &holder);

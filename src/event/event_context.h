@@ -24,10 +24,9 @@ constexpr size_t kChFilterSize = 640;
 constexpr size_t kTypeFilterSize = 96;
 constexpr size_t kEventSqlSize = 768;
 
-// Closes `db` and opens `path` into it under one hold of the event mutex;
-// when the open succeeds and `then` is given, submits it under the same hold.
+// Closes `db` and opens `path` into it under one hold of the event mutex.
 // False (and `db` empty) when the open failed.
-bool reopen_event_db(SqlHandle &db, const char *path, const char *then);
+bool reopen_event_db(SqlHandle &db, const char *path);
 
 } // namespace vrix
 

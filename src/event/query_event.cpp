@@ -89,9 +89,13 @@ bool day_positions(EventQueryContext &c, Db &db, const std::tm &day, int &startP
     if (!db.open(p.text)) return false;
     int last = 0;
     if (!db.value(c.pIntResult, sql::kEventLastId, last) || last == 0) return false;
+    // Times kept in order carry an index, through which the position is found.
+    int by_sec = 0;
+    if (!db.value(c.pIntResult, sql::kEventSecIndexExists, by_sec)) by_sec = 0;
+    const char *up_to = by_sec ? sql::kEventLastIdUpToBySec : sql::kEventLastIdUpTo;
+    const char *from = by_sec ? sql::kEventFirstIdFromBySec : sql::kEventFirstIdFrom;
     Sql q;
-    format_into(q.text, sizeof q.text,
-                c.iDirection < 0 ? sql::kEventLastIdUpTo : sql::kEventFirstIdFrom, store_sec(sec));
+    format_into(q.text, sizeof q.text, c.iDirection < 0 ? up_to : from, store_sec(sec));
     int first = 0;
     if (!db.value(c.pIntResult, q.text, first)) return false;
     endPos = last;

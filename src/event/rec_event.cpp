@@ -17,7 +17,7 @@
 
 namespace vrix {
 
-bool reopen_event_db(SqlHandle &db, const char *path, const char *then) {
+bool reopen_event_db(SqlHandle &db, const char *path) {
     SqlLock hold(event_mutex());
     if (db) sql_close(db);
     db = nullptr;
@@ -25,7 +25,6 @@ bool reopen_event_db(SqlHandle &db, const char *path, const char *then) {
         db = nullptr;
         return false;
     }
-    if (then) sql_submit(db, then, "");
     return true;
 }
 
@@ -36,9 +35,23 @@ constexpr int kMinuteType = 8;
 // Opens a day database as the context's day; prints "<who> : open sqlite fail"
 // when it cannot be had (a null path is a name that did not fit).
 int open_day(EventRecContext &ctx, const char *path, const char *who) {
-    if (reopen_event_db(ctx.pEventDb, path, sql::kCreateEvents)) return 1;
-    log_line("%s : open sqlite fail\n", who);
-    return 0;
+    if (!reopen_event_db(ctx.pEventDb, path)) {
+        log_line("%s : open sqlite fail\n", who);
+        return 0;
+    }
+    SqlLock hold(event_mutex());
+    if (sql_submit(ctx.pEventDb, sql::kCreateEvents, "") >= 0)
+        sql_submit(ctx.pEventDb, sql::kCreateEventSecIndex, "");
+    return 1;
+}
+
+// An event stamped before the day's latest breaks the time order the index
+// on the times stands for: the index goes.  The caller holds the mutex.
+void keep_time_order(SqlHandle db, int sec, ResultTable &holder) {
+    int indexed = 0, latest = 0;
+    if (query_int(nullptr, db, sql::kEventSecIndexExists, holder, indexed) && indexed &&
+        query_int(nullptr, db, sql::kEventLatestSec, holder, latest) && sec < latest)
+        sql_submit(db, sql::kDropEventSecIndex, "");
 }
 
 } // namespace
@@ -121,7 +134,9 @@ extern "C" int db_insert_event(EventRecContext *ctx, int, int, struct tm *, time
     if (!ctx || !ctx->pEventDb) return -2;
     Sql q;
     format_into(q.text, sizeof q.text, sql::kInsertEvent, static_cast<int>(sec), ch, type);
-    return submit_locked(event_mutex(), ctx->pEventDb, q.text);
+    SqlLock hold(event_mutex());
+    keep_time_order(ctx->pEventDb, static_cast<int>(sec), ctx->pIntResult);
+    return sql_submit(ctx->pEventDb, q.text, "");
 }
 
 extern "C" int db_create_event(EventRecContext *ctx, const char *dir) {

@@ -98,12 +98,19 @@ int locate_in_day(typename Media::Context &c, Db &day, std::tm *t, int *pos, int
     if (!Media::stream(p, c, *t, t->tm_hour) || !(stream = File(io::open_file(p.text, "rb"))))
         return 0;
 
+    // A table with its index on the times is searched through it.
+    format_into(q.text, sizeof q.text, sql::kSecIndexExists, t->tm_hour);
+    int by_sec = 0;
+    if (!day.value(c.pIntResult, q.text, by_sec)) by_sec = 0;
+    const char *id_up_to = by_sec ? sql::kIdUpToBySec : sql::kIdUpTo;
+    const char *id_from = by_sec ? sql::kIdFromBySec : sql::kIdFrom;
+
     // The last row to play: up to the end time when it lies in this hour.
     const std::tm e = fields_of(c.iEndSec);
     const bool end_here = e.tm_year == t->tm_year && e.tm_mon == t->tm_mon &&
                           e.tm_mday == t->tm_mday && e.tm_hour == t->tm_hour;
     if (end_here)
-        format_into(q.text, sizeof q.text, sql::kIdUpTo, t->tm_hour, c.iEndSec);
+        format_into(q.text, sizeof q.text, id_up_to, t->tm_hour, c.iEndSec);
     else
         format_into(q.text, sizeof q.text, sql::kLastId, t->tm_hour);
     int last;
@@ -119,7 +126,7 @@ int locate_in_day(typename Media::Context &c, Db &day, std::tm *t, int *pos, int
     // The position: the first row at or after the time (forward), the last
     // at or before it (backward); with a hint, near the hinted row.
     if (c.iHintPos == -1) {
-        format_into(q.text, sizeof q.text, fwd ? sql::kIdFrom : sql::kIdUpTo, t->tm_hour, *sec);
+        format_into(q.text, sizeof q.text, fwd ? id_from : id_up_to, t->tm_hour, *sec);
     } else {
         const int hint = c.iHintPos;
         c.iHintPos = -1;

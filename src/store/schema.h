@@ -29,6 +29,14 @@ inline constexpr char kInsertHourOnce[] =
     "insert into H select %d where not exists (select 1 from H where hour = %d);";
 inline constexpr char kCreateIndex[] =
     "create table h%d(id integer primary key , sec int,offset int);";
+// An hour table made by this library holds its rows in time order (the
+// writers refuse times going back, the scan ends at one), and gets an index
+// on its times: with it the first row at or after a time is found without a
+// walk of the table.  Tables without it (older stores) are searched with the
+// plain statements, which give the same row when the times are in order.
+inline constexpr char kCreateSecIndex[] = "create index if not exists h%d_sec on h%d(sec);";
+inline constexpr char kSecIndexExists[] =
+    "select count(*) from sqlite_master where type='index' and name='h%d_sec';";
 inline constexpr char kInsertIndex[] = "insert into h%d values(NULL,%d,%lld);";
 inline constexpr char kResumeOffset[] = "select max(offset) from h%d where offset < %lld;";
 inline constexpr char kAudioResumeOffset[] = "select max(offset) from h%d where offset <= %lld;";
@@ -53,6 +61,10 @@ inline constexpr char kHourUpTo[] = "select max(hour) from H where hour <= %d";
 inline constexpr char kLastId[] = "select max(id) from h%d;";
 inline constexpr char kIdUpTo[] = "select max(id) from h%d where sec <= %d;";
 inline constexpr char kIdFrom[] = "select min(id) from h%d where sec >= %d;";
+inline constexpr char kIdUpToBySec[] =
+    "select id from h%d where sec <= %d order by sec desc, id desc limit 1;";
+inline constexpr char kIdFromBySec[] =
+    "select id from h%d where sec >= %d order by sec, id limit 1;";
 inline constexpr char kHintSecFrom[] = "select min(sec) from h%d where sec >= %d and id >= %d;";
 inline constexpr char kHintIdFrom[] = "select id from h%d where sec = %d and id >= %d limit 1;";
 inline constexpr char kHintSecUpTo[] = "select max(sec) from h%d where sec <= %d and id <= %d;";
@@ -78,6 +90,20 @@ inline constexpr char kEventPageBackward[] =
 inline constexpr char kEventLastId[] = "select max(id) from h_all;";
 inline constexpr char kEventFirstIdFrom[] = "select min(id) from h_all where sec >= %d;";
 inline constexpr char kEventLastIdUpTo[] = "select max(id) from h_all where sec <= %d;";
+// The events' times get an index as the hour tables' do, made with a new
+// h_all; it stays only while the times never go back in id order (an event
+// stamped before the day's latest drops it).  The day is then searched with
+// the plain statements.
+inline constexpr char kCreateEventSecIndex[] =
+    "create index if not exists h_all_sec on h_all(sec);";
+inline constexpr char kDropEventSecIndex[] = "drop index if exists h_all_sec;";
+inline constexpr char kEventSecIndexExists[] =
+    "select count(*) from sqlite_master where type='index' and name='h_all_sec';";
+inline constexpr char kEventLatestSec[] = "select max(sec) from h_all;";
+inline constexpr char kEventFirstIdFromBySec[] =
+    "select id from h_all where sec >= %d order by sec, id limit 1;";
+inline constexpr char kEventLastIdUpToBySec[] =
+    "select id from h_all where sec <= %d order by sec desc, id desc limit 1;";
 
 // transactions
 inline constexpr char kBegin[] = "BEGIN TRANSACTION;";

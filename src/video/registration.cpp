@@ -23,8 +23,7 @@ void register_channel_day(RecContext &ctx, int n, int day) {
 
 void prepare_hour(RecContext &ctx, SqlHandle db, int hour) {
     Sql q, insert;
-    format_into(q.text, sizeof q.text, sql::kCreateIndex, hour);
-    sql_submit(db, q.text, "");
+    create_hour_table(db, hour, false);
     format_into(q.text, sizeof q.text, sql::kFindHour, hour);
     format_into(insert.text, sizeof insert.text, sql::kInsertHour, hour);
     ensure_row(db, q.text, insert.text, ctx.pOffsetResult);

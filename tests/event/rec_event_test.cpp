@@ -54,6 +54,35 @@ TEST_F(Recording, StampsRowsRegistersDaysAndSwitchesAtMidnight) {
               (Rows{{day}, {next}}));
 }
 
+// A day's times get an index while they stay in order; an event stamped
+// before the day's latest drops it, and the first page is the same either way:
+// it starts at the first event recorded at or after the time.
+TEST_F(Recording, TimesIndexedWhileInOrder) {
+    auto indexed = [&] {
+        return read_rows(db_of(day), "select count(*) from sqlite_master where name = 'h_all_sec';",
+                         1);
+    };
+    auto first_secs = [&](int from) {
+        std::tm tm{};
+        sec_to_tm(&tm, from);
+        EventQueryContext *q =
+            vrix_db_open_get_event(&tm, 0xFFFFu, 0, 0, 0x7F, dir.path().c_str(), 10, 0, 0);
+        std::vector<int> secs;
+        const int n = vrix_db_next_event(q);
+        for (int i = 0; i < n; ++i)
+            secs.push_back(vrix_db_get_event(q)[i].iSec - day);
+        vrix_db_close_get_event(q);
+        return secs;
+    };
+    record(day + 100, 1, 1);
+    record(day + 200, 1, 1);
+    EXPECT_EQ(indexed(), (Rows{{1}}));
+    EXPECT_EQ(first_secs(day + 150), (std::vector<int>{200}));
+    record(day + 150, 1, 1);
+    EXPECT_EQ(indexed(), (Rows{{0}}));
+    EXPECT_EQ(first_secs(day + 120), (std::vector<int>{200, 150}));
+}
+
 // A day whose database cannot be opened loses its events, reported once; the
 // day is still registered and the next day records again.
 TEST_F(Recording, LostDayIsReportedOnceAndTheNextDayRecovers) {

@@ -66,7 +66,8 @@ inline std::vector<Planned> plan(std::mt19937 &rng, int day) {
              : gap_kind == 2 ? pick(3600, 3 * 3600)
              : gap_kind == 3 ? pick(86400, 2 * 86400)
                              : 0;
-        if (pick(0, 1)) t += (3600 - t % 3600) - pick(1, 20); // just before an hour
+        // Just before an hour; never back in time, which the writer refuses.
+        if (pick(0, 1)) t = std::max(t, t + (3600 - t % 3600) - pick(1, 20));
         const int fps = std::vector<int>{1, 2, 5}[static_cast<size_t>(pick(0, 2))];
         const int every = pick(1, 10);
         const int count = pick(10, 300);
