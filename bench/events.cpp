@@ -80,7 +80,7 @@ int fill_day(const std::string &root, std::mt19937 &rng) {
     const auto t0 = Clock::now();
     constexpr int kRecorded = 200;
     for (int i = 0; i < kRecorded; ++i) {
-        g_now = day + 1 + i * 86400 / kEvents;
+        g_now = day + (i + 1) * 86400 / kEvents; // in time order with the batch below
         vrix_db_rec_event(rec, 1 + static_cast<int>(rng() % 64), 1 << (rng() % 7), 0, 0);
     }
     std::printf("recorder: %d events one by one              %8.3f ms per event\n", kRecorded,
@@ -117,7 +117,7 @@ void statements(const std::string &path, int day, int samples, std::mt19937 &rng
     ResultTable cols[4];
     for (ResultTable &c : cols)
         c = vrix::make_holder(kPage, vrix::kIntCell);
-    std::vector<double> scan, pagestmt;
+    std::vector<double> scan, seek, pagestmt;
     char sql[768];
     for (int i = 0; i < samples; ++i) {
         const int start = day + static_cast<int>(rng() % 86400);
@@ -125,6 +125,16 @@ void statements(const std::string &path, int day, int samples, std::mt19937 &rng
         auto t0 = Clock::now();
         sql_submit(db, sql, "%d", &one);
         scan.push_back(ms_since(t0));
+        // The library's way with the index: lateness, nearest time, range.
+        t0 = Clock::now();
+        int late = 0, near = start;
+        sql_submit(db, vrix::sql::kEventLateness, "%d", &one);
+        vrix::holder_int(one, late);
+        std::snprintf(sql, sizeof sql, vrix::sql::kEventSecFrom, start);
+        if (sql_submit(db, sql, "%d", &one) > 0) vrix::holder_int(one, near);
+        std::snprintf(sql, sizeof sql, vrix::sql::kEventFirstIdIn, start, near + late);
+        sql_submit(db, sql, "%d", &one);
+        seek.push_back(ms_since(t0));
         int id = 1;
         vrix::holder_int(one, id);
         std::snprintf(sql, sizeof sql, vrix::sql::kEventPageForward,
@@ -134,6 +144,7 @@ void statements(const std::string &path, int day, int samples, std::mt19937 &rng
         pagestmt.push_back(ms_since(t0));
     }
     print("  start id: min(id) where sec >= t", scan);
+    print("  start id through the index on times", seek);
     print("  one page statement, 100 of the filter", pagestmt);
     db_free_sqlite(one, 1);
     for (ResultTable c : cols)

@@ -79,6 +79,29 @@ int store_sec(time_t t) {
 
 // ---- store access ----
 
+// The first id at or after `sec` (backward: the last at or before it); false
+// when there is none or the store failed.  A day with the index on the times
+// is searched through it, within the day's lateness of the time found there.
+bool first_position(EventQueryContext &c, const Db &db, int sec, int &id) {
+    const bool back = c.iDirection < 0;
+    Sql q;
+    int indexed = 0, late = 0, near = 0;
+    if (!db.value(c.pIntResult, sql::kEventSecIndexExists, indexed) || !indexed ||
+        !db.value(c.pIntResult, sql::kEventLateness, late) || late < 0) {
+        format_into(q.text, sizeof q.text, back ? sql::kEventLastIdUpTo : sql::kEventFirstIdFrom,
+                    sec);
+        return db.value(c.pIntResult, q.text, id);
+    }
+    format_into(q.text, sizeof q.text, back ? sql::kEventSecUpTo : sql::kEventSecFrom, sec);
+    if (!db.value(c.pIntResult, q.text, near)) return false;
+    const long long lo = back ? static_cast<long long>(near) - late : sec;
+    const long long hi = back ? sec : static_cast<long long>(near) + late;
+    format_into(q.text, sizeof q.text, back ? sql::kEventLastIdIn : sql::kEventFirstIdIn,
+                static_cast<int>(std::max<long long>(lo, INT_MIN)),
+                static_cast<int>(std::min<long long>(hi, INT_MAX)));
+    return db.value(c.pIntResult, q.text, id);
+}
+
 // The last id of the day of `day` and the first (forward) or last (backward)
 // at `sec`, through `db`, which is left open on success.  A day without an
 // event.db has no events; the file is not created here.
@@ -89,15 +112,8 @@ bool day_positions(EventQueryContext &c, Db &db, const std::tm &day, int &startP
     if (!db.open(p.text)) return false;
     int last = 0;
     if (!db.value(c.pIntResult, sql::kEventLastId, last) || last == 0) return false;
-    // Times kept in order carry an index, through which the position is found.
-    int by_sec = 0;
-    if (!db.value(c.pIntResult, sql::kEventSecIndexExists, by_sec)) by_sec = 0;
-    const char *up_to = by_sec ? sql::kEventLastIdUpToBySec : sql::kEventLastIdUpTo;
-    const char *from = by_sec ? sql::kEventFirstIdFromBySec : sql::kEventFirstIdFrom;
-    Sql q;
-    format_into(q.text, sizeof q.text, c.iDirection < 0 ? up_to : from, store_sec(sec));
     int first = 0;
-    if (!db.value(c.pIntResult, q.text, first)) return false;
+    if (!first_position(c, db, store_sec(sec), first)) return false;
     endPos = last;
     startPos = first;
     return true;

@@ -45,13 +45,17 @@ int open_day(EventRecContext &ctx, const char *path, const char *who) {
     return 1;
 }
 
-// An event stamped before the day's latest breaks the time order the index
-// on the times stands for: the index goes.  The caller holds the mutex.
-void keep_time_order(SqlHandle db, int sec, ResultTable &holder) {
-    int indexed = 0, latest = 0;
-    if (query_int(nullptr, db, sql::kEventSecIndexExists, holder, indexed) && indexed &&
-        query_int(nullptr, db, sql::kEventLatestSec, holder, latest) && sec < latest)
-        sql_submit(db, sql::kDropEventSecIndex, "");
+// An event stamped before the day's latest raises the day's lateness to how
+// far it went back.  The caller holds the mutex.
+void note_lateness(SqlHandle db, int sec, ResultTable &holder) {
+    int indexed = 0, latest = 0, late = 0;
+    if (!query_int(nullptr, db, sql::kEventSecIndexExists, holder, indexed) || !indexed ||
+        !query_int(nullptr, db, sql::kEventLatestSec, holder, latest) || sec >= latest ||
+        !query_int(nullptr, db, sql::kEventLateness, holder, late) || latest - sec <= late)
+        return;
+    Sql q;
+    format_into(q.text, sizeof q.text, sql::kSetEventLateness, latest - sec);
+    sql_submit(db, q.text, "");
 }
 
 } // namespace
@@ -135,7 +139,7 @@ extern "C" int db_insert_event(EventRecContext *ctx, int, int, struct tm *, time
     Sql q;
     format_into(q.text, sizeof q.text, sql::kInsertEvent, static_cast<int>(sec), ch, type);
     SqlLock hold(event_mutex());
-    keep_time_order(ctx->pEventDb, static_cast<int>(sec), ctx->pIntResult);
+    note_lateness(ctx->pEventDb, static_cast<int>(sec), ctx->pIntResult);
     return sql_submit(ctx->pEventDb, q.text, "");
 }
 

@@ -90,20 +90,28 @@ inline constexpr char kEventPageBackward[] =
 inline constexpr char kEventLastId[] = "select max(id) from h_all;";
 inline constexpr char kEventFirstIdFrom[] = "select min(id) from h_all where sec >= %d;";
 inline constexpr char kEventLastIdUpTo[] = "select max(id) from h_all where sec <= %d;";
-// The events' times get an index as the hour tables' do, made with a new
-// h_all; it stays only while the times never go back in id order (an event
-// stamped before the day's latest drops it).  The day is then searched with
-// the plain statements.
+// The events' times get an index, made with a new h_all.  Events may be
+// stamped before the latest one already stored (a minute event takes the
+// start of its minute), so the database keeps in its user_version D, the
+// furthest any event went back.  Every earlier row then lies at most D after
+// a later one, and the first row at or after a time t (the last at or before
+// it) lies within D of the first (last) time found there through the index:
+// a short range of the index holds it.
 inline constexpr char kCreateEventSecIndex[] =
     "create index if not exists h_all_sec on h_all(sec);";
-inline constexpr char kDropEventSecIndex[] = "drop index if exists h_all_sec;";
 inline constexpr char kEventSecIndexExists[] =
     "select count(*) from sqlite_master where type='index' and name='h_all_sec';";
 inline constexpr char kEventLatestSec[] = "select max(sec) from h_all;";
-inline constexpr char kEventFirstIdFromBySec[] =
-    "select id from h_all where sec >= %d order by sec, id limit 1;";
-inline constexpr char kEventLastIdUpToBySec[] =
-    "select id from h_all where sec <= %d order by sec desc, id desc limit 1;";
+inline constexpr char kEventLateness[] = "PRAGMA user_version;";
+inline constexpr char kSetEventLateness[] = "PRAGMA user_version=%d;";
+inline constexpr char kEventSecFrom[] =
+    "select sec from h_all indexed by h_all_sec where sec >= %d order by sec limit 1;";
+inline constexpr char kEventSecUpTo[] =
+    "select sec from h_all indexed by h_all_sec where sec <= %d order by sec desc limit 1;";
+inline constexpr char kEventFirstIdIn[] =
+    "select min(id) from h_all indexed by h_all_sec where sec >= %d and sec <= %d;";
+inline constexpr char kEventLastIdIn[] =
+    "select max(id) from h_all indexed by h_all_sec where sec >= %d and sec <= %d;";
 
 // transactions
 inline constexpr char kBegin[] = "BEGIN TRANSACTION;";

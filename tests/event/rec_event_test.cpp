@@ -54,33 +54,34 @@ TEST_F(Recording, StampsRowsRegistersDaysAndSwitchesAtMidnight) {
               (Rows{{day}, {next}}));
 }
 
-// A day's times get an index while they stay in order; an event stamped
-// before the day's latest drops it, and the first page is the same either way:
-// it starts at the first event recorded at or after the time.
-TEST_F(Recording, TimesIndexedWhileInOrder) {
-    auto indexed = [&] {
-        return read_rows(db_of(day), "select count(*) from sqlite_master where name = 'h_all_sec';",
-                         1);
-    };
-    auto first_secs = [&](int from) {
+// A day's events get an index on their times, and the day keeps how far an
+// event went back behind the latest (a minute event takes the start of its
+// minute).  The first page starts at the first event recorded at or after the
+// time (backward: the last at or before it), pages running on in store order.
+TEST_F(Recording, TimesIndexedWithTheDaysLateness) {
+    auto pragma = [&](const char *sql) { return read_rows(db_of(day), sql, 1); };
+    auto first_secs = [&](int from, int way) {
         std::tm tm{};
         sec_to_tm(&tm, from);
         EventQueryContext *q =
-            vrix_db_open_get_event(&tm, 0xFFFFu, 0, 0, 0x7F, dir.path().c_str(), 10, 0, 0);
+            vrix_db_open_get_event(&tm, 0xFFFFu, 0, 0, 0x7F, dir.path().c_str(), 3, 0, 0);
         std::vector<int> secs;
-        const int n = vrix_db_next_event(q);
+        const int n = way > 0 ? vrix_db_next_event(q) : vrix_db_pre_event(q);
         for (int i = 0; i < n; ++i)
             secs.push_back(vrix_db_get_event(q)[i].iSec - day);
         vrix_db_close_get_event(q);
         return secs;
     };
-    record(day + 100, 1, 1);
-    record(day + 200, 1, 1);
-    EXPECT_EQ(indexed(), (Rows{{1}}));
-    EXPECT_EQ(first_secs(day + 150), (std::vector<int>{200}));
-    record(day + 150, 1, 1);
-    EXPECT_EQ(indexed(), (Rows{{0}}));
-    EXPECT_EQ(first_secs(day + 120), (std::vector<int>{200, 150}));
+    for (int s : {100, 200, 300, 400})
+        record(day + s, 1, 1);
+    EXPECT_EQ(pragma("select count(*) from sqlite_master where name = 'h_all_sec';"), (Rows{{1}}));
+    EXPECT_EQ(pragma("PRAGMA user_version;"), (Rows{{0}}));
+    record(day + 250, 1, 1);
+    record(day + 390, 1, 1); // less late than the one before
+    EXPECT_EQ(pragma("PRAGMA user_version;"), (Rows{{150}}));
+    EXPECT_EQ(first_secs(day + 220, 1), (std::vector<int>{300, 400, 250}));
+    EXPECT_EQ(first_secs(day + 260, -1), (std::vector<int>{250, 400, 300}));
+    EXPECT_EQ(first_secs(day + 395, -1), (std::vector<int>{390, 250, 400}));
 }
 
 // A day whose database cannot be opened loses its events, reported once; the
