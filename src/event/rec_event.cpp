@@ -11,6 +11,8 @@
 #include "store/paths.h"
 #include "store/schema.h"
 
+#include <algorithm>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -51,10 +53,12 @@ void note_lateness(SqlHandle db, int sec, ResultTable &holder) {
     int indexed = 0, latest = 0, late = 0;
     if (!query_int(nullptr, db, sql::kEventSecIndexExists, holder, indexed) || !indexed ||
         !query_int(nullptr, db, sql::kEventLatestSec, holder, latest) || sec >= latest ||
-        !query_int(nullptr, db, sql::kEventLateness, holder, late) || latest - sec <= late)
+        !query_int(nullptr, db, sql::kEventLateness, holder, late))
         return;
+    const long long back = std::min<long long>(static_cast<long long>(latest) - sec, INT_MAX);
+    if (back <= late) return;
     Sql q;
-    format_into(q.text, sizeof q.text, sql::kSetEventLateness, latest - sec);
+    format_into(q.text, sizeof q.text, sql::kSetEventLateness, static_cast<int>(back));
     sql_submit(db, q.text, "");
 }
 

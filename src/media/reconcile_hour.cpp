@@ -1,9 +1,9 @@
 // Reconciling a sound index with its stream file: from the newest row whose
 // record agrees (or from 0), the whole valid records are indexed and rows
 // beyond them dropped, as a resume of the hour would.  Start-up repair does
-// it for the newest hours, and a writer for the hour it left behind when its
-// process ended uncleanly.  The stream file is only read: a torn tail is cut by the
-// writer when it resumes the hour, and playback never delivers it.
+// it for the newest hours, and a writer for the hour that a process which
+// ended uncleanly left behind.  The stream file is only read: a torn tail is
+// cut by the writer when it resumes the hour, and playback never delivers it.
 #include "core/calendar.h"
 #include "core/file_io.h"
 #include "core/store_access.h"
