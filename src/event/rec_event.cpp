@@ -42,8 +42,23 @@ int open_day(EventRecContext &ctx, const char *path, const char *who) {
         return 0;
     }
     SqlLock hold(event_mutex());
-    if (sql_submit(ctx.pEventDb, sql::kCreateEvents, "") >= 0)
-        sql_submit(ctx.pEventDb, sql::kCreateEventSecIndex, "");
+    SqlHandle db = ctx.pEventDb;
+    if (sql_submit(db, sql::kCreateEvents, "") >= 0) {
+        sql_submit(db, sql::kCreateEventSecIndex, "");
+        return 1;
+    }
+    // A day that an older library began gets its index and lateness at the
+    // first write: one pass over its events.
+    int indexed = 1, late = 0;
+    if (!query_int(nullptr, db, sql::kEventSecIndexExists, ctx.pIntResult, indexed) || indexed ||
+        !query_int(nullptr, db, sql::kEventDayLateness, ctx.pIntResult, late))
+        return 1;
+    Sql q;
+    format_into(q.text, sizeof q.text, sql::kSetEventLateness, late);
+    submit_busy(db, sql::kBegin);
+    sql_submit(db, q.text, "");
+    sql_submit(db, sql::kCreateEventSecIndex, "");
+    submit_busy(db, sql::kCommit);
     return 1;
 }
 

@@ -104,6 +104,11 @@ inline constexpr char kEventSecIndexExists[] =
 inline constexpr char kEventLatestSec[] = "select max(sec) from h_all;";
 inline constexpr char kEventLateness[] = "PRAGMA user_version;";
 inline constexpr char kSetEventLateness[] = "PRAGMA user_version=%d;";
+// The lateness of a day's events as they stand: how far, at most, an event
+// lies before the latest one stored ahead of it.
+inline constexpr char kEventDayLateness[] =
+    "select min(2147483647, max(0, coalesce(max(m - sec), 0))) from (select sec, max(sec) over "
+    "(order by id rows between unbounded preceding and 1 preceding) as m from h_all);";
 inline constexpr char kEventSecFrom[] =
     "select sec from h_all indexed by h_all_sec where sec >= %d order by sec limit 1;";
 inline constexpr char kEventSecUpTo[] =

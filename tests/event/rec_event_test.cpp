@@ -1,6 +1,7 @@
 // Event recording: stamping, day registration, day switches and failures.
 #include "event/event_store.h"
 
+#include <filesystem>
 #include <fstream>
 
 namespace {
@@ -82,6 +83,23 @@ TEST_F(Recording, TimesIndexedWithTheDaysLateness) {
     EXPECT_EQ(first_secs(day + 220, 1), (std::vector<int>{300, 400, 250}));
     EXPECT_EQ(first_secs(day + 260, -1), (std::vector<int>{250, 400, 300}));
     EXPECT_EQ(first_secs(day + 395, -1), (std::vector<int>{390, 250, 400}));
+}
+
+// A day an older library began (no index) gets the index and its lateness at
+// the first event this library records there.
+TEST_F(Recording, OlderDayGetsTheIndexAtItsFirstWrite) {
+    std::filesystem::create_directories(day_dir(dir.path(), day));
+    read_rows(db_of(day), "create table h_all(id INTEGER PRIMARY KEY , sec int,ch int,type "
+                          "int,data text);");
+    for (int s : {100, 300, 220, 290})
+        read_rows(
+            db_of(day),
+            ("insert into h_all values(NULL," + std::to_string(day + s) + ",1,1,NULL);").c_str());
+    record(day + 500, 1, 1);
+    EXPECT_EQ(
+        read_rows(db_of(day), "select count(*) from sqlite_master where name = 'h_all_sec';", 1),
+        (Rows{{1}}));
+    EXPECT_EQ(read_rows(db_of(day), "PRAGMA user_version;", 1), (Rows{{80}}));
 }
 
 // A day whose database cannot be opened loses its events, reported once; the
