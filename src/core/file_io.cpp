@@ -44,6 +44,7 @@ ssize_t cookie_read(void *c, char *buf, size_t n) {
     auto *f = static_cast<Cookie *>(c);
     const Access a{Op::Read, f->path.c_str(), f->pos, n};
     const Notice notice(observer(), a);
+    if (notice.fails()) return -1;
     ssize_t r;
     do
         r = pread(f->fd, buf, n, f->pos);
@@ -58,6 +59,14 @@ ssize_t cookie_write(void *c, const char *buf, size_t n) {
     auto *f = static_cast<Cookie *>(c);
     const Access a{Op::Write, f->path.c_str(), f->pos, n, buf};
     const Notice notice(observer(), a);
+    if (notice.fails()) return 0;
+    if (notice.fault().keep >= 0 && static_cast<size_t>(notice.fault().keep) < n) {
+        n = static_cast<size_t>(notice.fault().keep);
+        if (n == 0) {
+            errno = ENOSPC;
+            return 0;
+        }
+    }
     ssize_t r;
     do
         r = pwrite(f->fd, buf, n, f->pos);
@@ -164,14 +173,16 @@ FILE *open_file(const char *path, const char *mode) {
         Access a{Op::Open, path};
         a.create = (flags & O_CREAT) != 0;
         const Notice notice(observer(), a);
-        fd = open(path, flags | O_CLOEXEC, 0666);
+        fd = notice.fails() ? -1 : open(path, flags | O_CLOEXEC, 0666);
     }
     if (fd < 0) return nullptr;
     if (truncate) {
         const Access a{Op::Truncate, path, 0};
         const Notice notice(observer(), a);
-        if (ftruncate(fd, 0) != 0) {
+        if (notice.fails() || ftruncate(fd, 0) != 0) {
+            const int e = errno;
             close(fd);
+            errno = e;
             return nullptr;
         }
     }
@@ -210,7 +221,7 @@ bool truncate_file(FILE *fp, long long size) {
     const int fd = fd_of(fp, path);
     const Access a{Op::Truncate, path, size};
     const Notice notice(observer(), a);
-    return ftruncate(fd, size) == 0;
+    return !notice.fails() && ftruncate(fd, size) == 0;
 }
 
 bool sync_file(FILE *fp) {
@@ -219,13 +230,13 @@ bool sync_file(FILE *fp) {
     const int fd = fd_of(fp, path);
     const Access a{Op::Sync, path};
     const Notice notice(observer(), a);
-    return fdatasync(fd) == 0;
+    return !notice.fails() && fdatasync(fd) == 0;
 }
 
 void make_dir(const char *path) {
     const Access a{Op::MakeDir, path};
     const Notice notice(observer(), a);
-    mkdir(path, 0700);
+    if (!notice.fails()) mkdir(path, 0700);
 }
 
 namespace {
@@ -238,7 +249,7 @@ bool sync_through_dir(const char *path, Op op) {
     {
         const Access a{op, path};
         const Notice notice(observer(), a);
-        ok = (op == Op::SyncAll ? syncfs(fd) : fsync(fd)) == 0;
+        ok = !notice.fails() && (op == Op::SyncAll ? syncfs(fd) : fsync(fd)) == 0;
     }
     close(fd);
     return ok;

@@ -2,13 +2,15 @@
 // (through the SQLite file layer in sql_vfs.cpp) the databases.  By default
 // each is the plain system call.  A test installs an Observer that is told of
 // every operation before it runs and after it returned, so that it can keep
-// the bytes a power cut would lose, count reads, or hold all I/O still.
+// the bytes a power cut would lose, count reads, hold all I/O still, or make
+// an operation fail as a full or failing disk would.
 //
 // Streams opened here are C library streams over the library's own
 // read/write/seek, so every byte moved through them is seen.  They have no
 // descriptor for fileno(): use file_size / truncate_file / sync_file.
 #pragma once
 
+#include <cerrno>
 #include <cstddef>
 #include <cstdio>
 
@@ -24,6 +26,7 @@ enum class Op : unsigned char {
     MakeDir,  // a directory is made when missing
     SyncDir,  // the names in directory `path` are made durable
     SyncAll,  // everything on the file system holding `path` is made durable
+    Lock,     // a database lock is taken (`length`: SQLite's lock level)
 };
 
 struct Access {
@@ -36,13 +39,25 @@ struct Access {
     bool with_name = false; // Sync: the names in the file's directory too
 };
 
+// What an observer makes of an operation instead of letting it run: it
+// fails with `error` (an errno value; EBUSY on a Lock is a busy database),
+// or a Write puts only its first `keep` bytes on the disk and reports that
+// many written (a short write; `error` is then ignored).
+struct Fault {
+    int error = 0;
+    long long keep = -1;
+    bool any() const { return error != 0 || keep >= 0; }
+};
+
 // Told of every operation.  before() runs first and may block (a gate that
-// freezes all I/O at one instant); after() runs once the operation returned,
-// whatever its outcome.  Both may be called from any thread.
+// freezes all I/O at one instant); fault() is asked next and decides whether
+// the operation runs; after() runs once the operation returned, whatever its
+// outcome.  All may be called from any thread.
 class Observer {
   public:
     virtual ~Observer() = default;
     virtual void before(const Access &a) = 0;
+    virtual Fault fault(const Access &) { return {}; }
     virtual void after(const Access &) {}
 };
 
@@ -77,11 +92,14 @@ bool sync_all(const char *path);
 // Used by the database layer: the installed observer, or null.
 Observer *observer();
 
-// Tells the observer (if any) of one operation for the scope of the guard.
+// Tells the observer (if any) of one operation for the scope of the guard,
+// and holds the fault it chose for the operation.
 class Notice {
   public:
     Notice(Observer *o, const Access &a) : o_(o), a_(a) {
-        if (o_) o_->before(a_);
+        if (!o_) return;
+        o_->before(a_);
+        fault_ = o_->fault(a_);
     }
     ~Notice() {
         if (o_) o_->after(a_);
@@ -89,9 +107,18 @@ class Notice {
     Notice(const Notice &) = delete;
     Notice &operator=(const Notice &) = delete;
 
+    const Fault &fault() const { return fault_; }
+    // True (errno set) when the operation is to fail as a whole.
+    bool fails() const {
+        if (!fault_.error || fault_.keep >= 0) return false;
+        errno = fault_.error;
+        return true;
+    }
+
   private:
     Observer *o_;
     const Access &a_;
+    Fault fault_;
 };
 
 // Registers or withdraws the database layer as SQLite's default (sql_vfs.cpp).

@@ -1,7 +1,9 @@
 // The databases' way through the file layer: a SQLite VFS over the default
 // "unix" one.  Opening, locking and I/O are the unix VFS's own; this layer
 // only tells the observer of file_io.h around opens, reads, writes,
-// truncations, syncs and deletions.  libvrixhdd opens its connections with
+// truncations, syncs, locks and deletions, and fails them as the observer
+// asks (a full disk is SQLITE_FULL, a busy lock SQLITE_BUSY, anything else
+// the operation's I/O error).  libvrixhdd opens its connections with
 // SQLite's default VFS, so while an observer is installed this one is made
 // the default and every database the library opens afterwards goes through it.
 #include "file_io.h"
@@ -39,6 +41,11 @@ Observer *observer_for(const char *path) {
     return path ? observer() : nullptr;
 }
 
+// The SQLite result of an operation the observer made fail.
+int failed(const Notice &n, int ioerr) {
+    return n.fault().error == ENOSPC ? SQLITE_FULL : ioerr;
+}
+
 int x_close(sqlite3_file *f) {
     return methods(f).xClose(real(f));
 }
@@ -46,18 +53,27 @@ int x_close(sqlite3_file *f) {
 int x_read(sqlite3_file *f, void *buf, int n, sqlite3_int64 off) {
     const Access a{Op::Read, own(f)->path, off, static_cast<size_t>(n)};
     const Notice notice(observer_for(a.path), a);
+    if (notice.fails()) return failed(notice, SQLITE_IOERR_READ);
     return methods(f).xRead(real(f), buf, n, off);
 }
 
 int x_write(sqlite3_file *f, const void *buf, int n, sqlite3_int64 off) {
     const Access a{Op::Write, own(f)->path, off, static_cast<size_t>(n), buf};
     const Notice notice(observer_for(a.path), a);
+    const long long keep = notice.fault().keep;
+    if (keep >= 0 && keep < n) {
+        // A short write: SQLite is told the disk is full.
+        if (keep > 0) methods(f).xWrite(real(f), buf, static_cast<int>(keep), off);
+        return SQLITE_FULL;
+    }
+    if (notice.fails()) return failed(notice, SQLITE_IOERR_WRITE);
     return methods(f).xWrite(real(f), buf, n, off);
 }
 
 int x_truncate(sqlite3_file *f, sqlite3_int64 size) {
     const Access a{Op::Truncate, own(f)->path, size};
     const Notice notice(observer_for(a.path), a);
+    if (notice.fails()) return failed(notice, SQLITE_IOERR_TRUNCATE);
     return methods(f).xTruncate(real(f), size);
 }
 
@@ -66,6 +82,7 @@ int x_sync(sqlite3_file *f, int flags) {
     Access a{Op::Sync, own(f)->path};
     a.with_name = own(f)->names_pending;
     const Notice notice(observer_for(a.path), a);
+    if (notice.fails()) return failed(notice, SQLITE_IOERR_FSYNC);
     const int rc = methods(f).xSync(real(f), flags);
     if (rc == SQLITE_OK) own(f)->names_pending = false;
     return rc;
@@ -75,6 +92,10 @@ int x_file_size(sqlite3_file *f, sqlite3_int64 *size) {
     return methods(f).xFileSize(real(f), size);
 }
 int x_lock(sqlite3_file *f, int level) {
+    const Access a{Op::Lock, own(f)->path, 0, static_cast<size_t>(level)};
+    const Notice notice(observer_for(a.path), a);
+    if (notice.fails())
+        return notice.fault().error == EBUSY ? SQLITE_BUSY : failed(notice, SQLITE_IOERR_LOCK);
     return methods(f).xLock(real(f), level);
 }
 int x_unlock(sqlite3_file *f, int level) {
@@ -131,7 +152,8 @@ int v_open(sqlite3_vfs *, const char *name, sqlite3_file *f, int flags, int *out
     int rc;
     {
         const Notice notice(observer_for(name), a);
-        rc = g_unix->xOpen(g_unix, name, mine->real(), flags, out_flags);
+        rc = notice.fails() ? SQLITE_CANTOPEN
+                            : g_unix->xOpen(g_unix, name, mine->real(), flags, out_flags);
     }
     if (mine->real()->pMethods) mine->base.pMethods = &kMethods;
     return rc;
@@ -144,7 +166,7 @@ int v_delete(sqlite3_vfs *, const char *name, int sync_dir_too) {
     {
         const Access a{Op::Remove, name};
         const Notice notice(observer_for(name), a);
-        rc = g_unix->xDelete(g_unix, name, 0);
+        rc = notice.fails() ? SQLITE_IOERR_DELETE : g_unix->xDelete(g_unix, name, 0);
     }
     if (rc == SQLITE_OK && sync_dir_too && name) {
         std::string dir(name);

@@ -144,5 +144,58 @@ TEST_F(PowerCutModel, DatabasesKeepWhatTheyCommittedDurably) {
     EXPECT_FALSE(exists(day));
 }
 
+// An observer that fails the operations a test names, as a failing disk would.
+struct Failing : io::Observer {
+    Failing() { io::set_observer(this); }
+    ~Failing() override { io::set_observer(nullptr); }
+    void before(const io::Access &) override {}
+    io::Fault fault(const io::Access &a) override {
+        return a.op == op && (!path || std::strstr(a.path, path)) ? with : io::Fault{};
+    }
+    io::Op op = io::Op::Read;
+    const char *path = nullptr;
+    io::Fault with;
+};
+
+TEST_F(PowerCutModel, FaultsReachTheirCallers) {
+    const std::string path = dir / "f.stream", db = dir / "f.db";
+    Failing f;
+    f.op = io::Op::Open;
+    f.with.error = EACCES;
+    EXPECT_EQ(io::open_file(path.c_str(), "wb+"), nullptr);
+    EXPECT_EQ(errno, EACCES);
+    f.with = {};
+    FILE *fp = io::open_file(path.c_str(), "wb+");
+    ASSERT_NE(fp, nullptr);
+    std::setvbuf(fp, nullptr, _IONBF, 0);
+    f.op = io::Op::Write;
+    f.with.keep = 3; // every write lands 3 bytes, so the second one of fwrite none
+    EXPECT_EQ(std::fwrite("abcdef", 1, 6, fp), 3u);
+    f.with = {};
+    std::clearerr(fp);
+    f.op = io::Op::Sync;
+    f.with.error = EIO;
+    EXPECT_FALSE(io::sync_file(fp));
+    f.op = io::Op::SyncAll;
+    EXPECT_FALSE(io::sync_all(dir.path().c_str()));
+    std::fclose(fp);
+    EXPECT_EQ(contents(path), "abc");
+
+    SqlHandle h = nullptr;
+    f.with = {};
+    ASSERT_EQ(sql_open(db.c_str(), &h), 0);
+    EXPECT_EQ(sql_submit(h, "create table t(x);", ""), 0);
+    f.op = io::Op::Write;
+    f.path = "f.db";
+    f.with.error = ENOSPC;
+    EXPECT_NE(sql_submit(h, "insert into t values(1);", ""), 0);
+    f.op = io::Op::Lock;
+    f.with.error = EBUSY;
+    EXPECT_EQ(sql_submit(h, "insert into t values(2);", ""), -1); // busy, as the store reports it
+    f.with = {};
+    sql_close(h);
+    EXPECT_EQ(count_rows(db), 0);
+}
+
 } // namespace
 } // namespace vrix

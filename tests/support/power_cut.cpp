@@ -135,6 +135,7 @@ void PowerCut::before(const io::Access &a) {
         last_ = {};
         break;
     case io::Op::Read:
+    case io::Op::Lock:
         break;
     }
 }
