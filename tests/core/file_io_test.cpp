@@ -87,7 +87,7 @@ TEST_F(PowerCutModel, ATornWriteKeepsAPrefixOfItself) {
     ASSERT_EQ(fseeko(fp, 0, SEEK_END), 0);
     put(fp, "abcdefghijklmnopqrstuvwxyz");
     std::fclose(fp);
-    layer.restore(true, 7);
+    layer.restore(test::Writeback::TornLast, 7);
     const std::string left = contents(path);
     ASSERT_GE(left.size(), 4u);
     ASSERT_LT(left.size(), 30u);

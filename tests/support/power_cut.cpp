@@ -144,8 +144,54 @@ void PowerCut::after(const io::Access &) {
     gate_.unlock();
 }
 
-void PowerCut::put_back(bool tear, uint32_t seed) {
+// The file as the disk may hold it after writeback in any order.  Pages the
+// file had at its last sync hold their old or their new bytes, each on its
+// own; of what was appended, a prefix of random length lands (the size is
+// committed with the data, as journaling file systems order it).
+void PowerCut::reorder(Tracked &t, uint32_t seed) {
+    constexpr size_t kPage = 4096;
+    std::mt19937 rng(seed);
+    const long long now_size = size_of(t.fd);
+    std::vector<unsigned char> now(static_cast<size_t>(now_size));
+    if (now_size && pread(t.fd, now.data(), now.size(), 0) != now_size) return;
+    // The synced image: every change since the last sync undone, newest first.
+    std::vector<unsigned char> old = now;
+    for (auto u = t.undo.rbegin(); u != t.undo.rend(); ++u) {
+        old.resize(static_cast<size_t>(u->size_before));
+        const size_t at = static_cast<size_t>(u->offset);
+        if (!u->old.empty()) {
+            if (old.size() < at + u->old.size()) old.resize(at + u->old.size());
+            std::copy(u->old.begin(), u->old.end(), old.begin() + static_cast<long>(at));
+        }
+    }
+    std::vector<unsigned char> out = old;
+    for (size_t page = 0; page < std::min(old.size(), now.size()); page += kPage)
+        if (rng() % 2) {
+            const size_t end = std::min({page + kPage, old.size(), now.size()});
+            std::copy(now.begin() + static_cast<long>(page), now.begin() + static_cast<long>(end),
+                      out.begin() + static_cast<long>(page));
+        }
+    if (now.size() > old.size()) {
+        const size_t lands = rng() % (now.size() - old.size() + 1);
+        out.insert(out.end(), now.begin() + static_cast<long>(old.size()),
+                   now.begin() + static_cast<long>(old.size() + lands));
+    } else if (rng() % 2) {
+        out.resize(now.size()); // the cut reached the disk
+    }
+    const bool ok = ftruncate(t.fd, static_cast<off_t>(out.size())) == 0 &&
+                    (out.empty() ||
+                     pwrite(t.fd, out.data(), out.size(), 0) == static_cast<ssize_t>(out.size()));
+    if (!ok) std::perror("power cut: reorder");
+}
+
+void PowerCut::put_back(Writeback wb, uint32_t seed) {
+    std::mt19937 rng(seed);
     for (auto &[path, t] : files_) {
+        if (wb == Writeback::Reordered && !t.undo.empty()) {
+            reorder(t, static_cast<uint32_t>(rng()));
+            t.undo.clear();
+            continue;
+        }
         for (auto u = t.undo.rbegin(); u != t.undo.rend(); ++u) {
             const bool ok =
                 ftruncate(t.fd, u->size_before) == 0 &&
@@ -155,9 +201,8 @@ void PowerCut::put_back(bool tear, uint32_t seed) {
         }
         t.undo.clear();
     }
-    if (tear && !last_.data.empty()) {
+    if (wb == Writeback::TornLast && !last_.data.empty()) {
         if (Tracked *t = track(last_.path)) {
-            std::mt19937 rng(seed);
             const size_t keep = rng() % last_.data.size();
             if (keep && pwrite(t->fd, last_.data.data(), keep, last_.offset) < 0)
                 std::perror(last_.path.c_str());
@@ -165,11 +210,20 @@ void PowerCut::put_back(bool tear, uint32_t seed) {
     }
     last_ = {};
     // Deepest first, so that a directory is emptied of its own new names
-    // before it goes itself.
+    // before it goes itself.  Reordered writeback keeps some of them; a name
+    // inside a directory that vanished goes with it.
     std::vector<std::string> names(new_names_.begin(), new_names_.end());
     std::sort(names.begin(), names.end(),
-              [](const std::string &x, const std::string &y) { return x.size() > y.size(); });
+              [](const std::string &x, const std::string &y) { return x.size() < y.size(); });
+    std::vector<std::string> gone;
     for (const std::string &n : names) {
+        const bool under_gone = std::any_of(gone.begin(), gone.end(), [&n](const std::string &g) {
+            return n.compare(0, g.size() + 1, g + "/") == 0;
+        });
+        if (under_gone || wb != Writeback::Reordered || rng() % 2) gone.push_back(n);
+    }
+    std::reverse(gone.begin(), gone.end());
+    for (const std::string &n : gone) {
         forget(n);
         std::error_code ec;
         std::filesystem::remove_all(n, ec);
@@ -177,15 +231,15 @@ void PowerCut::put_back(bool tear, uint32_t seed) {
     new_names_.clear();
 }
 
-void PowerCut::cut(int status, bool tear, uint32_t seed) {
+void PowerCut::cut(int status, Writeback wb, uint32_t seed) {
     gate_.lock(); // never given back: every other thread's I/O waits here
-    put_back(tear, seed);
+    put_back(wb, seed);
     _exit(status);
 }
 
-void PowerCut::restore(bool tear, uint32_t seed) {
+void PowerCut::restore(Writeback wb, uint32_t seed) {
     const std::lock_guard<std::mutex> hold(gate_);
-    put_back(tear, seed);
+    put_back(wb, seed);
     for (auto &[path, t] : files_)
         if (t.fd >= 0) close(t.fd);
     files_.clear();

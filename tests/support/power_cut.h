@@ -3,11 +3,10 @@
 // directories, and the databases through the SQLite layer) and keeps, per
 // file, the old bytes under every write and truncation not yet synced, and
 // the names of files and directories made since their directory was last
-// synced.  cut() freezes all I/O at one instant, puts every file back to its
-// last synced image, removes the names that were never made durable,
-// optionally tears the last unsynced write (a random prefix of it lands) and
-// ends the process, as a power cut would.  Files that existed before the
-// layer was installed count as durable.
+// synced.  cut() freezes all I/O at one instant, leaves every file as the
+// chosen writeback would have (see Writeback), and ends the process, as a
+// power cut would.  Files that existed before the layer was installed count
+// as durable.
 #pragma once
 
 #include "core/file_io.h"
@@ -23,6 +22,17 @@
 
 namespace vrix::test {
 
+// What reached the disk of what was not synced at the cut.
+enum class Writeback {
+    None,      // nothing: every file is its last synced image, new names vanish
+    TornLast,  // as None, but a random prefix of the last unsynced write lands
+    Reordered, // the kernel wrote back in any order: each 4 KiB page a file had
+               // at its last sync holds its old or its new bytes, a random prefix
+               // of what was appended lands (the size is committed with its
+               // data), an unsynced cut lands or not, and each new name lands
+               // or vanishes (with everything under it)
+};
+
 class PowerCut : public io::Observer {
   public:
     PowerCut();  // installs the layer
@@ -32,11 +42,11 @@ class PowerCut : public io::Observer {
 
     // Freezes every thread's I/O, leaves the store as a power cut now would
     // and ends the process with `status`.
-    [[noreturn]] void cut(int status, bool tear = false, uint32_t seed = 0);
+    [[noreturn]] void cut(int status, Writeback wb = Writeback::None, uint32_t seed = 0);
 
     // The same restoration for tests in one process: open handles must be
     // closed first.  Everything on disk counts as durable afterwards.
-    void restore(bool tear = false, uint32_t seed = 0);
+    void restore(Writeback wb = Writeback::None, uint32_t seed = 0);
 
     void before(const io::Access &a) override;
     void after(const io::Access &a) override;
@@ -61,7 +71,8 @@ class PowerCut : public io::Observer {
     Tracked *track(const std::string &path);
     void forget(const std::string &path);
     void names_durable_in(const std::string &dir);
-    void put_back(bool tear, uint32_t seed);
+    void put_back(Writeback wb, uint32_t seed);
+    void reorder(Tracked &t, uint32_t seed);
 
     std::mutex gate_; // held across each operation, and for good by cut()
     std::map<std::string, Tracked> files_;
