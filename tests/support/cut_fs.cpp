@@ -370,6 +370,7 @@ int main(int argc, char **argv) {
     char *fargv[] = {name, opt, opts, nullptr};
     fuse_args args = FUSE_ARGS_INIT(3, fargv);
     fuse *f = fuse_new(&args, &ops, sizeof ops, nullptr);
+    fuse_opt_free_args(&args);
     if (!f) return 1;
     if (fuse_mount(f, argv[2]) != 0) {
         fuse_destroy(f);
