@@ -12,7 +12,7 @@ cd "$(dirname "$0")"
 
 packages=(cmake make g++ gcc binutils pkg-config libsqlite3-dev sqlite3 libgtest-dev
   libcli11-dev nlohmann-json3-dev libxml2-utils tzdata clang libclang-rt-14-dev
-  libavformat-dev libavcodec-dev libcpp-httplib-dev ffmpeg curl chromium)
+  libavformat-dev libavcodec-dev libcpp-httplib-dev ffmpeg curl chromium fuse3 libfuse3-dev)
 # The browser test's driver comes from npm; a node installed otherwise will do.
 command -v npm >/dev/null || packages+=(nodejs npm)
 

@@ -62,7 +62,7 @@ typedef struct NotifyMessage {
 #define VRIX_MSG_DAY 0x64       /* 'd': prepare the next day, register the day */
 #define VRIX_MSG_HOUR 0x65      /* 'e': register a channel's day and hour */
 #define VRIX_MSG_STOP 0x67      /* 'g': park the submit thread */
-#define VRIX_MSG_DISK_ERROR 159 /* to the application: a stream write fell short */
+#define VRIX_MSG_DISK_ERROR 159 /* to the application: a write or a sync failed */
 
 /* Queue keys of the library. */
 #define VRIX_SUBMIT_MQ_KEY 1220
@@ -431,15 +431,57 @@ VRIX_API void vrix_db_set_log(VrixLogFn fn, void *user);
 /* Durability: the sync interval T in milliseconds (default
  * VRIX_DEFAULT_SYNC_INTERVAL_MS, 2 s).  While a video, audio or event
  * recording context is open, a thread of the library writes out the
- * recording buffers and makes the store's file system durable (syncfs) every
- * T/2, so every frame, audio block and event handed over more than T before a
- * power cut is kept; closing a context makes its store durable at once.  The
- * recording calls never wait for the disk.  0 = never sync (what a power cut
- * loses is then up to the kernel).  Takes effect at the next look at the
- * clock; returns the previous value.  A negative value is refused with one
- * line and changes nothing. */
+ * recording buffers and makes the store durable every T/2, so every frame,
+ * audio block and event handed over more than T before a power cut is kept;
+ * closing a context makes its store durable at once.  The recording calls
+ * never wait for the disk.  0 = never sync (what a power cut loses is then up
+ * to the kernel).  Takes effect at the next look at the clock; returns the
+ * previous value.  A negative value is refused with one line and changes
+ * nothing.
+ *
+ * How a store is made durable depends on its file system, decided when its
+ * first recording context opens (one line says which): one syncfs of the
+ * whole file system where that is known to commit everything (ext2/3/4, xfs,
+ * btrfs, f2fs, jfs, reiserfs, nilfs2, vfat, exfat, hfsplus, udf, overlay
+ * and, with nothing to commit, tmpfs and ramfs); elsewhere (FUSE, network
+ * file systems, anything else) an fdatasync of each changed file and an fsync
+ * of each directory that gained a name.
+ *
+ * The promise holds only while the syncs succeed.  A sync that fails (the
+ * disk reported a write-back error, or is gone) is logged and sends
+ * VRIX_MSG_DISK_ERROR (159, as a failed stream write does) to the
+ * application's queue, once for each run of failing passes; a pass that takes
+ * longer than T/2 prints one line.  Footage handed over since the last pass
+ * that succeeded may be lost at the next power cut, or already be: after a
+ * failed write-back the kernel may drop the data it could not write while
+ * still serving it from memory until a reboot.  vrix_db_get_sync_state tells
+ * where the promise stands. */
 #define VRIX_DEFAULT_SYNC_INTERVAL_MS 2000
 VRIX_API int vrix_db_set_sync_interval(int milliseconds);
+
+/* The sync state of the store at `root` (any spelling of the directory), as
+ * this process has synced it since its first recording context on the store
+ * opened.  Times are the library's clock (the test hooks' one when set) in
+ * milliseconds since the epoch; 0 = none yet.  Returns 1 and fills *state for
+ * a store this process has recorded since vrix_db_init, 0 (and a zeroed
+ * *state) otherwise. */
+#define VRIX_SYNC_NONE 0        /* no recording context of this process open on it */
+#define VRIX_SYNC_FILE_SYSTEM 1 /* one syncfs of its file system a pass */
+#define VRIX_SYNC_EACH_FILE 2   /* fdatasync of each changed file, fsync of directories */
+typedef struct VrixSyncState {
+    int way;              /* VRIX_SYNC_*: how the store is synced now */
+    int interval_ms;      /* T in force */
+    int64_t durable_ms;   /* start of the last pass that succeeded: everything
+                             handed over before it is on the disk */
+    int64_t last_pass_ms; /* start of the last pass, successful or not */
+    int last_error;       /* errno of the last failed sync, 0 = none */
+    int64_t error_ms;     /* start of the pass that failed last */
+    unsigned passes;      /* syncs of the store, a close's included */
+    unsigned failed_passes;
+    unsigned slow_passes; /* passes that took longer than T/2 */
+    int64_t longest_pass_ms;
+} VrixSyncState;
+VRIX_API int vrix_db_get_sync_state(const char *root, VrixSyncState *state);
 
 /* Test hooks: the library's fixed waits (reclamation and event reduction
  * pacing, the reduction prediction, the sync thread's looks at the clock) are

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <mutex>
 #include <new>
+#include <set>
 #include <shared_mutex>
 #include <string>
 #include <unordered_map>
@@ -18,6 +19,55 @@ namespace {
 
 std::atomic<Observer *> g_observer{nullptr};
 
+// The names changed since take_changes() last ran, while tracking is on.
+// `taken` numbers the takes, so that a stream notes its file once per take.
+struct ChangeLog {
+    std::mutex mutex;
+    std::set<std::string> files;
+    std::set<std::string> dirs;
+    unsigned taken = 1;
+};
+ChangeLog &change_log() {
+    static ChangeLog *c = new ChangeLog;
+    return *c;
+}
+std::atomic<bool> g_tracking{false};
+std::atomic<unsigned> g_taken{1};
+
+// One spelling per name: no doubled or trailing "/".
+std::string tidy(const char *path) {
+    std::string s;
+    for (const char *p = path; *p; ++p)
+        if (*p != '/' || s.empty() || s.back() != '/') s += *p;
+    while (s.size() > 1 && s.back() == '/')
+        s.pop_back();
+    return s;
+}
+
+std::string parent_of(const std::string &path) {
+    const size_t slash = path.rfind('/');
+    if (slash == std::string::npos) return ".";
+    return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+// Notes a changed file and returns the take it is noted for.
+unsigned note_file(const char *path) {
+    ChangeLog &log = change_log();
+    const std::lock_guard hold(log.mutex);
+    log.files.insert(tidy(path));
+    return log.taken;
+}
+
+// Notes a directory that gained or lost a name; `made`: the directory is
+// new, so its parent gained one too.
+void note_dir(const std::string &dir, bool made) {
+    if (!g_tracking.load(std::memory_order_relaxed)) return;
+    ChangeLog &log = change_log();
+    const std::lock_guard hold(log.mutex);
+    log.dirs.insert(dir);
+    if (made) log.dirs.insert(parent_of(dir));
+}
+
 // What a stream of ours reads and writes through: the descriptor, the
 // position (positioned I/O, so seeks cost no system call) and the name the
 // observer is told.
@@ -26,6 +76,7 @@ struct Cookie {
     long long pos;
     std::string path;
     FILE *fp = nullptr;
+    unsigned noted = 0; // the take of the change log that has this file
 };
 
 // Streams of ours by their FILE*, for the operations that need the
@@ -74,6 +125,10 @@ ssize_t cookie_write(void *c, const char *buf, size_t n) {
     if (r < 0 && errno == ESPIPE) r = write(f->fd, buf, n);
     if (r <= 0) return 0;
     f->pos += r;
+    // Noted after the bytes are in: a take that misses this write is
+    // followed by one that has it.
+    if (g_tracking.load(std::memory_order_relaxed) && f->noted != g_taken.load())
+        f->noted = note_file(f->path.c_str());
     return r;
 }
 
@@ -176,6 +231,7 @@ FILE *open_file(const char *path, const char *mode) {
         fd = notice.fails() ? -1 : open(path, flags | O_CLOEXEC, 0666);
     }
     if (fd < 0) return nullptr;
+    if (flags & O_CREAT) note_dir(parent_of(tidy(path)), false);
     if (truncate) {
         const Access a{Op::Truncate, path, 0};
         const Notice notice(observer(), a);
@@ -221,7 +277,9 @@ bool truncate_file(FILE *fp, long long size) {
     const int fd = fd_of(fp, path);
     const Access a{Op::Truncate, path, size};
     const Notice notice(observer(), a);
-    return !notice.fails() && ftruncate(fd, size) == 0;
+    if (notice.fails() || ftruncate(fd, size) != 0) return false;
+    if (g_tracking.load(std::memory_order_relaxed) && *path) note_file(path);
+    return true;
 }
 
 bool sync_file(FILE *fp) {
@@ -236,7 +294,7 @@ bool sync_file(FILE *fp) {
 void make_dir(const char *path) {
     const Access a{Op::MakeDir, path};
     const Notice notice(observer(), a);
-    if (!notice.fails()) mkdir(path, 0700);
+    if (!notice.fails() && mkdir(path, 0700) == 0) note_dir(tidy(path), true);
 }
 
 namespace {
@@ -263,6 +321,46 @@ bool sync_dir(const char *path) {
 
 bool sync_all(const char *path) {
     return sync_through_dir(path, Op::SyncAll);
+}
+
+int open_to_sync(const char *path) {
+    return open(path, O_RDONLY | O_CLOEXEC | O_NOCTTY);
+}
+
+bool sync_descriptor(int fd, const char *path, Op op) {
+    const Access a{op, path};
+    const Notice notice(observer(), a);
+    if (notice.fails()) return false;
+    switch (op) {
+    case Op::SyncAll:
+        return syncfs(fd) == 0;
+    case Op::SyncDir:
+        return fsync(fd) == 0;
+    default:
+        return fdatasync(fd) == 0;
+    }
+}
+
+void track_changes(bool on) {
+    ChangeLog &log = change_log();
+    const std::lock_guard hold(log.mutex);
+    g_tracking.store(on);
+    if (!on) {
+        log.files.clear();
+        log.dirs.clear();
+    }
+}
+
+Changes take_changes() {
+    ChangeLog &log = change_log();
+    const std::lock_guard hold(log.mutex);
+    log.taken = g_taken.fetch_add(1) + 1;
+    Changes c;
+    c.files.assign(log.files.begin(), log.files.end());
+    c.dirs.assign(log.dirs.begin(), log.dirs.end());
+    log.files.clear();
+    log.dirs.clear();
+    return c;
 }
 
 } // namespace vrix::io

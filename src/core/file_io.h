@@ -13,6 +13,8 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstdio>
+#include <string>
+#include <vector>
 
 namespace vrix::io {
 
@@ -88,6 +90,27 @@ bool sync_dir(const char *path);
 
 // Makes everything on the file system holding `path` durable (syncfs).
 bool sync_all(const char *path);
+
+// A descriptor kept to sync the file or directory `path` by (read-only, so
+// any file will do); -1 with errno set on failure.  Linux reports a failed
+// write-back to the descriptors that were open when it failed: one kept open
+// from before the write sees the error at its next sync.
+int open_to_sync(const char *path);
+
+// Syncs through a kept descriptor of `path`: `op` Sync (fdatasync), SyncDir
+// (fsync) or SyncAll (syncfs).  False with errno set on failure.
+bool sync_descriptor(int fd, const char *path, Op op);
+
+// Names changed since they were last taken, for file systems where only a
+// sync of each file makes it durable: stream files written or cut, and
+// directories that gained or lost a name (a made directory counts with its
+// parent).  Kept only while tracking is on; turning it off forgets them.
+struct Changes {
+    std::vector<std::string> files;
+    std::vector<std::string> dirs;
+};
+void track_changes(bool on);
+Changes take_changes();
 
 // Used by the database layer: the installed observer, or null.
 Observer *observer();

@@ -4,6 +4,7 @@
 #pragma once
 
 #include "core/calendar.h"
+#include "core/root_lock.h"
 #include "core/store_access.h"
 #include "store/log.h"
 #include "store/paths.h"

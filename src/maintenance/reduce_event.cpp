@@ -56,6 +56,8 @@ void reduce_day(const char *root, int sec, const Db &date, Db &events, ResultTab
 
 extern "C" int vrix_db_reduce_event(const char *root, int sec) {
     using namespace vrix;
+    const MaintenanceHold hold(root, "event");
+    if (!hold) return 0;
     MaintenanceStart m;
     if (!m.start(root, "event")) return 0;
     Db events(event_mutex());

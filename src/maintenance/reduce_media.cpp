@@ -172,6 +172,8 @@ extern "C" int vrix_db_get_reduce_sec(const char *root) {
 
 extern "C" int vrix_db_reduce_media(const char *root, int *stop, int *freeMB, int fd) {
     using namespace vrix;
+    const MaintenanceHold hold(root, "media");
+    if (!hold) return 0;
     MaintenanceStart m;
     if (!m.start(root, "media", "media : no date db")) return 0;
     Db audio(audio_mutex());

@@ -233,6 +233,8 @@ void correct_all(const char *root) {
 
 extern "C" int vrix_db_correct_all(const char *root) {
     using namespace vrix;
+    const MaintenanceHold hold(root, "vrix_db_correct_all");
+    if (!hold) return 0;
     if (!root_fits(root, "vrix_db_correct_all") || !shell_ready("vrix_db_correct_all")) return 0;
     refresh_timezone();
     correct_all(root);
@@ -241,6 +243,8 @@ extern "C" int vrix_db_correct_all(const char *root) {
 
 extern "C" int vrix_db_correct(const char *path, const char *table) {
     using namespace vrix;
+    const MaintenanceHold hold(path, "vrix_db_correct", true);
+    if (!hold) return -1;
     if (!path || !table) return -1;
     if (!shell_ready("vrix_db_correct")) return -1;
     return correct_db(path, table);
@@ -248,11 +252,15 @@ extern "C" int vrix_db_correct(const char *path, const char *table) {
 
 extern "C" void vrix_db_correct_video(const char *dir) {
     using namespace vrix;
+    const MaintenanceHold hold(dir, "vrix_db_correct_video", true);
+    if (!hold) return;
     if (dir && shell_ready("vrix_db_correct_video")) correct_index(kVideoIndex, dir);
 }
 
 extern "C" int vrix_db_correct_audio(const char *dir) {
     using namespace vrix;
+    const MaintenanceHold hold(dir, "vrix_db_correct_audio", true);
+    if (!hold) return 0;
     if (dir && shell_ready("vrix_db_correct_audio")) correct_index(kAudioIndex, dir);
     return 0;
 }

@@ -17,21 +17,30 @@
 // 20 s here, five rounds, so that the bound says more than "everything but
 // the last frame".
 //
+// The same harness runs a second time with the store on vrix_cut_fs, a FUSE
+// file system that drops at the cut what no fsync, fdatasync or fsyncdir
+// made durable (FUSE never sees a syncfs); "torn" cuts there let a random
+// subset of the unsynced writes land.  The library must find out that it
+// has to sync file by file there.
+//
 // The recorder is this test run again with VRIX_POWER_CUT_RECORDER set.
 // VRIX_CUTS=n (VRIX_LONG=1: 20) sets the number of cuts, VRIX_SEED repeats a run.
 #include "core/sync_point.h"
 #include "support/child.h"
+#include "support/cut_fs.h"
 #include "support/power_cut.h"
 #include "support/queues.h"
 #include "verify.h"
 
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <condition_variable>
+#include <memory>
 #include <mutex>
 #include <random>
 #include <set>
@@ -57,6 +66,7 @@ int library_clock() {
 
 struct Recorder {
     test::PowerCut *layer = nullptr;
+    pid_t fs = 0; // the store is on vrix_cut_fs: its process cuts the power
     int progress_fd = -1;
     Progress progress{};
     test::Writeback writeback = test::Writeback::None;
@@ -78,6 +88,14 @@ struct Recorder {
         const uint64_t seen = looks;
         looked.wait(hold, [&] { return looks >= seen + 2; });
     }
+    [[noreturn]] void cut() {
+        if (layer) layer->cut(0, writeback, seed);
+        // The file system lets a random subset of the unsynced writes land
+        // on the cuts that are not plain drops.
+        kill(fs, writeback == test::Writeback::None ? SIGUSR1 : SIGUSR2);
+        for (;;) // until the harness kills this process, once the cut is done
+            pause();
+    }
 };
 Recorder g_rec;
 
@@ -85,15 +103,16 @@ Recorder g_rec;
 [[noreturn]] void recorder_main(const char *recipe) {
     char root[256], progress[256];
     unsigned start = 0, rounds = 0, seed = 0;
-    int writeback = 0, queue = -1, in_pass = 0;
-    if (std::sscanf(recipe, "%255[^|]|%255[^|]|%u|%u|%u|%d|%d|%d", root, progress, &start, &rounds,
-                    &seed, &writeback, &in_pass, &queue) != 8)
+    int writeback = 0, queue = -1, in_pass = 0, fs = 0;
+    if (std::sscanf(recipe, "%255[^|]|%255[^|]|%u|%u|%u|%d|%d|%d|%d", root, progress, &start,
+                    &rounds, &seed, &writeback, &in_pass, &queue, &fs) != 9)
         _exit(2);
     Recorder &rec = g_rec;
     rec.progress_fd = open(progress, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
     rec.writeback = static_cast<test::Writeback>(writeback);
     rec.seed = seed;
-    rec.layer = new test::PowerCut; // in place until the cut ends the process
+    rec.fs = fs;
+    if (!fs) rec.layer = new test::PowerCut; // in place until the cut ends the process
     g_clock.store(round_sec(start));
     rec.note(start);
     const VrixTestHooks hooks{10000, library_clock};
@@ -107,7 +126,7 @@ Recorder g_rec;
     set_sync_point("syncer:written_out", [&rec] {
         if (!rec.cut_in_pass) return;
         rec.note(rec.progress.end);
-        rec.layer->cut(0, rec.writeback, rec.seed);
+        rec.cut();
     });
     if (vrix_db_init(queue) != 1) _exit(3);
     RecContext *video = vrix_db_open_rec_video(root, kChannels + 1);
@@ -126,7 +145,7 @@ Recorder g_rec;
         rec.note(r + 1);
     }
     std::fflush(stdout);
-    if (!in_pass) rec.layer->cut(0, rec.writeback, rec.seed);
+    if (!in_pass) rec.cut();
     // Time goes on with nothing handed over until the next pass is cut short.
     rec.cut_in_pass = true;
     for (int sec = round_sec(start + rounds);; sec += kSecPerRound)
@@ -135,12 +154,30 @@ Recorder g_rec;
 
 // ---- the harness ----
 
-int run_recorder(const std::string &recipe, const std::string &log) {
+pid_t start_recorder(const std::string &recipe, const std::string &log) {
     const int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
     if (fd < 0) return -1;
     const pid_t pid = test::spawn_self("VRIX_POWER_CUT_RECORDER", recipe, fd);
     close(fd);
-    return pid > 0 ? test::wait_status(pid) : -1;
+    return pid;
+}
+
+// Waits until the file system's process has cut the power (true), then ends
+// the recorder; false when the recorder ended first.
+bool wait_fs_cut(test::CutFs &fs, pid_t recorder) {
+    for (;;) {
+        int status = 0;
+        if (waitpid(recorder, &status, WNOHANG) == recorder) {
+            std::printf("recorder ended before the cut: status %d\n", status);
+            return false;
+        }
+        if (waitpid(fs.pid(), &status, WNOHANG) == fs.pid()) break;
+        usleep(2000);
+    }
+    kill(recorder, SIGKILL);
+    test::wait_status(recorder);
+    fs.wait_cut(); // already ended: detaches what is left of the mount
+    return true;
 }
 
 // The first round of the hour of round r.
@@ -192,25 +229,30 @@ uint64_t rows_naming_no_key_frame(const std::string &root, uint32_t end) {
     return bad;
 }
 
-#endif
-
-TEST(PowerCut, EverythingOlderThanTheSyncIntervalSurvives) {
-#if !VRIX_SYNC_POINTS
-    GTEST_SKIP() << "sync points are compiled out in this build (Release)";
-#else
-    // The recorder runs here, once the library's own statics exist.
-    if (const char *recipe = std::getenv("VRIX_POWER_CUT_RECORDER")) recorder_main(recipe);
+// Records and cuts `cuts` times: through the power-cut layer, or (`fuse`)
+// onto a mount of vrix_cut_fs.
+void run_harness(bool fuse, int cuts) {
     test::start_library();
-    // The layer keeps its own image of what is durable: the real disk's
+    // The layers keep their own image of what is durable: the real disk's
     // syncs would only cost time, so the store lives in memory when it can.
     if (access("/dev/shm", W_OK) == 0) setenv("TMPDIR", "/dev/shm", 1);
     test::ScratchDir dir;
-    const std::string root = dir / "store", progress_path = dir / "progress";
-    ASSERT_EQ(mkdir(root.c_str(), 0700), 0);
-    const int cuts = static_cast<int>(env_number("VRIX_CUTS", env_number("VRIX_LONG", 0) ? 20 : 4));
+    // On FUSE the store lies in the backing directory, seen through the mount.
+    const std::string backing = dir / "backing", mount = dir / "mount";
+    const std::string root = fuse ? mount + "/store" : dir / "store";
+    const std::string progress_path = dir / "progress";
+    if (!fuse) {
+        ASSERT_EQ(mkdir(root.c_str(), 0700), 0);
+    } else {
+        ASSERT_EQ(mkdir(backing.c_str(), 0700), 0);
+        ASSERT_EQ(mkdir((backing + "/store").c_str(), 0700), 0);
+        ASSERT_EQ(mkdir(mount.c_str(), 0700), 0);
+        const test::CutFs probe(backing, mount);
+        if (!probe.mounted()) GTEST_SKIP() << "FUSE cannot be mounted here: " << probe.why_not();
+    }
     const auto seed = static_cast<unsigned>(env_number("VRIX_SEED", std::random_device{}()));
-    std::printf("power-cut harness: %d cuts, T %d ms, VRIX_SEED=%u, store %s\n", cuts, kSyncMs,
-                seed, root.c_str());
+    std::printf("power-cut harness%s: %d cuts, T %d ms, VRIX_SEED=%u, store %s\n",
+                fuse ? " on vrix_cut_fs" : "", cuts, kSyncMs, seed, root.c_str());
     std::mt19937 rng(seed);
 
     // Rounds a channel (index 0: audio, 1..16: video, 17: events) may have
@@ -224,9 +266,24 @@ TEST(PowerCut, EverythingOlderThanTheSyncIntervalSurvives) {
         const std::string recipe = root + "|" + progress_path + "|" + std::to_string(start) + "|" +
                                    std::to_string(rounds) + "|" + std::to_string(rng()) + "|" +
                                    std::to_string(k % 3) + "|" + std::to_string(in_pass) + "|" +
-                                   std::to_string(test::app_queue());
-        const int status = run_recorder(recipe, dir / "recorder.log");
-        ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "recorder: " << status;
+                                   std::to_string(test::app_queue()) + "|";
+        if (fuse) {
+            test::CutFs fs(backing, mount, static_cast<unsigned>(rng()));
+            ASSERT_TRUE(fs.mounted()) << fs.why_not();
+            const pid_t recorder =
+                start_recorder(recipe + std::to_string(fs.pid()), dir / "recorder.log");
+            ASSERT_TRUE(wait_fs_cut(fs, recorder));
+        } else {
+            const int status =
+                test::wait_status(start_recorder(recipe + "0", dir / "recorder.log"));
+            ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "recorder: " << status;
+        }
+        // The restart: the store mounted again, the start-up repair.
+        std::unique_ptr<test::CutFs> again;
+        if (fuse) {
+            again = std::make_unique<test::CutFs>(backing, mount);
+            ASSERT_TRUE(again->mounted()) << again->why_not();
+        }
         Progress p{};
         const auto pb = test::file_bytes(progress_path);
         ASSERT_EQ(pb.size(), sizeof p);
@@ -323,6 +380,28 @@ TEST(PowerCut, EverythingOlderThanTheSyncIntervalSurvives) {
     EXPECT_EQ(bad_rows, 0u);
     EXPECT_EQ(unindexed, 0u);
     EXPECT_LE(worst * kSecPerRound * 1000, static_cast<uint64_t>(kSyncMs) + 1000);
+}
+
+#endif
+
+TEST(PowerCut, EverythingOlderThanTheSyncIntervalSurvives) {
+#if !VRIX_SYNC_POINTS
+    GTEST_SKIP() << "sync points are compiled out in this build (Release)";
+#else
+    // The recorder runs here, once the library's own statics exist.
+    if (const char *recipe = std::getenv("VRIX_POWER_CUT_RECORDER")) recorder_main(recipe);
+    run_harness(false,
+                static_cast<int>(env_number("VRIX_CUTS", env_number("VRIX_LONG", 0) ? 20 : 4)));
+#endif
+}
+
+TEST(PowerCut, EverythingOlderThanTheSyncIntervalSurvivesOnFuse) {
+#if !VRIX_SYNC_POINTS
+    GTEST_SKIP() << "sync points are compiled out in this build (Release)";
+#else
+    if (const char *recipe = std::getenv("VRIX_POWER_CUT_RECORDER")) recorder_main(recipe);
+    run_harness(true,
+                static_cast<int>(env_number("VRIX_CUTS", env_number("VRIX_LONG", 0) ? 20 : 3)));
 #endif
 }
 

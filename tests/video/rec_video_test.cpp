@@ -2,6 +2,7 @@
 #include "rec_fixture.h"
 
 #include <sys/resource.h>
+#include <sys/stat.h>
 
 #include <csignal>
 #include <thread>
@@ -180,11 +181,14 @@ TEST_F(RecVideo, OpenRefusals) {
 
 TEST_F(RecVideo, DateDbThatCannotOpenStillGivesAContext) {
     close();
-    const std::string bad = root() + "/missing/dir";
+    // date.db is a directory there.
+    const std::string bad = root() + "/other";
+    ASSERT_EQ(mkdir(bad.c_str(), 0700), 0);
+    ASSERT_EQ(mkdir((bad + "/date.db").c_str(), 0700), 0);
     testing::internal::CaptureStdout();
     ctx = vrix_db_open_rec_video(bad.c_str(), 17);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              "vrix_db_open_rec_video : open sqlite fail\n");
+    const std::string out = testing::internal::GetCapturedStdout(); // then how it is synced
+    EXPECT_EQ(out.rfind("vrix_db_open_rec_video : open sqlite fail\n", 0), 0u) << out;
     ASSERT_NE(ctx, nullptr);
     EXPECT_EQ(ctx->pDateDb, nullptr);
 }
