@@ -27,6 +27,7 @@ bool reopen_event_db(SqlHandle &db, const char *path) {
         db = nullptr;
         return false;
     }
+    sql_submit(db, sql::kCommitsDurable, "");
     return true;
 }
 
@@ -94,6 +95,7 @@ extern "C" EventRecContext *vrix_db_open_rec_event(const char *root) {
         vrix_db_close_rec_event(ctx);
         return nullptr;
     }
+    submit_locked(date_mutex(), ctx->pDateDb, sql::kCommitsDurable);
     submit_locked(date_mutex(), ctx->pDateDb, sql::kCreateDateH);
     // Each commit of event.db syncs it; the syncer makes new day
     // directories durable.

@@ -16,6 +16,13 @@ inline constexpr char kInsertChannelDay[] = "insert into ch%d values(%d);";
 // stream files after a power loss, so commits do not wait for the disk; the
 // rollback journal is kept but not made and deleted again by every commit.
 inline constexpr char kIndexNoSync[] = "PRAGMA synchronous=OFF;PRAGMA journal_mode=PERSIST;";
+// date.db and event.db keep SQLite's rollback journal, deleted to commit.  The
+// deletion is a change of the directory's names: unless the directory is
+// synced after it, a power cut can bring the journal back and SQLite then
+// rolls the committed transaction back (a day's registration, an event).
+// EXTRA syncs the directory at each commit; commits there are rare (a day
+// registered, an event).
+inline constexpr char kCommitsDurable[] = "PRAGMA synchronous=EXTRA;";
 // A writer leaving a day's index takes its journal with it: a reader checks
 // an existing journal at every transaction (one more file opened), which only
 // the day being recorded should cost.

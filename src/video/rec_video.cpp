@@ -37,6 +37,7 @@ void open_date_db(RecContext &ctx) {
         log_text("vrix_db_open_rec_video : open sqlite fail");
         return;
     }
+    sql_submit(ctx.pDateDb, sql::kCommitsDurable, "");
     Sql q;
     for (int n = 1; n <= VRIX_VIDEO_CHANNELS; ++n) {
         format_into(q.text, sizeof q.text, sql::kCreateDateCh, n);

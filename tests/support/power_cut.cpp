@@ -82,6 +82,24 @@ void PowerCut::forget(const std::string &path) {
 void PowerCut::names_durable_in(const std::string &dir) {
     for (auto it = new_names_.begin(); it != new_names_.end();)
         it = parent_of(*it) == dir ? new_names_.erase(it) : std::next(it);
+    for (auto it = removed_.begin(); it != removed_.end();)
+        it = parent_of(it->first) == dir ? removed_.erase(it) : std::next(it);
+}
+
+// The file as its last sync left it: every change since undone, newest first.
+std::vector<unsigned char> PowerCut::synced_image(const Tracked &t) const {
+    const long long size = size_of(t.fd);
+    std::vector<unsigned char> b(static_cast<size_t>(size));
+    if (size && pread(t.fd, b.data(), b.size(), 0) != size) b.clear();
+    for (auto u = t.undo.rbegin(); u != t.undo.rend(); ++u) {
+        b.resize(static_cast<size_t>(u->size_before));
+        const size_t at = static_cast<size_t>(u->offset);
+        if (!u->old.empty()) {
+            if (b.size() < at + u->old.size()) b.resize(at + u->old.size());
+            std::copy(u->old.begin(), u->old.end(), b.begin() + static_cast<long>(at));
+        }
+    }
+    return b;
 }
 
 void PowerCut::before(const io::Access &a) {
@@ -121,8 +139,12 @@ void PowerCut::before(const io::Access &a) {
         if (a.with_name) names_durable_in(parent_of(path));
         break;
     case io::Op::Remove:
+        // A name removed is gone for good only once its directory is synced;
+        // until then a cut brings the file back as it was last synced.
+        if (!new_names_.erase(path) && exists(path)) {
+            if (const Tracked *t = track(path)) removed_[path] = synced_image(*t);
+        }
         forget(path);
-        new_names_.erase(path);
         if (last_.path == path) last_ = {};
         break;
     case io::Op::SyncDir:
@@ -132,6 +154,7 @@ void PowerCut::before(const io::Access &a) {
         for (auto &[p, t] : files_)
             t.undo.clear();
         new_names_.clear();
+        removed_.clear();
         last_ = {};
         break;
     case io::Op::Read:
@@ -154,16 +177,7 @@ void PowerCut::reorder(Tracked &t, uint32_t seed) {
     const long long now_size = size_of(t.fd);
     std::vector<unsigned char> now(static_cast<size_t>(now_size));
     if (now_size && pread(t.fd, now.data(), now.size(), 0) != now_size) return;
-    // The synced image: every change since the last sync undone, newest first.
-    std::vector<unsigned char> old = now;
-    for (auto u = t.undo.rbegin(); u != t.undo.rend(); ++u) {
-        old.resize(static_cast<size_t>(u->size_before));
-        const size_t at = static_cast<size_t>(u->offset);
-        if (!u->old.empty()) {
-            if (old.size() < at + u->old.size()) old.resize(at + u->old.size());
-            std::copy(u->old.begin(), u->old.end(), old.begin() + static_cast<long>(at));
-        }
-    }
+    const std::vector<unsigned char> old = synced_image(t);
     std::vector<unsigned char> out = old;
     for (size_t page = 0; page < std::min(old.size(), now.size()); page += kPage)
         if (rng() % 2) {
@@ -229,6 +243,15 @@ void PowerCut::put_back(Writeback wb, uint32_t seed) {
         std::filesystem::remove_all(n, ec);
     }
     new_names_.clear();
+    // Removals never made durable are undone (reordered writeback lands some).
+    for (const auto &[path, bytes] : removed_) {
+        if (wb == Writeback::Reordered && rng() % 2) continue;
+        const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+        if (fd < 0 || (!bytes.empty() && write(fd, bytes.data(), bytes.size()) < 0))
+            std::perror(path.c_str());
+        if (fd >= 0) close(fd);
+    }
+    removed_.clear();
 }
 
 void PowerCut::cut(int status, Writeback wb, uint32_t seed) {

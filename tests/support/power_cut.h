@@ -24,7 +24,8 @@ namespace vrix::test {
 
 // What reached the disk of what was not synced at the cut.
 enum class Writeback {
-    None,      // nothing: every file is its last synced image, new names vanish
+    None,      // nothing: every file is its last synced image, new names vanish,
+               // removed names come back
     TornLast,  // as None, but a random prefix of the last unsynced write lands
     Reordered, // the kernel wrote back in any order: each 4 KiB page a file had
                // at its last sync holds its old or its new bytes, a random prefix
@@ -73,11 +74,14 @@ class PowerCut : public io::Observer {
     void names_durable_in(const std::string &dir);
     void put_back(Writeback wb, uint32_t seed);
     void reorder(Tracked &t, uint32_t seed);
+    std::vector<unsigned char> synced_image(const Tracked &t) const;
 
     std::mutex gate_; // held across each operation, and for good by cut()
     std::map<std::string, Tracked> files_;
     std::set<std::string> new_names_; // files and directories not durable yet
-    LastWrite last_;                  // empty path: none unsynced
+    // Files removed since their directory was last synced, as last synced.
+    std::map<std::string, std::vector<unsigned char>> removed_;
+    LastWrite last_; // empty path: none unsynced
 };
 
 } // namespace vrix::test
