@@ -90,13 +90,6 @@ void write_out_locked(AudioRecContext &c) {
         write_channel(c, k);
 }
 
-// The syncer's side of the buffers.
-void write_out(void *context) {
-    auto &c = *static_cast<AudioRecContext *>(context);
-    const std::lock_guard hold(*c.pBufLock);
-    write_out_locked(c);
-}
-
 // The time of the record before `at` in a channel's file; 0 when none.
 int second_before(FILE *fp, long long at) {
     unsigned char head[12];
@@ -131,6 +124,16 @@ void settle(AudioRecContext &c) {
     format_into(q.text, sizeof q.text, sql::kDeleteRowsFrom, c.iHour, at);
     submit_locked(audio_mutex(), c.pAudioDb, q.text);
 }
+
+} // namespace
+
+void write_out_audio(void *context) {
+    auto &c = *static_cast<AudioRecContext *>(context);
+    const std::lock_guard hold(*c.pBufLock);
+    write_out_locked(c);
+}
+
+namespace {
 
 // The audio writer's side of the restart search: rows at or below the
 // shortest file's whole records `m`, checked in the first channel's file.
@@ -309,7 +312,7 @@ extern "C" AudioRecContext *vrix_db_open_rec_audio(const char *root, int count) 
         if (!(ctx->pChannels[k].pFrameBuf =
                   static_cast<unsigned char *>(std::calloc(1, kAudioBufSize))))
             return nullptr;
-    syncer_add({write_out, ctx.get(), ctx->strRoot});
+    syncer_add({write_out_audio, ctx.get(), ctx->strRoot});
     return ctx.release();
 }
 

@@ -55,3 +55,8 @@ struct AudioRecContext {
     long long llCutAt;
     int iWriteFailed; // the last write failed: the disk error is reported once
 };
+
+namespace vrix {
+// The syncer's side of the buffers: writes out every channel's records.
+void write_out_audio(void *context);
+} // namespace vrix

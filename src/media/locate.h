@@ -83,8 +83,8 @@ template <class Ctx> void close_playback(Ctx &c) {
 // first row forward and from its last row to play backward, so that play
 // across hours delivers every pass.
 template <class Media>
-int locate_in_day(typename Media::Context &c, Db &day, std::tm *t, int *pos, int *endPos,
-                  int *sec, bool own = true) {
+int locate_in_day(typename Media::Context &c, Db &day, std::tm *t, int *pos, int *endPos, int *sec,
+                  bool own = true) {
     Path p;
     if (!Media::day_db(p, c, *t) || !day.open(p.text)) {
         Media::open_failed();
@@ -135,8 +135,7 @@ int locate_in_day(typename Media::Context &c, Db &day, std::tm *t, int *pos, int
         if (!own)
             format_into(q.text, sizeof q.text, sql::kFirstId, t->tm_hour);
         else if (hint == -1)
-            format_into(q.text, sizeof q.text, fwd ? sql::kIdFrom : sql::kIdUpTo, t->tm_hour,
-                        *sec);
+            format_into(q.text, sizeof q.text, fwd ? sql::kIdFrom : sql::kIdUpTo, t->tm_hour, *sec);
         else
             format_into(q.text, sizeof q.text, fwd ? sql::kHintIdFrom : sql::kHintIdUpTo,
                         t->tm_hour, *sec, hint);

@@ -30,10 +30,9 @@ bool cut_stream(FILE *fp, long long offset) {
 }
 
 Written write_records(FILE *fp, const void *data, size_t len) {
-    // The writers always write at the end of what they keep; a position that
-    // cannot be told is the file's size.
-    long long at = ftello(fp);
-    if (at < 0) at = file_size(fp);
+    // The writers always write at the end of what they keep.  (ftello cannot
+    // tell: the C library does not count what a stream of ours wrote.)
+    const long long at = file_size(fp);
     const size_t w = len ? std::fwrite(data, 1, len, fp) : 0;
     if (w == len) return {true, at, w};
     // Half a record would be read as damage, and the next write would land

@@ -172,8 +172,8 @@ unsigned total_size(const Medium &m, struct tm *start, struct tm *end, const cha
     if (z < 0) return leave(); // no file, no bytes
     long long rows, bytes, after, rest;
     if (!s.rows_in(L, t2, z, rows, bytes, m.print_queries ? "1" : nullptr)) return leave();
-    const bool ends = s.rows_in(t2, INT_MAX, z, after, rest, m.print_queries ? "2" : nullptr) &&
-                      after > 0;
+    const bool ends =
+        s.rows_in(t2, INT_MAX, z, after, rest, m.print_queries ? "2" : nullptr) && after > 0;
     if (rows == 0 && !ends) return leave();
     const long long seconds = ends ? t2 - L : hour_span(H).end - L;
     R = T + static_cast<unsigned long long>(bytes) +

@@ -40,13 +40,22 @@ bool write_locked(RecChannel &c, int n, const void *data, int len, long long &cu
     return false;
 }
 
-// A failure the syncer met, taken over by the recording thread: the bytes
-// buffered since are dropped with the rest.  Under the buffer lock; the
-// offset the file was cut at, -1 for none.
+// The recording thread goes on where a failed write cut the file: the
+// buffer is dropped and the next frame stored must be a key frame.  Under
+// the buffer lock.
+void go_on_at(RecChannel &c, long long at) {
+    c.iBufLen = 0;
+    c.llOffset = at;
+    c.iWaitKey = 1;
+}
+
+// A failure the syncer met, taken over by the recording thread (the bytes
+// buffered since go with the rest).  Under the buffer lock; the offset the
+// file was cut at, -1 for none.
 long long take_failure(RecChannel &c) {
     if (!c.iCutPending) return -1;
     c.iCutPending = 0;
-    c.iBufLen = 0;
+    go_on_at(c, c.llCutAt);
     return c.llCutAt;
 }
 
@@ -54,19 +63,15 @@ long long take_failure(RecChannel &c) {
 // the offset a failure cut the file at, -1 for none.  Under the buffer lock.
 long long write_out_own(RecChannel &c, int n) {
     long long cut = take_failure(c);
-    if (cut < 0 && c.iBufLen) write_locked(c, n, c.pFrameBuf, c.iBufLen, cut);
+    if (cut < 0 && c.iBufLen && !write_locked(c, n, c.pFrameBuf, c.iBufLen, cut)) go_on_at(c, cut);
     c.iBufLen = 0;
     return cut;
 }
 
 // After a failed write cut the hour file at `cut` (-1: nothing failed): the
-// writer goes on from there, the rows of the frames lost go, waiting or
-// committed, and the next frame stored must be a key frame.
-void settle_cut(RecChannel &c, int n, long long cut) {
-    if (cut < 0) return;
-    c.llOffset = cut;
-    c.iWaitKey = 1;
-    if (c.iHour < 0) return;
+// rows of the frames lost go, waiting or committed.
+void drop_lost_rows(RecChannel &c, int n, long long cut) {
+    if (cut < 0 || c.iHour < 0) return;
     c.iSqlRows -= drop_rows_from(c.pSqlBuf, c.iSqlLen, c.iHour, cut);
     if (!c.pVideoDb) return;
     Sql q;
@@ -85,7 +90,7 @@ void close_hour_file(RecChannel &c, int n) {
         std::fclose(c.fpStream);
         c.fpStream = nullptr;
     }
-    settle_cut(c, n, cut);
+    drop_lost_rows(c, n, cut);
     c.llOffset = 0;
 }
 
@@ -272,11 +277,9 @@ long long store_frame(RecChannel &c, int n, const unsigned char *frame, int size
     const std::lock_guard hold(*c.pBufLock);
     auto failed = [&](long long at) {
         cut = cut < 0 ? at : std::min(cut, at);
-        c.llOffset = at;
-        c.iWaitKey = 1;
+        go_on_at(c, at);
     };
     cut = take_failure(c);
-    if (cut >= 0) failed(cut);
     if (kFrameBufSize - c.iBufLen <= size && c.iBufLen) {
         long long at;
         if (!write_locked(c, n, c.pFrameBuf, c.iBufLen, at)) failed(at);
@@ -356,8 +359,8 @@ extern "C" void vrix_db_rec_video(RecContext *ctx, const void *frame, int size) 
     sec_to_tm(&tm, f.sec);
     if (c.iWaitKey && !f.key) return;
     const bool first_hour = c.iYear == 0;
-    const bool new_day = first_hour || c.iYear != tm.tm_year || c.iMon != tm.tm_mon ||
-                         c.iMday != tm.tm_mday;
+    const bool new_day =
+        first_hour || c.iYear != tm.tm_year || c.iMon != tm.tm_mon || c.iMday != tm.tm_mday;
     // The hour file being left is written out while its hour and day are
     // still the channel's: a failure there drops the rows it names.
     if (new_day || c.iHour != tm.tm_hour) close_hour_file(c, n);
@@ -399,7 +402,7 @@ extern "C" void vrix_db_rec_video(RecContext *ctx, const void *frame, int size) 
     // frames are a new pass of the hour, after the first in the file.
     long long cut;
     const long long at = store_frame(c, n, bytes, size, f.key, cut);
-    settle_cut(c, n, cut);
+    drop_lost_rows(c, n, cut);
     if (at >= 0 && f.key) index_key_frame(*ctx, c, n, f.sec, frame_scale(f), at);
 }
 
@@ -418,7 +421,7 @@ extern "C" void vrix_db_rec_video_flush(RecContext *ctx, int ch) {
         const std::lock_guard hold(*c.pBufLock);
         if (c.fpStream) cut = write_out_own(c, ch);
     }
-    settle_cut(c, ch, cut);
+    drop_lost_rows(c, ch, cut);
 }
 
 extern "C" int db_chech_video_dir(RecContext *ctx, const char *day, int dayStart) {
