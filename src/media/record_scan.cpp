@@ -98,7 +98,8 @@ ScanEnd index_from(FILE *fp, long long from, long long size, int hour, bool vide
     Sql q;
     submit_busy(db, sql::kBegin);
     sql_submit(db, sql::kCreateHourH, "");
-    // From 0 every row is made again from the file, so in time order.
+    // From 0 every row is made again from the file: the table gets the index
+    // on its times.
     create_hour_table(db, hour, from == 0);
     format_into(q.text, sizeof q.text, sql::kInsertHourOnce, hour, hour);
     sql_submit(db, q.text, "");
