@@ -71,7 +71,7 @@ struct Unit {
 
 // What a hour file holds, decoded into the units handed over.
 struct Decoded {
-    std::vector<int> units; // index of each record's unit
+    std::vector<int> units; // index of each record's unit (-1: none)
     std::vector<long long> offsets;
     bool whole = true; // only whole records of known units
 };
@@ -139,27 +139,25 @@ class Medium {
         return root_ + "/20240310/" +
                (video_ ? "video/" + std::to_string(kCh) + "/video.db" : "audio/audio.db");
     }
-    // The hour file of channel k as units; the other audio channel must agree.
+    // The unit a record of channel k is, by the sequence number in its third
+    // word, or -1 when its bytes are not that unit's.
+    int identify(const unsigned char *rec, size_t len, int k) const {
+        uint32_t seq = 0;
+        std::memcpy(&seq, rec + 8, 4);
+        return seq < units.size() && units[seq].bytes[k] == Bytes(rec, rec + len) ? int(seq) : -1;
+    }
+    // The hour file of channel k as units.
     Decoded decode(int hour, int k = 0) const {
         Decoded d;
         const Bytes b = file_bytes(stream(hour, k));
-        std::map<Bytes, int> known;
-        for (size_t i = 0; i < units.size(); ++i)
-            known[units[i].bytes[k]] = static_cast<int>(i);
-        for (size_t at = 0; at < b.size();) {
-            size_t len = 60;
-            if (video_) {
-                len = b.size() - at >= 16 ? 16 + (b[at] | b[at + 1] << 8 | b[at + 2] << 16) : 0;
-            }
-            const auto it =
-                len && b.size() - at >= len
-                    ? known.find(Bytes(b.begin() + long(at), b.begin() + long(at + len)))
-                    : known.end();
-            if (it == known.end()) {
-                d.whole = false;
-                break;
-            }
-            d.units.push_back(it->second);
+        for (size_t at = 0; at < b.size() && d.whole;) {
+            const size_t left = b.size() - at;
+            const size_t len = !video_      ? 60
+                               : left >= 16 ? 16 + (b[at] | b[at + 1] << 8 | b[at + 2] << 16)
+                                            : 0;
+            const int u = len >= 16 && left >= len ? identify(b.data() + at, len, k) : -1;
+            d.whole = u >= 0;
+            d.units.push_back(u);
             d.offsets.push_back(static_cast<long long>(at));
             at += len;
         }
@@ -186,43 +184,29 @@ class Medium {
     // Units delivered playing channel 1 from `from`, forward or backward.
     std::vector<int> play(int from, bool forward) const {
         std::vector<int> got;
-        std::map<Bytes, int> known;
-        for (size_t i = 0; i < units.size(); ++i)
-            known[units[i].bytes[0]] = static_cast<int>(i);
         std::tm t = local_tm(from);
-        auto id = [&](const void *buf, int len, int sec, int word) {
-            Bytes b(16 + static_cast<size_t>(len));
-            if (!video_) {
-                b.assign(static_cast<const unsigned char *>(buf),
-                         static_cast<const unsigned char *>(buf) + len);
-            } else {
-                const uint32_t w[4] = {static_cast<uint32_t>(len), static_cast<uint32_t>(sec),
-                                       static_cast<uint32_t>(word), 0};
-                std::memcpy(b.data(), w, 16);
-                std::memcpy(b.data() + 16, buf, static_cast<size_t>(len));
-            }
-            const auto it = known.find(b);
-            got.push_back(it == known.end() ? -1 : it->second);
-        };
+        Bytes b;
+        void *buf = nullptr;
         if (video_) {
             PlayContext *p = vrix_db_open_get_video(&t, nullptr, kCh, 1 << 16, root_.c_str());
-            for (int n = 0;
-                 p && n < 5000 && (forward ? vrix_db_next_video(p) : vrix_db_pre_video(p)) == 1;
-                 ++n) {
-                void *buf = nullptr;
+            while (p && got.size() < 5000 &&
+                   (forward ? vrix_db_next_video(p) : vrix_db_pre_video(p)) == 1) {
                 const int len = vrix_db_get_video(p, &buf);
-                int sec = 0, word = 0;
-                vrix_db_video_get_current_time(p, &sec, &word);
-                id(buf, len, sec, word);
+                int w[4] = {len, 0, 0, 0};
+                vrix_db_video_get_current_time(p, &w[1], &w[2]);
+                b.assign(reinterpret_cast<unsigned char *>(w),
+                         reinterpret_cast<unsigned char *>(w + 4));
+                b.insert(b.end(), static_cast<unsigned char *>(buf),
+                         static_cast<unsigned char *>(buf) + len);
+                got.push_back(identify(b.data(), b.size(), 0));
             }
             vrix_db_close_get_video(p);
         } else {
             AudioPlayContext *p = vrix_db_open_get_audio(&t, nullptr, 1, 64, root_.c_str());
-            for (int n = 0;
-                 p && n < 20000 && (forward ? vrix_db_next_audio(p) : vrix_db_pre_audio(p)) == 1;
-                 ++n) {
-                void *buf = nullptr;
-                id(buf, vrix_db_get_audio(p, &buf), 0, 0);
+            while (p && got.size() < 20000 &&
+                   (forward ? vrix_db_next_audio(p) : vrix_db_pre_audio(p)) == 1) {
+                const int len = vrix_db_get_audio(p, &buf);
+                got.push_back(identify(static_cast<unsigned char *>(buf), size_t(len), 0));
             }
             vrix_db_close_get_audio(p);
         }
