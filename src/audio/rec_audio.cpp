@@ -206,7 +206,8 @@ bool open_hour_files(AudioRecContext &c, const char *audio_dir, int hour) {
         // Behind unindexed records the next block starts a row of its own.
         c.iLastSec = kept.end == end ? kept.last_sec : 0;
     }
-    // Nothing but whole records of this hour lies behind new records.
+    // Every file ends where the next record goes: a torn tail and what one
+    // channel holds beyond the others are cut.
     for (int k = 0; k < c.iChannelCount; ++k) {
         cut_stream(c.pChannels[k].fpStream, end);
         c.pChannels[k].llOffset = end;
