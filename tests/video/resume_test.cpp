@@ -231,22 +231,6 @@ TEST_F(RecVideo, UnreadableIndexNeverCutsTheFile) {
     EXPECT_EQ(walk(stream(5, 10)).frames, (std::vector<Bytes>{k1, k2}));
 }
 
-// The clock set back into an hour whose rows still wait: they are committed
-// before the restart point is read, so it is the true last key frame.
-TEST_F(RecVideo, ClockSetBackIntoAnHourWithWaitingRows) {
-    const Bytes a = make_frame(1, kHour10, true, 100, 2),
-                b = make_frame(1, kHour10 + 1, true, 100, 2);
-    record(ctx, a);
-    record(ctx, b);
-    record(ctx, make_frame(1, kHour10 + 3600, true, 100, 2));
-    const Bytes c = make_frame(1, kHour10 + 2, true, 100, 0);
-    record(ctx, c); // back in hour 10
-    close();
-    EXPECT_EQ(walk(stream(1, 10)).frames, (std::vector<Bytes>{a, b, c}));
-    EXPECT_EQ(offsets(video_db(1), 10), "0 116 232");
-    EXPECT_EQ(offsets(video_db(1), 11), "0");
-}
-
 // A process that ended before the first commit of its hour left whole frames
 // that no row names, and playback skips an hour without rows.  A writer that
 // starts in a later hour indexes them: in the same day, or across midnight.
