@@ -68,7 +68,8 @@ void close_channel_file(AudioRecChannel &ch) {
 // ran.
 void write_channel(AudioRecContext &c, int k) {
     AudioRecChannel &ch = c.pChannels[k];
-    if (!ch.fpStream || !ch.iBufLen || c.iCutPending) {
+    if (!ch.fpStream || !ch.iBufLen) return;
+    if (c.iCutPending) {
         ch.iBufLen = 0;
         return;
     }

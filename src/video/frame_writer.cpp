@@ -99,14 +99,11 @@ void write_out_buffers(void *rec_context) {
     for (int n = 1; n < ctx.iChannelCount; ++n) {
         RecChannel &c = ctx.pChannels[n];
         const std::lock_guard hold(*c.pBufLock);
-        // Bytes buffered after a failure are dropped: their rows name offsets
-        // the cut file no longer has.
-        if (!c.fpStream || c.iCutPending || !c.iBufLen) {
-            c.iBufLen = 0;
-            continue;
-        }
+        if (!c.fpStream || !c.iBufLen) continue;
+        // Bytes buffered after a failure are dropped unwritten: their rows
+        // name offsets the cut file no longer has.
         long long cut;
-        if (!write_locked(c, n, c.pFrameBuf, c.iBufLen, cut)) {
+        if (!c.iCutPending && !write_locked(c, n, c.pFrameBuf, c.iBufLen, cut)) {
             c.iCutPending = 1;
             c.llCutAt = cut;
         }

@@ -225,8 +225,11 @@ class Medium {
     AudioRecContext *arec_ = nullptr;
 };
 
+// The library's lines, from whichever thread reports.
+std::mutex g_lines_mutex;
 std::vector<std::string> g_lines;
 void keep_line(const char *line, void *) {
+    const std::lock_guard hold(g_lines_mutex);
     g_lines.emplace_back(line);
 }
 
@@ -252,7 +255,10 @@ class DiskFull : public testing::TestWithParam<Case> {
         exec(dir / "date.db", "insert into H values(" + std::to_string(kDay) + ");");
         while (msgrcv(app_queue(), nullptr, 0, 0, IPC_NOWAIT | MSG_NOERROR) >= 0) {
         }
-        g_lines.clear();
+        {
+            const std::lock_guard hold(g_lines_mutex);
+            g_lines.clear();
+        }
         vrix_db_set_log(keep_line, nullptr);
     }
     void TearDown() override {
@@ -345,10 +351,14 @@ TEST_P(DiskFull, EveryWriteErrorLeavesAConsistentFile) {
     m.close();
 
     // One line and one notice for the episode.
-    const auto reports = std::count_if(g_lines.begin(), g_lines.end(), [](const std::string &l) {
-        return l.find("fwrite iRet") != std::string::npos;
-    });
-    EXPECT_EQ(reports, 1);
+    {
+        const std::lock_guard hold(g_lines_mutex);
+        EXPECT_EQ(std::count_if(g_lines.begin(), g_lines.end(),
+                                [](const std::string &l) {
+                                    return l.find("fwrite iRet") != std::string::npos;
+                                }),
+                  1);
+    }
     NotifyMessage msg{};
     ASSERT_GE(msgrcv(app_queue(), &msg, VRIX_MSG_TEXT_SIZE, 0, IPC_NOWAIT), 0);
     EXPECT_EQ(msg.mtext[0], VRIX_MSG_DISK_ERROR);
