@@ -58,35 +58,83 @@ void open_hour_db(AudioRecContext &c, const char *audio_dir, int hour) {
 
 void close_channel_file(AudioRecChannel &ch) {
     if (!ch.fpStream) return;
-    write_bytes(ch.fpStream, ch.pFrameBuf, static_cast<size_t>(ch.iBufLen));
     std::fclose(ch.fpStream);
     ch.fpStream = nullptr;
     ch.iBufLen = 0;
 }
 
-// Writes out a channel's buffered records; the caller holds pBufLock.
-void write_channel(AudioRecChannel &ch) {
+// Writes out channel k's buffered records; the caller holds pBufLock.  A
+// failed write leaves its cut for settle(); the buffers are dropped until it
+// ran.
+void write_channel(AudioRecContext &c, int k) {
+    AudioRecChannel &ch = c.pChannels[k];
     if (!ch.fpStream || !ch.iBufLen) return;
-    const size_t w = write_bytes(ch.fpStream, ch.pFrameBuf, static_cast<size_t>(ch.iBufLen));
-    if (w < static_cast<size_t>(ch.iBufLen)) {
-        log_text("rec audio : ide error");
-        send_message(g_iVrixDbSendMq, g_IdeErrMsg);
+    if (c.iCutPending) {
+        ch.iBufLen = 0;
+        return;
     }
-    std::fflush(ch.fpStream);
+    const Written w = write_records(ch.fpStream, ch.pFrameBuf, static_cast<size_t>(ch.iBufLen));
+    if (w.whole) {
+        c.iWriteFailed = 0;
+    } else {
+        if (!c.iWriteFailed)
+            report_short_write("rec audio", k + 1, w.written, static_cast<size_t>(ch.iBufLen));
+        c.iWriteFailed = 1;
+        c.iCutPending = 1;
+        c.llCutAt = w.at;
+    }
     ch.iBufLen = 0;
 }
 
 void write_out_locked(AudioRecContext &c) {
     for (int k = 0; k < c.iChannelCount; ++k)
-        write_channel(c.pChannels[k]);
+        write_channel(c, k);
 }
 
-// The syncer's side of the buffers.
-void write_out(void *context) {
+// The time of the record before `at` in a channel's file; 0 when none.
+int second_before(FILE *fp, long long at) {
+    unsigned char head[12];
+    int32_t sec = 0;
+    uint32_t w;
+    const bool read = fp && at >= VRIX_AUDIO_RECORD_SIZE &&
+                      fseeko(fp, at - VRIX_AUDIO_RECORD_SIZE, SEEK_SET) == 0 &&
+                      std::fread(head, 1, sizeof head, fp) == sizeof head;
+    if (fp) std::clearerr(fp);
+    return read && parse_audio_record(head, sec, w) ? sec : 0;
+}
+
+// After a failed write: every channel's file goes back to where that write
+// began (the rows name offsets of all channels alike), and the rows of the
+// records lost go, waiting or committed.  The caller holds pBufLock.
+void settle(AudioRecContext &c) {
+    if (!c.iCutPending) return;
+    c.iCutPending = 0;
+    const long long at = c.llCutAt;
+    // The next block starts a row unless it goes on in the second kept last.
+    c.iLastSec = second_before(c.pChannels[0].fpStream, at);
+    for (int k = 0; k < c.iChannelCount; ++k) {
+        AudioRecChannel &ch = c.pChannels[k];
+        ch.iBufLen = 0;
+        ch.llOffset = at;
+        if (ch.fpStream) cut_stream(ch.fpStream, at);
+    }
+    if (c.iHour < 0 || !c.pSqlBuf) return;
+    c.iSqlRows -= drop_rows_from(c.pSqlBuf, c.iSqlLen, c.iHour, at);
+    if (!c.pAudioDb) return;
+    Sql q;
+    format_into(q.text, sizeof q.text, sql::kDeleteRowsFrom, c.iHour, at);
+    submit_locked(audio_mutex(), c.pAudioDb, q.text);
+}
+
+} // namespace
+
+void write_out_audio(void *context) {
     auto &c = *static_cast<AudioRecContext *>(context);
     const std::lock_guard hold(*c.pBufLock);
     write_out_locked(c);
 }
+
+namespace {
 
 // The audio writer's side of the restart search: rows at or below the
 // shortest file's whole records `m`, checked in the first channel's file.
@@ -142,14 +190,25 @@ bool open_hour_files(AudioRecContext &c, const char *audio_dir, int hour) {
         log_line("rec audio : index of hour %d unreadable , continuing at %lld\n", hour, m);
     } else {
         // Every channel keeps the whole valid records all of them have from
-        // the restart point on; their seconds are indexed.
-        for (int k = 0; k < c.iChannelCount; ++k)
-            end = std::min(end, scan_end(c.pChannels[k].fpStream, restart, m, hour, false).end);
+        // the restart point on, and what lies behind a record the scan
+        // rejects unless that is a torn tail; the first channel's seconds are
+        // indexed.
+        for (int k = 0; k < c.iChannelCount; ++k) {
+            const ScanEnd e = scan_end(c.pChannels[k].fpStream, restart, m, hour, false);
+            if (e.end < m && e.torn)
+                end = std::min(end, e.end);
+            else if (e.end < m)
+                log_line("rec audio : ch%d hour %d record at %lld unreadable , %lld bytes behind "
+                         "it kept\n",
+                         k + 1, hour, e.end, m - e.end);
+        }
         const ScanEnd kept = index_from(c.pChannels[0].fpStream, restart, end, hour, false,
                                         audio_mutex(), c.pAudioDb);
-        c.iLastSec = kept.last_sec;
+        // Behind unindexed records the next block starts a row of its own.
+        c.iLastSec = kept.end == end ? kept.last_sec : 0;
     }
-    // Nothing but whole records of this hour lies behind new records.
+    // Every file ends where the next record goes: a torn tail and what one
+    // channel holds beyond the others are cut.
     for (int k = 0; k < c.iChannelCount; ++k) {
         cut_stream(c.pChannels[k].fpStream, end);
         c.pChannels[k].llOffset = end;
@@ -201,11 +260,21 @@ bool new_hour(AudioRecContext &c, int t, const std::tm &tm, bool date_changed, u
     return open_hour_files(c, audio.text, tm.tm_hour);
 }
 
+// Room for one more record in every buffer: full buffers are written out
+// (a failure cuts the files back first).
+void make_room(AudioRecContext &c) {
+    bool full = false;
+    for (int k = 0; k < c.iChannelCount; ++k)
+        full = full || kAudioBufSize - c.pChannels[k].iBufLen <= VRIX_AUDIO_RECORD_SIZE;
+    if (!full) return;
+    write_out_locked(c);
+    settle(c);
+}
+
 void store_block(AudioRecContext &c, const unsigned char *block) {
     for (int k = 0; k < c.iChannelCount; ++k) {
         AudioRecChannel &ch = c.pChannels[k];
         if (!ch.fpStream) continue;
-        if (kAudioBufSize - ch.iBufLen <= VRIX_AUDIO_RECORD_SIZE) write_channel(ch);
         unsigned char *rec = ch.pFrameBuf + ch.iBufLen;
         std::memcpy(rec, c.Header, sizeof c.Header);
         std::memcpy(rec + sizeof c.Header, block + VRIX_AUDIO_PIECE_SIZE * k,
@@ -245,7 +314,7 @@ extern "C" AudioRecContext *vrix_db_open_rec_audio(const char *root, int count) 
         if (!(ctx->pChannels[k].pFrameBuf =
                   static_cast<unsigned char *>(std::calloc(1, kAudioBufSize))))
             return nullptr;
-    syncer_add({write_out, ctx.get(), ctx->strRoot});
+    syncer_add({write_out_audio, ctx.get(), ctx->strRoot});
     return ctx.release();
 }
 
@@ -254,6 +323,11 @@ extern "C" void vrix_db_close_rec_audio(AudioRecContext *ctx) {
     if (!ctx) return;
     syncer_remove(ctx);
     forget_live_hours(ctx);
+    if (ctx->pChannels && ctx->pBufLock) {
+        const std::lock_guard hold(*ctx->pBufLock);
+        write_out_locked(*ctx);
+        settle(*ctx);
+    }
     std::free(ctx->pSqlBuf);
     db_free_sqlite(ctx->pIntResult, 1);
     db_free_sqlite(ctx->pOffsetResult, 1);
@@ -284,11 +358,19 @@ extern "C" void vrix_db_rec_audio(AudioRecContext *ctx, const void *block) {
         return;
     }
     const std::lock_guard hold(*ctx->pBufLock);
+    settle(*ctx); // a failure of the syncer's write-out
     std::tm tm{};
     sec_to_tm(&tm, t);
     bool date_changed = false;
-    if (ctx->iYear == 0 || ctx->iYear != tm.tm_year || ctx->iMon != tm.tm_mon ||
-        ctx->iMday != tm.tm_mday) {
+    const bool new_day = ctx->iYear == 0 || ctx->iYear != tm.tm_year || ctx->iMon != tm.tm_mon ||
+                         ctx->iMday != tm.tm_mday;
+    if (new_day || ctx->iHour != tm.tm_hour) {
+        // The hour being left is written out while its hour and day are
+        // still the context's: a failure there drops the rows it names.
+        write_out_locked(*ctx);
+        settle(*ctx);
+    }
+    if (new_day) {
         ctx->iYear = tm.tm_year;
         ctx->iMon = tm.tm_mon;
         ctx->iMday = tm.tm_mday;
@@ -308,20 +390,18 @@ extern "C" void vrix_db_rec_audio(AudioRecContext *ctx, const void *block) {
         note_live_hour(ctx, 0, ctx->strRoot, day_start(t, tm), tm.tm_hour);
         if (!new_hour(*ctx, t, tm, date_changed, w)) return;
     }
-    // An hour file's times never go back: resume and repair read a time below
-    // the one before as the end of the valid records.
-    if (t < ctx->iLastSec) {
-        log_line("vrix_db_rec_audio : drop block , time %d before %d\n", t, ctx->iLastSec);
-        return;
-    }
-    const bool index = ctx->iLastSec == 0 || ctx->iLastSec != t;
+    // Times may go back within an hour file (the clock was set back): the
+    // blocks are a new pass of the hour.  A row starts every run of records
+    // of one second.
+    store_le32(ctx->Header, VRIX_AUDIO_PIECE_SIZE);
+    store_le32(ctx->Header + 4, static_cast<uint32_t>(t));
+    store_le32(ctx->Header + 8, w);
+    make_room(*ctx);
+    const bool index = ctx->iLastSec != t;
     if (index) {
         ctx->iLastSec = t;
         ctx->llIndexOffset = ctx->pChannels[0].llOffset;
     }
-    store_le32(ctx->Header, VRIX_AUDIO_PIECE_SIZE);
-    store_le32(ctx->Header + 4, static_cast<uint32_t>(t));
-    store_le32(ctx->Header + 8, w);
     store_block(*ctx, b);
     if (index &&
         append_index_row(ctx->pSqlBuf, kAudioSqlBufSize, ctx->iSqlLen, ctx->iHour, t,
@@ -336,4 +416,5 @@ extern "C" void vrix_db_rec_audio_flush(AudioRecContext *ctx) {
     commit_rows(*ctx);
     const std::lock_guard hold(*ctx->pBufLock);
     write_out_locked(*ctx);
+    settle(*ctx);
 }

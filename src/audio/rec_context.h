@@ -32,7 +32,7 @@ struct AudioRecContext {
     SqlHandle pAudioDb;         // the day's audio.db, reopened every hour
     unsigned char Header[12];   // 48, seconds, second time word
     long long llIndexOffset;    // offset of the first record of the current second
-    int iLastSec;               // seconds of the last indexed record; 0 = none
+    int iLastSec;               // seconds of the last record stored; 0 = none
     int iPacing;                // the second time word is being paced
     int iPacedWord;
     int iRecSize; // 60
@@ -48,4 +48,15 @@ struct AudioRecContext {
     // Guards the channels' buffers and files against the syncer's write-out;
     // held by the recording thread for the whole of a block.
     std::mutex *pBufLock;
+    // A write failed and cut its file at llCutAt: every channel goes back
+    // there at the recording thread's next step (the channels share the
+    // index's offsets); until then the buffers are dropped, not written.
+    int iCutPending;
+    long long llCutAt;
+    int iWriteFailed; // the last write failed: the disk error is reported once
 };
+
+namespace vrix {
+// The syncer's side of the buffers: writes out every channel's records.
+void write_out_audio(void *context);
+} // namespace vrix

@@ -3,6 +3,7 @@
 #include "store/schema.h"
 
 #include <cstdio>
+#include <cstring>
 
 namespace vrix {
 
@@ -16,6 +17,29 @@ bool append_index_row(char *batch, int size, int &len, int hour, int sec, long l
     }
     len += n;
     return true;
+}
+
+int drop_rows_from(char *batch, int &len, int hour, long long from) {
+    int kept = 0, dropped = 0;
+    for (int at = 0; at < len;) {
+        const char *end = std::strchr(batch + at, ';');
+        const int next = end ? static_cast<int>(end - batch) + 1 : len;
+        int h = -1, sec = 0;
+        long long offset = -1;
+        const bool goes = std::sscanf(batch + at, "insert into h%d values(NULL,%d,%lld);", &h, &sec,
+                                      &offset) == 3 &&
+                          h == hour && offset >= from;
+        if (goes) {
+            ++dropped;
+        } else {
+            std::memmove(batch + kept, batch + at, static_cast<size_t>(next - at));
+            kept += next - at;
+        }
+        at = next;
+    }
+    len = kept;
+    batch[len] = '\0';
+    return dropped;
 }
 
 } // namespace vrix

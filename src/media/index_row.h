@@ -14,6 +14,10 @@ namespace vrix {
 // bytes holding `len`; false (nothing appended) when it would not fit.
 bool append_index_row(char *batch, int size, int &len, int hour, int sec, long long offset);
 
+// Removes from a batch the rows of hour `hour` whose offset is `from` or
+// beyond (frames a failed write lost); returns how many went.
+int drop_rows_from(char *batch, int &len, int hour, long long from);
+
 // What an index row of a playing hour turned out to be: one that agrees with
 // its record, no such row, a row naming something else, a row whose record
 // runs past the end of the file as it is now, or an index that kept failing.

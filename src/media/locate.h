@@ -74,9 +74,17 @@ template <class Ctx> void close_playback(Ctx &c) {
 // (*pos, *endPos written, the hour's stream installed), 0 the hour is not
 // usable, -1 the day is not.  `t` and `*sec` move to the hour tried.
 // `day` is the connection used; on 1 it is left open for the caller to keep.
+//
+// Rows follow the file, and a clock set back makes a time recur in an hour
+// (a second pass).  `own`: `*sec` is the time asked for, and in its own hour
+// the position is the earliest time at or after it, its first pass (forward),
+// or the latest at or before it, its last pass (backward).  An hour entered
+// otherwise (crossed into, or the next recorded one) is played from its
+// first row forward and from its last row to play backward, so that play
+// across hours delivers every pass.
 template <class Media>
-int locate_in_day(typename Media::Context &c, Db &day, std::tm *t, int *pos, int *endPos,
-                  int *sec) {
+int locate_in_day(typename Media::Context &c, Db &day, std::tm *t, int *pos, int *endPos, int *sec,
+                  bool own = true) {
     Path p;
     if (!Media::day_db(p, c, *t) || !day.open(p.text)) {
         Media::open_failed();
@@ -87,6 +95,7 @@ int locate_in_day(typename Media::Context &c, Db &day, std::tm *t, int *pos, int
     format_into(q.text, sizeof q.text, fwd ? sql::kHourFrom : sql::kHourUpTo, t->tm_hour);
     int h;
     if (!day.value(c.pIntResult, q.text, h) || h < 0 || h > 23) return -1;
+    own = own && h == t->tm_hour;
     if (h != t->tm_hour) {
         *sec = static_cast<int>(fwd ? hour_start_of(*sec, h) : hour_start_of(*sec, h + 1) - 1);
         t->tm_hour = h;
@@ -98,19 +107,12 @@ int locate_in_day(typename Media::Context &c, Db &day, std::tm *t, int *pos, int
     if (!Media::stream(p, c, *t, t->tm_hour) || !(stream = File(io::open_file(p.text, "rb"))))
         return 0;
 
-    // A table with its index on the times is searched through it.
-    format_into(q.text, sizeof q.text, sql::kSecIndexExists, t->tm_hour);
-    int by_sec = 0;
-    if (!day.value(c.pIntResult, q.text, by_sec)) by_sec = 0;
-    const char *id_up_to = by_sec ? sql::kIdUpToBySec : sql::kIdUpTo;
-    const char *id_from = by_sec ? sql::kIdFromBySec : sql::kIdFrom;
-
     // The last row to play: up to the end time when it lies in this hour.
     const std::tm e = fields_of(c.iEndSec);
     const bool end_here = e.tm_year == t->tm_year && e.tm_mon == t->tm_mon &&
                           e.tm_mday == t->tm_mday && e.tm_hour == t->tm_hour;
     if (end_here)
-        format_into(q.text, sizeof q.text, id_up_to, t->tm_hour, c.iEndSec);
+        format_into(q.text, sizeof q.text, sql::kLastIdUpTo, t->tm_hour, c.iEndSec);
     else
         format_into(q.text, sizeof q.text, sql::kLastId, t->tm_hour);
     int last;
@@ -123,33 +125,30 @@ int locate_in_day(typename Media::Context &c, Db &day, std::tm *t, int *pos, int
         return 0;
     }
 
-    // The position: the first row at or after the time (forward), the last
-    // at or before it (backward); with a hint, near the hinted row.
-    if (c.iHintPos == -1) {
-        format_into(q.text, sizeof q.text, fwd ? id_from : id_up_to, t->tm_hour, *sec);
-    } else {
-        const int hint = c.iHintPos;
-        c.iHintPos = -1;
-        format_into(q.text, sizeof q.text, fwd ? sql::kHintSecFrom : sql::kHintSecUpTo, t->tm_hour,
-                    *sec, hint);
-        int s;
-        if (!day.value(c.pIntResult, q.text, s)) {
-            Media::hint_missed(c);
+    // The position: in the time's own hour the first row at or after it
+    // (forward), the last at or before it (backward), near the hinted row
+    // when there is one; else the hour's first row, or its last to play.
+    const int hint = c.iHintPos;
+    c.iHintPos = -1;
+    int found = last;
+    if (own || fwd) {
+        if (!own)
+            format_into(q.text, sizeof q.text, sql::kFirstId, t->tm_hour);
+        else if (hint == -1)
+            format_into(q.text, sizeof q.text, fwd ? sql::kIdFrom : sql::kIdUpTo, t->tm_hour, *sec);
+        else
+            format_into(q.text, sizeof q.text, fwd ? sql::kHintIdFrom : sql::kHintIdUpTo,
+                        t->tm_hour, *sec, hint);
+        const int rows = retry_busy(
+            [&] {
+                const int r = query_locked(day.mutex(), day.get(), q.text, "%d", c.pIntResult);
+                return r < 0 ? kBusy : r;
+            },
+            Media::kAttempts);
+        if (rows <= 0 || !holder_int(c.pIntResult, found)) {
+            if (rows >= 0) Media::position_missing(q.text, rows);
             return 0;
         }
-        format_into(q.text, sizeof q.text, fwd ? sql::kHintIdFrom : sql::kHintIdUpTo, t->tm_hour, s,
-                    hint);
-    }
-    const int rows = retry_busy(
-        [&] {
-            const int r = query_locked(day.mutex(), day.get(), q.text, "%d", c.pIntResult);
-            return r < 0 ? kBusy : r;
-        },
-        Media::kAttempts);
-    int found;
-    if (rows <= 0 || !holder_int(c.pIntResult, found)) {
-        if (rows >= 0) Media::position_missing(q.text, rows);
-        return 0;
     }
     *pos = found;
     *endPos = last;
@@ -191,6 +190,9 @@ template <class Media> int locate(typename Media::Context &c, int sec, int direc
     // Every hour tried lies beyond the one before in the direction of the
     // search: a calendar mistake ends the search instead of looping.
     long long tried = direction == 1 ? LLONG_MIN : LLONG_MAX;
+    // Only a first location starts from the time asked for; a crossing, and
+    // every hour tried after the first, is entered at its first (last) row.
+    bool asked = c.iDirection == 0;
     for (;;) {
         if (direction == 1 && s > c.iEndSec) return 0;
         if (c.iDirection == 1)
@@ -217,7 +219,8 @@ template <class Media> int locate(typename Media::Context &c, int sec, int direc
         }
         int at = static_cast<int>(s);
         Db day(Media::mutex(c));
-        const int r = locate_in_day<Media>(c, day, &tm, &pos, &endPos, &at);
+        const int r = locate_in_day<Media>(c, day, &tm, &pos, &endPos, &at, asked && d == midnight);
+        asked = false;
         if (direction == 1 ? at < s : at > s) return went_back(at, s);
         s = tried = at;
         if (r == 1) {

@@ -5,6 +5,8 @@
 #include "store/records.h"
 #include "store/schema.h"
 
+#include <algorithm>
+
 namespace vrix {
 
 namespace {
@@ -20,7 +22,7 @@ bool read_at(FILE *fp, long long offset, unsigned char *out, size_t n) {
 } // namespace
 
 bool RecordScan::in_hour(int sec) {
-    if (sec <= 0 || sec < last_sec_) return false;
+    if (sec <= 0) return false;
     if (sec == last_sec_) return true;
     const std::tm tm = fields_of(sec);
     if (tm.tm_hour != hour_) return false;
@@ -31,31 +33,51 @@ bool RecordScan::in_hour(int sec) {
     return tm.tm_yday == day_ && tm.tm_year == year_;
 }
 
+bool RecordScan::zeros_to_end() const {
+    unsigned char block[4096];
+    for (long long at = at_; at < size_;) {
+        const size_t n = static_cast<size_t>(std::min<long long>(size_ - at, sizeof block));
+        if (!read_at(fp_, at, block, n)) return false; // could not check: kept
+        for (size_t i = 0; i < n; ++i)
+            if (block[i]) return false;
+        at += static_cast<long long>(n);
+    }
+    return true;
+}
+
 bool RecordScan::next(ScannedRecord &r) {
     unsigned char head[kVideoHead];
     const size_t want = video_ ? kVideoHead : 12;
-    if (size_ - at_ < static_cast<long long>(want) || !read_at(fp_, at_, head, want)) return false;
+    torn_ = true;
+    if (size_ - at_ < static_cast<long long>(want)) return false;
+    torn_ = false;
+    if (!read_at(fp_, at_, head, want)) return false;
     long long len;
     int sec;
     bool key = false;
+    bool valid;
     if (video_) {
         FrameInfo f{};
         parse_frame(head, want, f);
-        if (f.len < VRIX_FRAME_CHANNEL_BYTE + 1 || f.len > VRIX_MAX_FRAME_PAYLOAD ||
-            frame_scale(f) > VRIX_MAX_SCALE || (channel_ >= 0 && f.channel != channel_))
-            return false;
+        valid = f.len >= VRIX_FRAME_CHANNEL_BYTE + 1 && f.len <= VRIX_MAX_FRAME_PAYLOAD &&
+                frame_scale(f) <= VRIX_MAX_SCALE && (channel_ < 0 || f.channel == channel_);
         len = VRIX_FRAME_HEADER_SIZE + static_cast<long long>(f.len);
         sec = f.sec;
         key = f.key;
-        if (channel_ < 0) channel_ = f.channel;
+        if (valid && channel_ < 0) channel_ = f.channel;
     } else {
         int32_t s;
         uint32_t w;
-        if (!parse_audio_record(head, s, w)) return false;
+        valid = parse_audio_record(head, s, w);
         len = VRIX_AUDIO_RECORD_SIZE;
         sec = s;
     }
-    if (size_ - at_ < len || !in_hour(sec)) return false;
+    valid = valid && in_hour(sec);
+    if (!valid || size_ - at_ < len) {
+        // A record valid but for its end is a write cut short.
+        torn_ = valid || zeros_to_end();
+        return false;
+    }
     r = ScannedRecord{at_, sec, key};
     last_sec_ = sec;
     at_ += len;
@@ -66,7 +88,7 @@ ScanEnd scan_end(FILE *fp, long long from, long long size, int hour, bool video)
     RecordScan scan(fp, from, size, hour, video);
     for (ScannedRecord r; scan.next(r);) {
     }
-    return {scan.end(), scan.last_sec()};
+    return {scan.end(), scan.last_sec(), scan.torn()};
 }
 
 ScanEnd index_from(FILE *fp, long long from, long long size, int hour, bool video,
@@ -76,7 +98,8 @@ ScanEnd index_from(FILE *fp, long long from, long long size, int hour, bool vide
     Sql q;
     submit_busy(db, sql::kBegin);
     sql_submit(db, sql::kCreateHourH, "");
-    // From 0 every row is made again from the file, so in time order.
+    // From 0 every row is made again from the file: the table gets the index
+    // on its times.
     create_hour_table(db, hour, from == 0);
     format_into(q.text, sizeof q.text, sql::kInsertHourOnce, hour, hour);
     sql_submit(db, q.text, "");
@@ -103,7 +126,7 @@ ScanEnd index_from(FILE *fp, long long from, long long size, int hour, bool vide
         sql_submit(db, q.text, "");
     }
     submit_busy(db, sql::kCommit);
-    return {scan.end(), scan.last_sec()};
+    return {scan.end(), scan.last_sec(), scan.torn()};
 }
 
 } // namespace vrix

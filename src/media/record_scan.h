@@ -20,10 +20,20 @@ struct ScannedRecord {
 
 // Valid video record: a header whose payload length lies within
 // 37..VRIX_MAX_FRAME_PAYLOAD (the channel byte present), a scale up to
-// VRIX_MAX_SCALE, the channel of the scan's first record, a time in local
-// hour `hour` of the first record's day and not below the record before.
-// Valid audio record: 60 bytes whose first word is 48, with the same rule
-// for the time.  A record must end within `size`.
+// VRIX_MAX_SCALE, the channel of the scan's first record, and a time in local
+// hour `hour` of the first record's day.  Times may go back within the hour:
+// a clock set back starts another pass of the same hour file.  Valid audio
+// record: 60 bytes whose first word is 48, with the same rule for the time.
+// A record must end within `size`.
+//
+// Where the scan stops, what lies from there to `size` is a torn tail when
+// it is one of: fewer bytes than a header; a record valid in every field but
+// running past `size` (a write cut short); zero bytes only (blocks the file
+// system allocated but never wrote).  Only a torn tail may be cut.  Anything
+// else (a record of another channel or hour, an impossible length, a time 0,
+// anything followed by a byte that is not zero) is damage in the middle of
+// the file: the bytes behind it are whole records as far as anyone knows,
+// and are kept.
 class RecordScan {
   public:
     RecordScan(FILE *fp, long long from, long long size, int hour, bool video)
@@ -35,9 +45,13 @@ class RecordScan {
     long long end() const { return at_; }
     // Time of the last record accepted; 0 when none was.
     int last_sec() const { return last_sec_; }
+    // Once next() returned false: whether what lies from end() on is a torn
+    // tail (nothing at all included).
+    bool torn() const { return torn_; }
 
   private:
     bool in_hour(int sec);
+    bool zeros_to_end() const;
     FILE *fp_;
     long long at_;
     long long size_;
@@ -45,14 +59,17 @@ class RecordScan {
     bool video_;
     int channel_ = -1; // the first record's channel byte
     int last_sec_ = 0;
+    bool torn_ = false;
     int day_ = -1; // the first record's day of the year, and its year
     int year_ = -1;
 };
 
-// Where the scan from a restart point ended.
+// Where the scan from a restart point ended, and whether what lies behind
+// that end is a torn tail.
 struct ScanEnd {
     long long end;
     int last_sec;
+    bool torn;
 };
 
 // The hour's index made to match its file from `from` on: one row per key

@@ -29,12 +29,22 @@ bool cut_stream(FILE *fp, long long offset) {
     return fseeko(fp, offset, SEEK_SET) == 0 && cut;
 }
 
-size_t write_bytes(FILE *fp, const void *data, size_t len) {
-    return len ? std::fwrite(data, 1, len, fp) : 0;
+Written write_records(FILE *fp, const void *data, size_t len) {
+    // The writers always write at the end of what they keep.  (ftello cannot
+    // tell: the C library does not count what a stream of ours wrote.)
+    const long long at = file_size(fp);
+    const size_t w = len ? std::fwrite(data, 1, len, fp) : 0;
+    if (w == len) return {true, at, w};
+    // Half a record would be read as damage, and the next write would land
+    // behind it: the file goes back to where this write began.
+    std::clearerr(fp);
+    cut_stream(fp, at);
+    std::clearerr(fp);
+    return {false, at, w};
 }
 
-void report_short_write(int ch, size_t written, size_t wanted) {
-    log_line("rec : ch%d fwrite iRet = %d , Size = %d\n", ch, static_cast<int>(written),
+void report_short_write(const char *who, int ch, size_t written, size_t wanted) {
+    log_line("%s : ch%d fwrite iRet = %d , Size = %d\n", who, ch, static_cast<int>(written),
              static_cast<int>(wanted));
     send_message(g_iVrixDbSendMq, g_IdeErrMsg);
 }

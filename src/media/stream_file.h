@@ -20,11 +20,19 @@ long long file_size(FILE *fp);
 // restart point survives behind new data.  False when either step failed.
 bool cut_stream(FILE *fp, long long offset);
 
-// Writes `len` bytes; returns the number written.
-size_t write_bytes(FILE *fp, const void *data, size_t len);
+// What became of a write of whole records at the stream's position: all of
+// it written, or not all, in which case the file has been cut back to `at`
+// (where the write began: the end of the last whole record before it), the
+// stream's error flag cleared and the position set to `at`.
+struct Written {
+    bool whole;
+    long long at;   // offset the write began at
+    size_t written; // bytes the system took before it failed
+};
+Written write_records(FILE *fp, const void *data, size_t len);
 
-// Reports a short write: the line "rec : ch%d fwrite iRet = %d , Size = %d"
-// and the disk-error notice to the application's queue.
-void report_short_write(int ch, size_t written, size_t wanted);
+// Reports a short or failed write: the line "<who> : ch%d fwrite iRet = %d ,
+// Size = %d" and the disk-error notice to the application's queue.
+void report_short_write(const char *who, int ch, size_t written, size_t wanted);
 
 } // namespace vrix

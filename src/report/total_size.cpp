@@ -9,6 +9,8 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
+#include <climits>
 #include <cstdint>
 #include <cstdio>
 
@@ -58,14 +60,6 @@ int date_of(const std::tm &tm) {
     return (tm.tm_year * 100 + tm.tm_mon) * 100 + tm.tm_mday;
 }
 
-// The bytes from an indexed offset up to `end`, of which the file holds only
-// `size`: rows beyond the end of the file (frames still buffered by the
-// writer, or lost in a crash) name nothing.
-unsigned long long bytes_between(long long from, long long end, long long size) {
-    const long long to = end < size ? end : size;
-    return to > from ? static_cast<unsigned long long>(to - from) : 0;
-}
-
 long long file_size(const char *path) {
     struct stat st {};
     return stat(path, &st) == 0 ? static_cast<long long>(st.st_size) : -1;
@@ -77,6 +71,7 @@ struct Scan {
     const char *root;
     int ch;
     Holder holder{1, kOffsetCell};
+    Holder sum{1, kOffsetCell};
     Db date{date_mutex()};
     Db day{m.mutex(ch)};
     int day_date = -1; // date_of the day whose database is open
@@ -87,14 +82,25 @@ struct Scan {
         day_date = date_of(d);
         return true;
     }
-    // The first indexed offset at or after `sec` in its hour.
-    bool first_offset(long long sec, long long &out, const char *tag) {
-        const std::tm t = fields_of(sec);
+    // The rows of the hour of `from` whose time lies in [from, to) and the
+    // bytes they index in its stream file of `z` bytes: each row's record
+    // and what follows it up to the next row in file order.  Rows beyond the
+    // end of the file (frames still buffered by the writer, or lost in a
+    // crash) name nothing.  A clock set back makes passes of an hour: each
+    // row counts, whatever its place.  False when the hour has no table.
+    bool rows_in(long long from, long long to, long long z, long long &rows, long long &bytes,
+                 const char *tag) {
+        const std::tm t = fields_of(from);
         Sql q;
-        format_into(q.text, sizeof q.text, sql::kFirstOffsetFrom, t.tm_hour, static_cast<int>(sec));
-        const bool found = query_offset(day.mutex(), day.get(), q.text, holder.t, out);
+        format_into(q.text, sizeof q.text, sql::kRowBytes, z, z, t.tm_hour, static_cast<int>(from),
+                    static_cast<int>(std::min<long long>(to, INT_MAX)));
+        int r;
+        {
+            SqlLock hold(day.mutex());
+            r = sql_submit(day.get(), q.text, "%u %u", &holder.t, &sum.t);
+        }
         if (tag) log_line("%s %s\n", tag, q.text);
-        return found;
+        return r > 0 && holder_offset(holder.t, rows) && holder_offset(sum.t, bytes);
     }
     long long stream_size(long long sec) {
         const std::tm t = fields_of(sec);
@@ -109,7 +115,7 @@ unsigned total_size(const Medium &m, struct tm *start, struct tm *end, const cha
         return 0;
     }
     Scan s{m, root, ch};
-    if (!s.holder.t) return 0;
+    if (!s.holder.t || !s.sum.t) return 0;
     const long long t1 = local_seconds(*start), t2 = local_seconds(*end);
     if (m.per_second) log_line("enter %s\n", m.name);
     if (t1 > t2) return 0;
@@ -147,33 +153,31 @@ unsigned total_size(const Medium &m, struct tm *start, struct tm *end, const cha
             advance();
             continue;
         }
-        long long s0;
         const long long at = L, seconds = hour_span(H).end - H;
-        const bool indexed = s.first_offset(at, s0, nullptr);
         advance();
-        if (!indexed) continue;
         const long long z = s.stream_size(at);
-        if (z < 0) continue;
-        T += bytes_between(s0, z, z) + static_cast<unsigned long long>(m.per_second * seconds);
+        long long rows, bytes;
+        if (z < 0 || !s.rows_in(at, INT_MAX, z, rows, bytes, nullptr) || rows == 0) continue;
+        T += static_cast<unsigned long long>(bytes) +
+             static_cast<unsigned long long>(m.per_second * seconds);
         if (T >= kSaturated) {
             R = kSaturated;
             return leave();
         }
         R = T;
     }
-    // The last hour: up to the first indexed position at or after the end.
+    // The last hour: the rows from L up to the end.
     if (!s.open_day(fields_of(L))) return leave();
-    long long s0, s1;
-    if (!s.first_offset(L, s0, m.print_queries ? "1" : nullptr)) return leave();
-    const bool ends = s.first_offset(t2, s1, m.print_queries ? "2" : nullptr);
-    if (ends) log_line("u64StartOffset = %lld , u64EndOffset = %lld\n", s0, s1);
     const long long z = s.stream_size(L);
     if (z < 0) return leave(); // no file, no bytes
-    if (ends)
-        R = T + bytes_between(s0, s1, z) + static_cast<unsigned long long>((t2 - L) * m.per_second);
-    else
-        R = T + bytes_between(s0, z, z) +
-            static_cast<unsigned long long>((hour_span(H).end - L) * m.per_second);
+    long long rows, bytes, after, rest;
+    if (!s.rows_in(L, t2, z, rows, bytes, m.print_queries ? "1" : nullptr)) return leave();
+    const bool ends =
+        s.rows_in(t2, INT_MAX, z, after, rest, m.print_queries ? "2" : nullptr) && after > 0;
+    if (rows == 0 && !ends) return leave();
+    const long long seconds = ends ? t2 - L : hour_span(H).end - L;
+    R = T + static_cast<unsigned long long>(bytes) +
+        static_cast<unsigned long long>(seconds * m.per_second);
     if (R >= kSaturated) R = kSaturated;
     return leave();
 }

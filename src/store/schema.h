@@ -36,14 +36,13 @@ inline constexpr char kInsertHourOnce[] =
     "insert into H select %d where not exists (select 1 from H where hour = %d);";
 inline constexpr char kCreateIndex[] =
     "create table h%d(id integer primary key , sec int,offset int);";
-// An hour table made by this library holds its rows in time order (the
-// writers refuse times going back, the scan ends at one), and gets an index
-// on its times: with it the first row at or after a time is found without a
-// walk of the table.  Tables without it (older stores) are searched with the
-// plain statements, which give the same row when the times are in order.
+// An hour table's rows keep the order of their records in the file (`id`),
+// which is not always time order: a clock set back starts another pass of
+// the hour in the same file.  Hour tables made by this library get an index
+// on their times, so that the statements that search by time find their row
+// without a walk of the table; a table without it (older stores) is walked
+// by the same statements, with the same answer.
 inline constexpr char kCreateSecIndex[] = "create index if not exists h%d_sec on h%d(sec);";
-inline constexpr char kSecIndexExists[] =
-    "select count(*) from sqlite_master where type='index' and name='h%d_sec';";
 inline constexpr char kInsertIndex[] = "insert into h%d values(NULL,%d,%lld);";
 inline constexpr char kResumeOffset[] = "select max(offset) from h%d where offset < %lld;";
 inline constexpr char kAudioResumeOffset[] = "select max(offset) from h%d where offset <= %lld;";
@@ -57,6 +56,8 @@ inline constexpr char kDeleteAtOtherSec[] = "delete from h%d where offset = %lld
 inline constexpr char kInsertIndexOnce[] = "insert into h%d select NULL,%d,%lld where not exists "
                                            "(select 1 from h%d where offset = %lld);";
 inline constexpr char kDeleteHour[] = "delete from h%d;";
+// A write that failed: the rows of what it lost go.
+inline constexpr char kDeleteRowsFrom[] = "delete from h%d where offset >= %lld;";
 
 // playback location and stepping
 inline constexpr char kChannelDayFrom[] = "select min(date) from ch%d where date >= %d;";
@@ -66,22 +67,31 @@ inline constexpr char kDayUpTo[] = "select max(date) from H where date <= %d;";
 inline constexpr char kHourFrom[] = "select min(hour) from H where hour >= %d";
 inline constexpr char kHourUpTo[] = "select max(hour) from H where hour <= %d";
 inline constexpr char kLastId[] = "select max(id) from h%d;";
-inline constexpr char kIdUpTo[] = "select max(id) from h%d where sec <= %d;";
-inline constexpr char kIdFrom[] = "select min(id) from h%d where sec >= %d;";
-inline constexpr char kIdUpToBySec[] =
+inline constexpr char kFirstId[] = "select min(id) from h%d;";
+// The last row to play when the end time lies in the hour: the last in file
+// order whose time is not after it.
+inline constexpr char kLastIdUpTo[] = "select max(id) from h%d where sec <= %d;";
+// Locating a time in its own hour: forward the earliest time at or after it,
+// the first pass of it; backward the latest at or before it, its last pass.
+inline constexpr char kIdFrom[] = "select id from h%d where sec >= %d order by sec, id limit 1;";
+inline constexpr char kIdUpTo[] =
     "select id from h%d where sec <= %d order by sec desc, id desc limit 1;";
-inline constexpr char kIdFromBySec[] =
-    "select id from h%d where sec >= %d order by sec, id limit 1;";
-inline constexpr char kHintSecFrom[] = "select min(sec) from h%d where sec >= %d and id >= %d;";
-inline constexpr char kHintIdFrom[] = "select id from h%d where sec = %d and id >= %d limit 1;";
-inline constexpr char kHintSecUpTo[] = "select max(sec) from h%d where sec <= %d and id <= %d;";
-inline constexpr char kHintIdUpTo[] = "select id from h%d where sec = %d and id <= %d limit 1;";
+// The same from a hinted row on (forward) or up to it (backward).
+inline constexpr char kHintIdFrom[] =
+    "select id from h%d where sec >= %d and id >= %d order by sec, id limit 1;";
+inline constexpr char kHintIdUpTo[] =
+    "select id from h%d where sec <= %d and id <= %d order by sec desc, id desc limit 1;";
 // The offset of a key frame with the time its row gives, so the record found
 // there can be checked against the row before it is trusted.
 inline constexpr char kRowOfId[] = "select offset,sec from h%d where id = %d limit 1;";
-// Size totals: the first indexed position at or after a time (printed as
+// Size totals: the rows whose time lies in [from, to) and the bytes they
+// index, each row up to the next one in file order (the last one up to the
+// file's size Z), none beyond Z.  Arguments: Z, Z, hour, from, to (printed as
 // submitted, so without a closing ";").
-inline constexpr char kFirstOffsetFrom[] = "select min(offset) from h%d where sec >= %d";
+inline constexpr char kRowBytes[] =
+    "select count(*), coalesce(sum(max(0, min(coalesce(n, %lld), %lld) - offset)), 0) from "
+    "(select sec, offset, lead(offset) over (order by id) as n from h%d) "
+    "where sec >= %d and sec < %d";
 // The first row whose record lies after a damaged one: where play resumes.
 inline constexpr char kIdAfter[] = "select min(id) from h%d where offset > %lld;";
 

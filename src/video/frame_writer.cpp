@@ -17,39 +17,97 @@
 #include "store/records.h"
 #include "store/schema.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 
 namespace vrix {
 
-void close_hour_file(RecChannel &c, int) {
-    if (!c.fpStream) return;
-    const std::lock_guard hold(*c.pBufLock);
-    write_bytes(c.fpStream, c.pFrameBuf, static_cast<size_t>(c.iBufLen));
-    std::fclose(c.fpStream);
-    c.fpStream = nullptr;
-    c.iBufLen = 0;
-    c.llOffset = 0;
-}
-
 namespace {
 
-// Writes out the buffer; the caller holds the channel's buffer lock.
-void write_buffer(RecChannel &c, int n) {
-    if (!c.iBufLen) return;
-    const size_t w = write_bytes(c.fpStream, c.pFrameBuf, static_cast<size_t>(c.iBufLen));
-    if (w < static_cast<size_t>(c.iBufLen)) report_short_write(n, w, c.iBufLen);
+// Writes `len` bytes at the end of the channel's file; the caller holds the
+// buffer lock.  False when the write failed: the file was cut back to `cut`
+// and the disk error reported (once until a write succeeds again).
+bool write_locked(RecChannel &c, int n, const void *data, int len, long long &cut) {
+    const Written w = write_records(c.fpStream, data, static_cast<size_t>(len));
+    if (w.whole) {
+        c.iWriteFailed = 0;
+        return true;
+    }
+    if (!c.iWriteFailed) report_short_write("rec", n, w.written, static_cast<size_t>(len));
+    c.iWriteFailed = 1;
+    cut = w.at;
+    return false;
+}
+
+// The recording thread goes on where a failed write cut the file: the
+// buffer is dropped and the next frame stored must be a key frame.  Under
+// the buffer lock.
+void go_on_at(RecChannel &c, long long at) {
     c.iBufLen = 0;
+    c.llOffset = at;
+    c.iWaitKey = 1;
+}
+
+// A failure the syncer met, taken over by the recording thread (the bytes
+// buffered since go with the rest).  Under the buffer lock; the offset the
+// file was cut at, -1 for none.
+long long take_failure(RecChannel &c) {
+    if (!c.iCutPending) return -1;
+    c.iCutPending = 0;
+    go_on_at(c, c.llCutAt);
+    return c.llCutAt;
+}
+
+// The recording thread writes out the buffer (hour change, flush, close):
+// the offset a failure cut the file at, -1 for none.  Under the buffer lock.
+long long write_out_own(RecChannel &c, int n) {
+    long long cut = take_failure(c);
+    if (cut < 0 && c.iBufLen && !write_locked(c, n, c.pFrameBuf, c.iBufLen, cut)) go_on_at(c, cut);
+    c.iBufLen = 0;
+    return cut;
+}
+
+// After a failed write cut the hour file at `cut` (-1: nothing failed): the
+// rows of the frames lost go, waiting or committed.
+void drop_lost_rows(RecChannel &c, int n, long long cut) {
+    if (cut < 0 || c.iHour < 0) return;
+    c.iSqlRows -= drop_rows_from(c.pSqlBuf, c.iSqlLen, c.iHour, cut);
+    if (!c.pVideoDb) return;
+    Sql q;
+    format_into(q.text, sizeof q.text, sql::kDeleteRowsFrom, c.iHour, cut);
+    submit_locked(video_mutex(n), c.pVideoDb, q.text);
 }
 
 } // namespace
+
+void close_hour_file(RecChannel &c, int n) {
+    if (!c.fpStream) return;
+    long long cut;
+    {
+        const std::lock_guard hold(*c.pBufLock);
+        cut = write_out_own(c, n);
+        std::fclose(c.fpStream);
+        c.fpStream = nullptr;
+    }
+    drop_lost_rows(c, n, cut);
+    c.llOffset = 0;
+}
 
 void write_out_buffers(void *rec_context) {
     auto &ctx = *static_cast<RecContext *>(rec_context);
     for (int n = 1; n < ctx.iChannelCount; ++n) {
         RecChannel &c = ctx.pChannels[n];
         const std::lock_guard hold(*c.pBufLock);
-        if (c.fpStream) write_buffer(c, n);
+        if (!c.fpStream || !c.iBufLen) continue;
+        // Bytes buffered after a failure are dropped unwritten: their rows
+        // name offsets the cut file no longer has.
+        long long cut;
+        if (!c.iCutPending && !write_locked(c, n, c.pFrameBuf, c.iBufLen, cut)) {
+            c.iCutPending = 1;
+            c.llCutAt = cut;
+        }
+        c.iBufLen = 0;
     }
 }
 
@@ -146,13 +204,13 @@ struct VideoRestart {
 // database, or a damaged one): the file is then continued at its end, never
 // cut.
 ScanEnd resume_point(RecContext &ctx, RecChannel &c, int n, long long size) {
-    if (!c.pVideoDb) return {kIndexUnknown, 0};
+    if (!c.pVideoDb) return {kIndexUnknown, 0, false};
     // Rows still waiting for this very hour (the clock went back) must be in
     // the table before it is read.
     if (c.iSqlRows) commit_channel(ctx, c, n);
     VideoRestart w{ctx, c, n, size};
     const long long offset = restart_point(w, c.iHour, size);
-    if (offset == kIndexUnknown) return {kIndexUnknown, 0};
+    if (offset == kIndexUnknown) return {kIndexUnknown, 0, false};
     return index_from(c.fpStream, offset, size, c.iHour, true, video_mutex(n), c.pVideoDb);
 }
 
@@ -164,12 +222,11 @@ bool open_hour(RecContext &ctx, RecChannel &c, int n, const char *day, int hour,
     c.iBufLen = 0;
     c.iNewTable = 1;
     c.iHour = hour;
-    c.iLastSec = 0;
     Path p;
     if (!writer_video_stream(p, ctx.strRoot, day, n, hour)) return false;
     FILE *fp = open_stream_for_writing(p.text);
     if (!fp) return false;
-    const long long size = stream_size(fp);
+    long long size = stream_size(fp);
     if (size < 0) {
         log_line("vrix_db_rec_video : ch%d cannot size %s\n", n, p.text);
         std::fclose(fp);
@@ -190,14 +247,17 @@ bool open_hour(RecContext &ctx, RecChannel &c, int n, const char *day, int hour,
     const ScanEnd kept = resume_point(ctx, c, n, size);
     if (kept.end == kIndexUnknown) {
         log_line("vrix_db_rec_video : ch%d index of hour %d unreadable , appending\n", n, hour);
-        c.llOffset = size;
+    } else if (kept.torn) {
+        // Only a torn tail goes: nothing but whole records lies behind new data.
+        size = kept.end;
+        cut_stream(c.fpStream, size);
     } else {
-        // Only a torn or invalid tail goes: nothing but whole records of
-        // this hour lies behind new data.
-        c.llOffset = kept.end;
-        c.iLastSec = kept.last_sec;
-        cut_stream(c.fpStream, kept.end);
+        log_line("vrix_db_rec_video : ch%d hour %d record at %lld unreadable , %lld bytes behind "
+                 "it kept\n",
+                 n, hour, kept.end, size - kept.end);
     }
+    c.llOffset = size;
+    fseeko(c.fpStream, size, SEEK_SET);
     if (!key) {
         c.iWaitKey = 1;
         return false;
@@ -205,29 +265,46 @@ bool open_hour(RecContext &ctx, RecChannel &c, int n, const char *day, int hour,
     return true;
 }
 
-void store_frame(RecChannel &c, int n, const unsigned char *frame, int size) {
+// Stores a frame at the end of the hour file, into the buffer or, when it is
+// larger, written straight.  Returns the offset it lies at, or -1 when it is
+// not stored (its write failed, or a key frame is awaited after a failure).
+// `cut` is where a failed write cut the file, -1 for none.
+long long store_frame(RecChannel &c, int n, const unsigned char *frame, int size, bool key,
+                      long long &cut) {
     const std::lock_guard hold(*c.pBufLock);
-    if (kFrameBufSize - c.iBufLen > size) {
+    auto failed = [&](long long at) {
+        cut = cut < 0 ? at : std::min(cut, at);
+        go_on_at(c, at);
+    };
+    cut = take_failure(c);
+    if (kFrameBufSize - c.iBufLen <= size && c.iBufLen) {
+        long long at;
+        if (!write_locked(c, n, c.pFrameBuf, c.iBufLen, at)) failed(at);
+        c.iBufLen = 0;
+    }
+    if (c.iWaitKey) {
+        if (!key) return -1;
+        c.iWaitKey = 0;
+    }
+    const long long offset = c.llOffset;
+    if (size < kFrameBufSize) {
         std::memcpy(c.pFrameBuf + c.iBufLen, frame, static_cast<size_t>(size));
         c.iBufLen += size;
-        return;
+    } else if (long long at; !write_locked(c, n, frame, size, at)) {
+        failed(at);
+        return -1;
     }
-    write_buffer(c, n);
-    if (size < kFrameBufSize) {
-        std::memcpy(c.pFrameBuf, frame, static_cast<size_t>(size));
-        c.iBufLen = size;
-        return;
-    }
-    const size_t w = write_bytes(c.fpStream, frame, static_cast<size_t>(size));
-    if (w < static_cast<size_t>(size)) report_short_write(n, w, size);
+    c.llOffset += size;
+    return offset;
 }
 
-void index_key_frame(RecContext &ctx, RecChannel &c, int n, int sec, unsigned scale) {
-    if (!append_index_row(c.pSqlBuf, kSqlBufSize, c.iSqlLen, c.iHour, sec, c.llOffset)) {
+void index_key_frame(RecContext &ctx, RecChannel &c, int n, int sec, unsigned scale,
+                     long long offset) {
+    if (!append_index_row(c.pSqlBuf, kSqlBufSize, c.iSqlLen, c.iHour, sec, offset)) {
         // Only a threshold raised far beyond its defaults fills the batch:
         // commit what is there and start the batch again with this row.
         commit_channel(ctx, c, n);
-        append_index_row(c.pSqlBuf, kSqlBufSize, c.iSqlLen, c.iHour, sec, c.llOffset);
+        append_index_row(c.pSqlBuf, kSqlBufSize, c.iSqlLen, c.iHour, sec, offset);
     }
     ++c.iSqlRows;
     if (c.iSqlRows > g_iCommit[scale]) commit_channel(ctx, c, n);
@@ -277,13 +354,15 @@ extern "C" void vrix_db_rec_video(RecContext *ctx, const void *frame, int size) 
 
     std::tm tm{};
     sec_to_tm(&tm, f.sec);
-    if (c.iWaitKey) {
-        if (!f.key) return;
-        c.iWaitKey = 0;
-    }
+    if (c.iWaitKey && !f.key) return;
     const bool first_hour = c.iYear == 0;
-    if (c.iYear == 0 || c.iYear != tm.tm_year || c.iMon != tm.tm_mon || c.iMday != tm.tm_mday) {
-        if (c.iYear != 0) {
+    const bool new_day =
+        first_hour || c.iYear != tm.tm_year || c.iMon != tm.tm_mon || c.iMday != tm.tm_mday;
+    // The hour file being left is written out while its hour and day are
+    // still the channel's: a failure there drops the rows it names.
+    if (new_day || c.iHour != tm.tm_hour) close_hour_file(c, n);
+    if (new_day) {
+        if (!first_hour) {
             keep_pending_table(c);
             c.iHour = -1;
         }
@@ -311,20 +390,17 @@ extern "C" void vrix_db_rec_video(RecContext *ctx, const void *frame, int size) 
                 true};
             catch_up_previous_hour(video, c.pVideoDb, day, start, tm.tm_hour, video_mutex(n));
         }
-        if (!open_hour(*ctx, c, n, day, tm.tm_hour, f.key)) return;
+        // Only a restart waits for a key frame: within a context the frames
+        // go on where they are, also into an hour file the clock went back to.
+        if (!open_hour(*ctx, c, n, day, tm.tm_hour, f.key || !first_hour)) return;
     }
     if (!c.fpStream) return;
-    // An hour file's times never go back: resume and repair read a time below
-    // the one before as the end of the valid records.
-    if (f.sec < c.iLastSec) {
-        log_line("vrix_db_rec_video : drop frame , time %d before %d\n", f.sec, c.iLastSec);
-        c.iWaitKey = 1; // what follows it needs a key frame again
-        return;
-    }
-    c.iLastSec = f.sec;
-    store_frame(c, n, bytes, size);
-    if (f.key) index_key_frame(*ctx, c, n, f.sec, frame_scale(f));
-    c.llOffset += size;
+    // Times may go back within an hour file (the clock was set back): the
+    // frames are a new pass of the hour, after the first in the file.
+    long long cut;
+    const long long at = store_frame(c, n, bytes, size, f.key, cut);
+    drop_lost_rows(c, n, cut);
+    if (at >= 0 && f.key) index_key_frame(*ctx, c, n, f.sec, frame_scale(f), at);
 }
 
 extern "C" void vrix_db_rec_video_flush(RecContext *ctx, int ch) {
@@ -337,12 +413,12 @@ extern "C" void vrix_db_rec_video_flush(RecContext *ctx, int ch) {
     RecChannel &c = ctx->pChannels[ch];
     if (c.pVideoDb && c.iSqlRows) commit_channel(*ctx, c, ch);
     c.iSqlRows = 0;
-    const std::lock_guard hold(*c.pBufLock);
-    if (c.fpStream && c.iBufLen) {
-        write_bytes(c.fpStream, c.pFrameBuf, static_cast<size_t>(c.iBufLen));
-        std::fflush(c.fpStream);
-        c.iBufLen = 0;
+    long long cut = -1;
+    {
+        const std::lock_guard hold(*c.pBufLock);
+        if (c.fpStream) cut = write_out_own(c, ch);
     }
+    drop_lost_rows(c, ch, cut);
 }
 
 extern "C" int db_chech_video_dir(RecContext *ctx, const char *day, int dayStart) {

@@ -32,13 +32,19 @@ struct RecChannel {
     NotifyMessage HourMsg; // 'e': channel, hour, day start
     int iNewTable;         // the hour's table is still to be created
     int iWaitKey;          // drop frames until a key frame
-    int iLastSec;          // time of the hour file's last frame; 0 = none
     // Hours (bit h) whose waiting rows were carried over before their table
     // was created; the next commit creates these tables first.
     unsigned iPendingTables;
-    // Guards pFrameBuf, iBufLen and fpStream against the syncer's write-out;
-    // the recording thread holds it only while it moves bytes or files.
+    // Guards pFrameBuf, iBufLen, fpStream and the three fields below against
+    // the syncer's write-out; the recording thread holds it only while it
+    // moves bytes or files.
     std::mutex *pBufLock;
+    // A write-out of the syncer failed and cut the file at llCutAt: the
+    // recording thread takes it over at its next step (the buffer is dropped
+    // until then, its frames' rows name offsets the file no longer has).
+    int iCutPending;
+    long long llCutAt;
+    int iWriteFailed; // the last write failed: the disk error is reported once
 };
 
 struct RecContext {

@@ -5,8 +5,9 @@
 
 namespace vrix {
 
-// Writes out the buffered bytes at the current position (result not looked
-// at) and closes the hour's file.
+// Writes out the buffered bytes at the current position and closes the
+// hour's file; a failed write cuts it back to its last whole frame and drops
+// the rows of the frames lost (c.iHour is still the file's hour).
 void close_hour_file(RecChannel &c, int n);
 
 // Writes out every channel's buffered bytes (the syncer's side of the

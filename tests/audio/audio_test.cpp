@@ -11,11 +11,13 @@
 
 #include <array>
 #include <fstream>
+#include <map>
 
 namespace {
 
 using namespace vrix::test;
 using Record = std::array<unsigned char, 60>;
+using Bytes = std::vector<unsigned char>;
 
 constexpr int kDay = 1710028800; // 2024-03-10 00:00:00 UTC
 constexpr int kHour10 = kDay + 10 * 3600;
@@ -272,6 +274,59 @@ TEST_F(Audio, Refusals) {
     vrix_db_rec_audio(rec, &zero); // time 0
     const std::string out = testing::internal::GetCapturedStdout();
     EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), 6) << out;
+}
+
+// A clock set back loses nothing: within the hour, into the hour before and
+// back over midnight the blocks go on as further passes of their hour files,
+// every run of a second gets its row, forward play delivers every block in
+// file order, hour after hour, and a time recorded twice is found at its
+// first pass.
+TEST_F(Audio, ClockSetBackStartsAnotherPass) {
+    const int midnight = kDay + 86400;
+    register_day(kDay);
+    register_day(midnight);
+    const std::vector<std::pair<int, int>> spans = {
+        {kHour10, 10},       {kHour10 + 3, 4},  {kHour10 + 3600, 5}, {kHour10 + 3598, 2},
+        {kHour10 + 3605, 3}, {midnight - 2, 4}, {midnight - 1, 3}};
+    std::map<int, std::vector<int>> files; // hour start -> blocks in file order
+    for (const auto &[from, seconds] : spans) {
+        const size_t before = blocks.size();
+        record_span(from, seconds, 2);
+        for (size_t i = before; i < blocks.size(); ++i) {
+            const int sec = static_cast<int>(blocks[i].iSec);
+            files[sec - sec % 3600].push_back(static_cast<int>(i));
+        }
+    }
+    vrix_db_rec_audio_flush(rec);
+    std::vector<int> in_play_order;
+    for (const auto &[hour, list] : files) {
+        const std::tm t = local_tm(hour);
+        const char *day = hour < midnight ? "20240310" : "20240311";
+        Bytes want, runs;
+        std::vector<std::string> rows_wanted;
+        for (size_t k = 0; k < list.size(); ++k) {
+            const VrixAudioBlock &b = blocks[static_cast<size_t>(list[k])];
+            const Record r = record_of(b, 0);
+            want.insert(want.end(), r.begin(), r.end());
+            if (k == 0 || blocks[static_cast<size_t>(list[k - 1])].iSec != b.iSec)
+                rows_wanted.push_back(std::to_string(b.iSec) + "," + std::to_string(k * 60));
+            in_play_order.push_back(list[k]);
+        }
+        EXPECT_EQ(file_bytes(stream(1, t.tm_hour, day)), want) << day << " " << t.tm_hour;
+        EXPECT_EQ(rows(audio_db(day),
+                       "select sec,offset from h" + std::to_string(t.tm_hour) + " order by id"),
+                  rows_wanted);
+    }
+    AudioPlayContext *p = play(1, kHour10 - 1);
+    std::vector<int> seen;
+    while (vrix_db_next_audio(p) == 1 && seen.size() < 200)
+        seen.push_back(static_cast<int>(load_word(got(p), 8)));
+    vrix_db_close_get_audio(p);
+    EXPECT_EQ(seen, in_play_order);
+    p = play(1, kHour10 + 4);
+    ASSERT_EQ(vrix_db_next_audio(p), 1);
+    EXPECT_EQ(load_word(got(p), 8), 8u); // the first pass of 10:00:04
+    vrix_db_close_get_audio(p);
 }
 
 // A record whose time lies outside the hour, or whose length word is wrong,

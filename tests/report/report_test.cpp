@@ -69,6 +69,16 @@ TEST_F(Report, VideoSizeWithinOneHour) {
     EXPECT_EQ(video_size(h10 + 2, h10 + 5, 5), 0u); // a channel without recordings
 }
 
+// A clock set back 7 s records seconds 3-6 twice: a span counts both passes.
+TEST_F(Report, VideoSizeCountsEveryPass) {
+    record_video(h10, 10);
+    record_video(h10 + 3, 4);
+    finish_video();
+    EXPECT_EQ(video_size(h10 + 4, h10 + 6), 12000u);
+    EXPECT_EQ(video_size(h10, h10 + 50), 42000u);
+    EXPECT_EQ(video_size(h10 + 7, h10 + 9), 6000u);
+}
+
 // A span from midnight of a day without recordings jumps to the next recorded
 // day, counted from its hour 0; a span over days without recordings is 0.
 TEST_F(Report, VideoSizeSkipsDaysWithoutRecordings) {

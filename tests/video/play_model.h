@@ -45,29 +45,41 @@ struct Store {
 
 constexpr int kNoEnd = INT_MAX;
 
-// Recording plans: segments separated by gaps of seconds to days, some
-// starting just before an hour so that they cross it, frames of 40 bytes to
-// beyond the buffer.
+// Recording plans: segments separated by steps of the clock, forward by
+// seconds to days, some starting just before an hour so that they cross it,
+// and back: within the hour, into the hour before and across midnight (a
+// second pass of an hour file).  Now and then the recorder restarts before a
+// segment.  Frames of 40 bytes to beyond the buffer.
 struct Planned {
     int sec;
     bool key;
     int payload;
     unsigned scale;
+    bool restart; // the recorder is closed and opened again before this frame
 };
 inline std::vector<Planned> plan(std::mt19937 &rng, int day) {
     auto pick = [&rng](int lo, int hi) { return std::uniform_int_distribution<int>(lo, hi)(rng); };
     std::vector<Planned> out;
     int t = day + pick(0, 20) * 3600 + pick(0, 3599);
-    const int segments = pick(2, 5);
+    const int segments = pick(2, 7);
+    bool back_over_midnight = false;
     for (int s = 0; s < segments && out.size() < 1500; ++s) {
-        const int gap_kind = pick(0, 4);
-        t += gap_kind == 0   ? pick(1, 10)
-             : gap_kind == 1 ? pick(60, 3600)
-             : gap_kind == 2 ? pick(3600, 3 * 3600)
-             : gap_kind == 3 ? pick(86400, 2 * 86400)
-                             : 0;
-        // Just before an hour; never back in time, which the writer refuses.
-        if (pick(0, 1)) t = std::max(t, t + (3600 - t % 3600) - pick(1, 20));
+        const int step = pick(0, 8);
+        const int hour = t - t % 3600, midnight = t - t % 86400;
+        t = back_over_midnight ? midnight - pick(1, 300)
+            : step == 0        ? t + pick(1, 10)
+            : step == 1        ? t + pick(60, 3600)
+            : step == 2        ? t + pick(3600, 3 * 3600)
+            : step == 3        ? t + pick(86400, 2 * 86400)
+            : step == 4        ? t
+            : step == 5        ? t - pick(1, 600)
+            : step == 6        ? hour - pick(1, 1200)
+            : step == 7        ? midnight + 86400 + pick(0, 60) // then back over it
+                               : t - pick(1, 30);
+        back_over_midnight = step == 7 && !back_over_midnight;
+        // Just before an hour.
+        if (step < 3 && pick(0, 1)) t = std::max(t, t + (3600 - t % 3600) - pick(1, 20));
+        const bool restart = pick(0, 5) == 0;
         const int fps = std::vector<int>{1, 2, 5}[static_cast<size_t>(pick(0, 2))];
         const int every = pick(1, 10);
         const int count = pick(10, 300);
@@ -76,8 +88,8 @@ inline std::vector<Planned> plan(std::mt19937 &rng, int day) {
             const int payload = r < 85   ? pick(40, 600)
                                 : r < 95 ? pick(600, 3000)
                                          : pick(3000, 6000);
-            out.push_back(
-                {t + i / fps, i % every == 0, payload, static_cast<unsigned>(pick(1, 2))});
+            out.push_back({t + i / fps, i % every == 0, payload, static_cast<unsigned>(pick(1, 2)),
+                           restart && i == 0});
         }
         t += count / fps + 1;
     }
@@ -241,19 +253,24 @@ class Model {
         return -1;
     }
 
-    // Rows of file g that play: up to the end time when it lies in g's hour.
+    // Rows of file g that play: up to the last (in file order) whose time is
+    // not after the end time, when it lies in g's hour.
     int rows_to_play(int g) const {
         const File &f = s_.files[static_cast<size_t>(g)];
         if (end_ < f.hour_start || end_ >= f.hour_start + 3600)
             return static_cast<int>(f.rows.size());
         int n = 0;
-        for (int r : f.rows)
-            n += s_.recs[static_cast<size_t>(r)].sec <= end_;
+        for (size_t r = 0; r < f.rows.size(); ++r)
+            if (s_.recs[static_cast<size_t>(f.rows[r])].sec <= end_) n = static_cast<int>(r) + 1;
         return n;
     }
 
     // A location: from T (first) or from the current hour file (crossing);
-    // changes nothing when it finds nothing.
+    // changes nothing when it finds nothing.  In the hour of T the earliest
+    // time at or after it, first in file order among equals (forward), or
+    // the latest at or before it, last among equals (backward); any other
+    // hour is entered at its first row forward, its last row to play
+    // backward.
     bool locate(int direction, bool first) {
         const int n = static_cast<int>(s_.files.size());
         long long from = first ? T_ : 0;
@@ -271,16 +288,18 @@ class Model {
                     : (direction == 1 ? g <= f_ : g >= f_))
                 continue;
             const bool own = first && f.hour_start == hour_of(from);
-            const long long sec0 = own ? from : direction == 1 ? f.hour_start : f.hour_start + 3599;
+            const long long sec0 = own ? from : f.hour_start;
             if (direction == 1 && sec0 > end_) return false;
             const int last = rows_to_play(g);
             if (last == 0) continue;
-            int pos = 0;
-            for (size_t r = 0; r < f.rows.size(); ++r) {
+            int pos = own ? 0 : direction == 1 ? 1 : last;
+            long long best = 0;
+            for (size_t r = 0; own && r < f.rows.size(); ++r) {
                 const int sec = s_.recs[static_cast<size_t>(f.rows[r])].sec;
-                if (direction == 1 ? sec >= sec0 : sec <= sec0) {
+                if (direction == 1 ? sec >= sec0 && (pos == 0 || sec < best)
+                                   : sec <= sec0 && (pos == 0 || sec >= best)) {
                     pos = static_cast<int>(r) + 1;
-                    if (direction == 1) break;
+                    best = sec;
                 }
             }
             if (pos == 0) continue;

@@ -20,6 +20,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <climits>
 #include <cstdlib>
 #include <fstream>
 #include <map>
@@ -50,6 +52,8 @@ struct Built {
     // Delivered bytes -> record.  Keyed by text: GCC 12 at -O3 warns falsely
     // (-Wstringop-overread) on comparing vectors of bytes in a map.
     std::unordered_map<std::string, int> known;
+    // Play order: rank of each record, and the records by rank.
+    std::vector<int> rank, order;
     std::string path(const File &f) const {
         std::tm t{};
         const time_t h = f.hour_start;
@@ -66,29 +70,46 @@ uint32_t word_at(const Bytes &b, size_t at) {
            uint32_t(b[at + 3]) << 24;
 }
 
-// Records the plan with the writer and lays the model's files over it.
+// Records the plan with the writer and lays the model's files over it, in
+// time order of their hours; a restarted recorder waits for a key frame when
+// its first frame goes into an hour file that has data.
 void record(Built &b, std::mt19937 &rng) {
     RecContext *rec = vrix_db_open_rec_video(b.dir.path().c_str(), 17);
     ASSERT_NE(rec, nullptr);
+    std::map<int, int> file_of; // hour start -> index in b.s.files
+    bool fresh = true, wait_key = false;
+    unsigned seq = 0;
     for (const Planned &p : plan(rng, kDay)) {
+        if (p.restart) {
+            vrix_db_rec_video_flush(rec, kCh);
+            vrix_db_close_rec_video(rec);
+            rec = vrix_db_open_rec_video(b.dir.path().c_str(), 17);
+            ASSERT_NE(rec, nullptr);
+            fresh = true;
+        }
         Rec r{p.sec,
               p.key,
               0,
               0,
               0,
-              make_frame(kCh, p.sec, p.key, p.payload, p.scale,
-                         static_cast<unsigned>(b.s.recs.size())),
+              make_frame(kCh, p.sec, p.key, p.payload, p.scale, seq++),
               p.payload <= b.s.buf,
               false,
               false,
               {}};
         vrix_db_rec_video(rec, r.bytes.data(), static_cast<int>(r.bytes.size()));
         const int hour = p.sec - p.sec % 3600;
-        if (b.s.files.empty() || b.s.files.back().hour_start != hour) {
+        const auto it = file_of.find(hour);
+        if (fresh && !p.key && it != file_of.end()) wait_key = true;
+        fresh = false;
+        wait_key = wait_key && !p.key;
+        if (wait_key) continue;
+        if (it == file_of.end()) {
+            file_of[hour] = static_cast<int>(b.s.files.size());
             b.s.files.push_back({hour, {}, {}});
         }
-        File &f = b.s.files.back();
-        r.file = static_cast<int>(b.s.files.size()) - 1;
+        r.file = file_of[hour];
+        File &f = b.s.files[static_cast<size_t>(r.file)];
         r.at = static_cast<int>(f.recs.size());
         r.off = f.recs.empty() ? 0
                                : b.s.recs[static_cast<size_t>(f.recs.back())].off +
@@ -100,12 +121,24 @@ void record(Built &b, std::mt19937 &rng) {
     }
     vrix_db_rec_video_flush(rec, kCh);
     vrix_db_close_rec_video(rec);
-    for (const File &f : b.s.files) {
+    std::sort(b.s.files.begin(), b.s.files.end(),
+              [](const File &x, const File &y) { return x.hour_start < y.hour_start; });
+    for (size_t g = 0; g < b.s.files.size(); ++g) {
+        const File &f = b.s.files[g];
+        for (int i : f.recs)
+            b.s.recs[static_cast<size_t>(i)].file = static_cast<int>(g);
         const Rec &last = b.s.recs[static_cast<size_t>(f.recs.back())];
         struct stat st {};
         ASSERT_EQ(stat(b.path(f).c_str(), &st), 0);
         ASSERT_EQ(st.st_size, last.off + static_cast<long long>(last.bytes.size())) << b.path(f);
     }
+    // Play order: the files in time order of their hours, each in file order.
+    b.rank.assign(b.s.recs.size(), 0);
+    for (const File &f : b.s.files)
+        for (int i : f.recs) {
+            b.rank[static_cast<size_t>(i)] = static_cast<int>(b.order.size());
+            b.order.push_back(i);
+        }
 }
 
 // Scatters damage over the files and works out what each damaged record
@@ -206,15 +239,18 @@ int identify(const Built &b, PlayContext *p) {
     return it == b.known.end() ? -3 : it->second;
 }
 
-// Group of each record: the key record that begins it (-1 before the first).
-std::set<int> reachable_forward(const Store &s) {
+// Group of each record in play order: the key record that begins it (-1
+// before the first).  Records of a group with damage, and of a file without
+// rows, are not reachable forward.
+std::set<int> reachable_forward(const Built &b) {
+    const Store &s = b.s;
     std::vector<bool> bad_group(s.recs.size() + 1, false);
     std::vector<int> group(s.recs.size());
     int g = -1;
-    for (size_t i = 0; i < s.recs.size(); ++i) {
-        if (s.recs[i].key) g = static_cast<int>(i);
-        group[i] = g;
-        const Rec &r = s.recs[i];
+    for (int i : b.order) {
+        const Rec &r = s.recs[static_cast<size_t>(i)];
+        if (r.key) g = i;
+        group[static_cast<size_t>(i)] = g;
         if (r.damaged || r.lost || !r.fits) bad_group[static_cast<size_t>(g + 1)] = true;
     }
     // A damaged length that reads on over later records hides their groups.
@@ -263,7 +299,9 @@ void PlayModel::run_seed(unsigned seed) {
             b.known[std::string(r.bytes.begin(), r.bytes.end())] = static_cast<int>(i);
         if (!r.now.empty()) b.known[std::string(r.now.begin(), r.now.end())] = static_cast<int>(i);
     }
-    const int first = b.s.recs.front().sec, last = b.s.recs.back().sec;
+    int first = INT_MAX, last = INT_MIN;
+    for (const Rec &r : b.s.recs)
+        first = std::min(first, r.sec), last = std::max(last, r.sec);
     auto any_time = [&] {
         return pick(0, 19) == 0 ? -86400 * 400 : pick(first - 4000, last + 4000);
     };
@@ -325,10 +363,11 @@ void PlayModel::run_seed(unsigned seed) {
                 const Rec &r = b.s.recs[static_cast<size_t>(got)];
                 ASSERT_LE(p->iFrameSec, end) << "past the end time\n" << where;
                 ASSERT_TRUE(dir == 1 || r.key) << "backward delivered a non-key frame\n" << where;
-                ASSERT_TRUE(run_last < 0 || (dir == 1 ? got > run_last : got < run_last))
-                    << "run does not advance: " << run_last << " then " << got << "\n"
+                const int at = b.rank[static_cast<size_t>(got)];
+                ASSERT_TRUE(run_last < 0 || (dir == 1 ? at > run_last : at < run_last))
+                    << "run does not advance: " << run_last << " then " << at << "\n"
                     << where;
-                run_last = got;
+                run_last = at;
             }
             if (!b.s.damaged) {
                 ASSERT_EQ(got, want)
@@ -337,29 +376,35 @@ void PlayModel::run_seed(unsigned seed) {
         }
     }
 
-    // From scratch, forward reaches every group untouched by damage and
-    // backward every intact key frame.
+    // From before the first hour, forward reaches every group untouched by
+    // damage, every pass of every hour, and from after the last backward
+    // every intact key frame.
     std::set<int> fwd, bwd;
     int prev = -1;
     {
-        PlayContext *p = open_at(b, first - 1, kNoEnd);
+        PlayContext *p = open_at(b, b.s.files.front().hour_start - 1, kNoEnd);
         Closer c{p};
         for (int i = 0; i < 20000 && vrix_db_next_video(p) == 1; ++i) {
             const int got = identify(b, p);
-            ASSERT_GT(got, prev) << "seed " << seed << ": forward from scratch went back";
-            fwd.insert(prev = got);
+            ASSERT_NE(got, -3) << "seed " << seed << ": unrecorded delivery";
+            ASSERT_GT(b.rank[static_cast<size_t>(got)], prev)
+                << "seed " << seed << ": forward from scratch went back";
+            prev = b.rank[static_cast<size_t>(got)];
+            fwd.insert(got);
         }
-        PlayContext *q = open_at(b, last + 1, kNoEnd);
+        PlayContext *q = open_at(b, b.s.files.back().hour_start + 3600, kNoEnd);
         Closer cq{q};
         prev = INT_MAX;
         for (int i = 0; i < 20000 && vrix_db_pre_video(q) == 1; ++i) {
             const int got = identify(b, q);
-            ASSERT_TRUE(got >= 0 && got < prev) << "seed " << seed << ": backward went on";
-            bwd.insert(prev = got);
+            ASSERT_NE(got, -3) << "seed " << seed << ": unrecorded delivery";
+            ASSERT_LT(b.rank[static_cast<size_t>(got)], prev)
+                << "seed " << seed << ": backward went on";
+            prev = b.rank[static_cast<size_t>(got)];
+            bwd.insert(got);
         }
     }
-    ASSERT_FALSE(fwd.count(-3) || bwd.count(-3)) << "seed " << seed << ": unrecorded delivery";
-    for (int i : reachable_forward(b.s))
+    for (int i : reachable_forward(b))
         ASSERT_TRUE(fwd.count(i)) << "seed " << seed << ": record " << i << " unreachable forward";
     for (size_t i = 0; i < b.s.recs.size(); ++i) {
         const Rec &r = b.s.recs[i];

@@ -1,10 +1,6 @@
 // Recording video end to end against real files and SQLite databases.
 #include "rec_fixture.h"
 
-#include <sys/resource.h>
-#include <sys/stat.h>
-
-#include <csignal>
 #include <thread>
 
 namespace {
@@ -191,32 +187,6 @@ TEST_F(RecVideo, DateDbThatCannotOpenStillGivesAContext) {
     EXPECT_EQ(out.rfind("vrix_db_open_rec_video : open sqlite fail\n", 0), 0u) << out;
     ASSERT_NE(ctx, nullptr);
     EXPECT_EQ(ctx->pDateDb, nullptr);
-}
-
-// A write that falls short is reported as one line and a 159 notice to the
-// application's queue; recording goes on and what was stored stays.
-TEST_F(RecVideo, ShortWriteReportsDiskError) {
-    const Bytes first = make_frame(8, kHour10, true, 4000);
-    record(ctx, first);
-    vrix_db_rec_video_flush(ctx, 8);
-    struct rlimit old {};
-    getrlimit(RLIMIT_FSIZE, &old);
-    auto *prev = std::signal(SIGXFSZ, SIG_IGN);
-    struct rlimit lim = old;
-    lim.rlim_cur = static_cast<rlim_t>(first.size()) + 1000;
-    setrlimit(RLIMIT_FSIZE, &lim);
-    testing::internal::CaptureStdout();
-    record(ctx, make_frame(8, kHour10 + 1, true, 140000));
-    const std::string out = testing::internal::GetCapturedStdout();
-    setrlimit(RLIMIT_FSIZE, &old);
-    std::signal(SIGXFSZ, prev);
-    EXPECT_NE(out.find("rec : ch8 fwrite iRet = 1000 , Size = 140016"), std::string::npos) << out;
-    NotifyMessage m{};
-    ASSERT_GE(msgrcv(app_queue(), &m, 128, 0, IPC_NOWAIT), 0);
-    EXPECT_EQ(m.mtext[0], 159);
-    const Bytes stored = file_bytes(stream(8, 10));
-    ASSERT_GE(stored.size(), first.size());
-    EXPECT_TRUE(std::equal(first.begin(), first.end(), stored.begin()));
 }
 
 } // namespace
