@@ -10,6 +10,9 @@
 #include "store/schema.h"
 
 #include <sys/vfs.h>
+#include <unistd.h>
+
+#include <cerrno>
 
 #include <climits>
 #include <cstdio>
@@ -50,17 +53,41 @@ int last_second(const Day &day, int h) {
     return static_cast<int>(hour_start_of(day.key, h + 1) - 1);
 }
 
-// The first hour of the day whose audio table holds a row, or -1.  Waits
+// The first hour of the day whose audio table holds a row; -1 when none
+// does, kUnreadable when audio.db could not be read to the end.  Waits
 // `wait_us` after every hour without rows.
+constexpr int kUnreadable = -2;
 int first_audio_hour(const Db &audio, ResultTable &holder, unsigned long wait_us) {
     for (int h = 0; h < 24; ++h) {
         Sql q;
-        format_into(q.text, sizeof q.text, sql::kCountHour, h);
-        int n;
-        if (audio.value(holder, q.text, n) && n > 0) return h;
+        int n = 0;
+        format_into(q.text, sizeof q.text, sql::kTableExists, h);
+        if (!audio.value(holder, q.text, n)) return kUnreadable;
+        if (n > 0) {
+            format_into(q.text, sizeof q.text, sql::kCountHour, h);
+            if (!audio.value(holder, q.text, n)) return kUnreadable;
+            if (n > 0) return h;
+        }
         pace_sleep_us(wait_us);
     }
     return -1;
+}
+
+// The oldest day's audio.db opened; false when there is none (the day has
+// no audio).  A file that is there but cannot be opened is unreadable.
+enum class AudioIndex { Open, None, Unreadable };
+AudioIndex open_audio(const char *root, const Day &day, Db &audio) {
+    Path p;
+    if (!day_audio_db(p, root, day.name)) return AudioIndex::None;
+    if (access(p.text, F_OK) != 0)
+        return errno == ENOENT ? AudioIndex::None : AudioIndex::Unreadable;
+    return audio.open(p.text) ? AudioIndex::Open : AudioIndex::Unreadable;
+}
+
+// What could not be read is never taken for a day without audio: nothing goes.
+int unreadable(const Day &day) {
+    log_line("media : audio.db of %s cannot be read , nothing reduced\n", day.name);
+    return 0;
 }
 
 int predict(const char *root, const Db &date, Db &audio, ResultTable &holder) {
@@ -71,6 +98,7 @@ int predict(const char *root, const Db &date, Db &audio, ResultTable &holder) {
     Path p;
     if (!day_audio_db(p, root, day.name) || !audio.open(p.text)) return last_second(day, 0);
     const int h = first_audio_hour(audio, holder, 500000);
+    if (h == kUnreadable) return last_second(day, 0);
     if (h < 0) {
         log_text("vrix_db_get_reduce_sec : no audio in this date !");
         return last_second(day, 24);
@@ -128,13 +156,15 @@ bool reduce_channel(const char *root, const Day &day, int ch, int hour, int limi
 int reduce(const char *root, const Db &date, Db &audio, ResultTable &holder, const Day &day,
            int *stop, int *freeMB, int fd) {
     pace_sleep_s(1);
-    Path p;
-    if (!day_audio_db(p, root, day.name) || !audio.open(p.text)) {
+    const AudioIndex found = open_audio(root, day, audio);
+    if (found == AudioIndex::Unreadable) return unreadable(day);
+    if (found == AudioIndex::None) {
         if (!kept_for_recording("media", root, day.key, day.name, kWholeDay))
             remove_day(root, date, day);
         return 0;
     }
     const int hour = first_audio_hour(audio, holder, 1000000);
+    if (hour == kUnreadable) return unreadable(day);
     if (hour < 0) {
         audio.close(); // not held open while its directory is removed
         if (kept_for_recording("media", root, day.key, day.name, kWholeDay)) return 0;
