@@ -10,6 +10,8 @@
 #include <unistd.h>
 
 #include <climits>
+#include <filesystem>
+#include <fstream>
 
 namespace {
 
@@ -90,27 +92,40 @@ TEST_F(Reduce, StopFlagEndsAfterFirstChannelAndTheNextCallRepeatsTheHour) {
     EXPECT_EQ(server.take().size(), 2u);
 }
 
-// The oldest day goes whole when it has no audio.db, or one without rows.
+// The oldest day goes whole when it has no audio.db, or one without rows;
+// an audio.db that cannot be read is not taken for either: nothing goes.
 TEST_F(Reduce, DayWithoutUsableAudioGoesWholeAndIsUnregistered) {
-    for (bool empty_tables : {false, true}) {
-        SCOPED_TRACE(empty_tables);
+    enum Audio { None, Empty, Unreadable };
+    for (Audio audio : {None, Empty, Unreadable}) {
+        SCOPED_TRACE(audio);
         record_video(root(), {{1, {kHour4}}, {3, {kNextDay + 100}}});
         std::map<int, std::vector<int>> no_rows;
         for (int h = 0; h < 24; ++h)
             no_rows[h] = {};
-        if (empty_tables) write_audio_db(root(), no_rows);
-
-        EXPECT_EQ(vrix_db_get_reduce_sec(root().c_str()), kDay + (empty_tables ? 89999 : 3599));
+        if (audio == Empty) write_audio_db(root(), no_rows);
+        if (audio == Unreadable) {
+            std::filesystem::create_directories(day() + "/audio");
+            std::ofstream(audio_db()) << std::string(8192, 'x');
+        }
+        if (audio != Unreadable) {
+            EXPECT_EQ(vrix_db_get_reduce_sec(root().c_str()),
+                      kDay + (audio == Empty ? 89999 : 3599));
+        }
         EXPECT_EQ(reduce(), 0);
-        EXPECT_FALSE(exists(day()));
+        EXPECT_EQ(exists(day()), audio == Unreadable);
         const Rows next{std::to_string(kNextDay)};
-        EXPECT_EQ(rows(dir / "date.db", "select date from H"), next);
-        EXPECT_TRUE(rows(dir / "date.db", "select date from ch1").empty());
+        const Rows both{std::to_string(kDay), std::to_string(kNextDay)};
+        EXPECT_EQ(rows(dir / "date.db", "select date from H order by date"),
+                  audio == Unreadable ? both : next);
+        EXPECT_EQ(rows(dir / "date.db", "select date from ch1").empty(), audio != Unreadable);
         EXPECT_EQ(rows(dir / "date.db", "select date from ch3"), next);
         const auto asked = server.take();
-        ASSERT_EQ(asked.size(), 1u);
-        EXPECT_EQ(asked[0].command, VRIX_RM_DIR);
-        EXPECT_EQ(asked[0].path, day());
+        ASSERT_EQ(asked.size(), audio == Unreadable ? 0u : 1u);
+        if (!asked.empty()) {
+            EXPECT_EQ(asked[0].command, VRIX_RM_DIR);
+            EXPECT_EQ(asked[0].path, day());
+        }
+        std::filesystem::remove_all(day());
         std::filesystem::remove_all(dir / "20240311");
         std::filesystem::remove(dir / "date.db");
     }
