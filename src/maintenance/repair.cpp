@@ -248,11 +248,13 @@ extern "C" int vrix_db_correct(const char *path, const char *table) {
 
 extern "C" void vrix_db_correct_video(const char *dir) {
     using namespace vrix;
+    refresh_timezone();
     if (dir && shell_ready("vrix_db_correct_video")) correct_index(kVideoIndex, dir);
 }
 
 extern "C" int vrix_db_correct_audio(const char *dir) {
     using namespace vrix;
+    refresh_timezone();
     if (dir && shell_ready("vrix_db_correct_audio")) correct_index(kAudioIndex, dir);
     return 0;
 }
