@@ -1,12 +1,15 @@
 #include "calendar.h"
 
 #include "pacing.h"
+#include "store/log.h"
+#include "zone.h"
 
 #include <atomic>
 #include <climits>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <list>
 #include <mutex>
 
 namespace {
@@ -17,10 +20,6 @@ constexpr uint16_t kDaysBefore[2][13] = {
 };
 
 constexpr long long kDay = 86400;
-// An offset range is probed a day at a time up to this many days on either
-// side of the instant asked for (zones change at most twice a year), then
-// narrowed to the second.
-constexpr int kProbeDays = 8;
 
 bool is_leap(long long y) {
     return y % 4 == 0 && (y % 100 != 0 || y % 400 == 0);
@@ -44,15 +43,16 @@ int fixed_offset() {
 // What the zone's rules give at an instant.
 struct Rule {
     int off; // seconds east
-    int dst; // 1 in summer time
     bool operator==(const Rule &) const = default;
 };
 
+// The zone adopted by the last refresh, never freed (a process adopts a
+// new one only when its zone changed).  Null before the first refresh.
+std::atomic<const vrix::zone::Table *> g_zone{nullptr};
+
 Rule rule_at(long long t) {
-    const time_t tt = static_cast<time_t>(t);
-    std::tm tm{};
-    if (!localtime_r(&tt, &tm)) return {fixed_offset(), 0};
-    return {static_cast<int>(tm.tm_gmtoff), tm.tm_isdst > 0 ? 1 : 0};
+    const vrix::zone::Table *z = g_zone.load(std::memory_order_acquire);
+    return {z ? z->offset_at(t) : fixed_offset()};
 }
 
 // The zone as the last refresh left it.  kNever until the first refresh;
@@ -92,17 +92,9 @@ long long edge(long long inside, long long outside, const Rule &r) {
 }
 
 Span compute_span(long long t, unsigned generation) {
-    Span s{t - kProbeDays * kDay, t + kProbeDays * kDay, rule_at(t), generation};
-    for (int k = 1; k <= kProbeDays; ++k)
-        if (!(rule_at(t + k * kDay) == s.rule)) {
-            s.hi = edge(t + (k - 1) * kDay, t + k * kDay, s.rule);
-            break;
-        }
-    for (int k = 1; k <= kProbeDays; ++k)
-        if (!(rule_at(t - k * kDay) == s.rule)) {
-            s.lo = edge(t - (k - 1) * kDay, t - k * kDay, s.rule) + 1;
-            break;
-        }
+    Span s{LLONG_MIN, LLONG_MAX, rule_at(t), generation};
+    if (const vrix::zone::Table *z = g_zone.load(std::memory_order_acquire))
+        z->span_of(t, s.lo, s.hi);
     return s;
 }
 
@@ -127,13 +119,14 @@ bool rule_span(long long t, const Span *&out) {
 
 Rule zone_rule(long long t) {
     const Span *s = nullptr;
-    return rule_span(t, s) ? s->rule : Rule{fixed_offset(), 0};
+    return rule_span(t, s) ? s->rule : Rule{fixed_offset()};
 }
 
-// Calendar fields of a wall-clock count (seconds counted like UTC).
+// Calendar fields of a wall-clock count (seconds counted like UTC); before
+// 1970 the day runs forward from its midnight like any other.
 void fill_fields(std::tm *tm, long long local) {
-    long long days = local / 86400;
-    const long long rem = local % 86400;
+    long long days = floor_div(local, 86400);
+    const long long rem = local - days * 86400;
     tm->tm_hour = static_cast<int>(rem / 3600);
     const long long r = rem % 3600;
     tm->tm_min = static_cast<int>(r / 60);
@@ -211,18 +204,25 @@ long long local_seconds(const std::tm &local) {
     const long long wall = static_cast<long long>(timegm(&utc));
     const Readings r = readings_of(wall);
     if (r.vBefore != r.vAfter) return r.vBefore ? r.before : r.after;
-    const int want = local.tm_isdst;
-    if (want == 0 || want == 1) {
-        if (r.vBefore) { // the repeated hour: both passes exist
-            if (r.rBefore.dst != r.rAfter.dst) return r.rBefore.dst == want ? r.before : r.after;
-            return want == 1 ? r.before : r.after;
-        }
-        // A skipped time, read with the offset of the kind asked for.
-        return r.rBefore.dst == want ? r.before : r.after;
-    }
-    std::tm copy = local;
-    copy.tm_isdst = -1;
-    return static_cast<long long>(mktime(&copy));
+    // Two readings (a repeated time) or none (a skipped one): 1 takes the
+    // larger offset, the summer one, which in a repeated hour is the first
+    // pass; 0 the smaller; -1 the first pass, or the offset before the change.
+    // By the offsets, never by the zone's flag: some zones call their winter
+    // summer time.
+    const long long larger = r.rBefore.off >= r.rAfter.off ? r.before : r.after;
+    const long long smaller = r.rBefore.off >= r.rAfter.off ? r.after : r.before;
+    if (local.tm_isdst == 1) return larger;
+    if (local.tm_isdst == 0) return smaller;
+    return r.before;
+}
+
+std::tm fields_with_pass(long long sec) {
+    std::tm tm = fields_of(sec);
+    const Readings r = readings_of(wall_of(sec));
+    tm.tm_isdst =
+        r.vBefore && r.vAfter && sec != (r.rBefore.off >= r.rAfter.off ? r.before : r.after) ? 0
+                                                                                             : 1;
+    return tm;
 }
 
 // The zone record is read while other threads refresh it, so its two words
@@ -231,29 +231,36 @@ long long local_seconds(const std::tm &local) {
 // between sees a fixed offset that is the one in force now.
 void refresh_timezone() {
     static std::mutex m;
-    static char lastTz[128] = "\x01";
-    static long lastZone = 0;
-    static int lastDaylight = -1;
+    static std::list<zone::Table> adopted; // every zone this process used
+    static zone::Source last;
     std::lock_guard<std::mutex> hold(m);
+    // A change of TZ or of the zone file it names is adopted here, for every
+    // thread at once: conversions only ever read the adopted table.
+    const zone::Source now_source = zone::current_source();
+    if (adopted.empty() || !(now_source == last)) {
+        const std::string before = adopted.empty() ? std::string() : adopted.back().name;
+        adopted.push_back(zone::load(now_source));
+        const bool same_rules =
+            adopted.size() > 1 && adopted.back().same_rules(*std::prev(adopted.end(), 2));
+        last = now_source;
+        if (same_rules) {
+            adopted.pop_back();
+        } else {
+            if (!before.empty())
+                log_line("vrix db : time zone %s adopted , was %s\n", adopted.back().name.c_str(),
+                         before.c_str());
+            g_zone.store(&adopted.back(), std::memory_order_release);
+            g_generation.fetch_add(1, std::memory_order_acq_rel);
+        }
+    }
+    // The C library follows TZ too, for the application's own conversions.
+    tzset();
     struct timezone zone {};
     timeval now_tv{}; // glibc declares the time record non-null
     gettimeofday(&now_tv, &zone);
-    tzset();
-    const time_t now = static_cast<time_t>(clock_now().sec); // the test clock when set
-    std::tm local{};
-    if (localtime_r(&now, &local)) zone.tz_minuteswest = static_cast<int>(-local.tm_gmtoff / 60);
+    zone.tz_minuteswest = -g_zone.load(std::memory_order_acquire)->offset_at(clock_now().sec) / 60;
     std::atomic_ref<int>(g_TimeZone.tz_dsttime).store(zone.tz_dsttime);
     std::atomic_ref<int>(g_TimeZone.tz_minuteswest).store(zone.tz_minuteswest);
-
-    // Rules that may have changed drop every thread's cached range.
-    char tz[128] = "";
-    if (const char *env = std::getenv("TZ")) std::strncpy(tz, env, sizeof tz - 1);
-    if (std::strcmp(tz, lastTz) != 0 || lastZone != timezone || lastDaylight != daylight) {
-        std::memcpy(lastTz, tz, sizeof tz);
-        lastZone = timezone;
-        lastDaylight = daylight;
-        g_generation.fetch_add(1, std::memory_order_acq_rel);
-    }
     g_refreshOffset.store(fixed_offset(), std::memory_order_release);
 }
 

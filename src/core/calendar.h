@@ -11,11 +11,13 @@ namespace vrix {
 // An end time that never comes: playback without end follows the recording.
 constexpr int kNoEnd = 0x7FFFFFFF;
 
-// Refreshes the zone at the start of every open function: re-reads TZ, keeps
-// g_TimeZone current (gettimeofday's record, minutes west set from the offset
-// in force now, by the test clock when one is installed) and, when the zone's rules changed, drops
-// every thread's cached offset range.  Until the first refresh sec_to_tm converts with g_TimeZone's
-// fixed offset alone.
+// Refreshes the zone at the start of every public function that converts
+// times: when TZ or the zone file it names (/etc/localtime when unset) changed
+// since the last refresh, reads the new zone's rules and adopts them for every
+// thread at once (one line says so), and keeps g_TimeZone current
+// (gettimeofday's record, minutes west set from the offset in force now, by
+// the test clock when one is installed).  Until the first refresh sec_to_tm
+// converts with g_TimeZone's fixed offset alone.
 void refresh_timezone();
 
 // Seconds east of UTC in force at `t`: g_TimeZone's offset moved by the
@@ -75,10 +77,16 @@ inline std::tm fields_of(long long sec) {
 
 // The instant named by the six fields sec_to_tm writes, read with the zone's
 // rules.  Where they name two instants (the repeated hour) tm_isdst 1 picks
-// the first pass and 0 the second; in a skipped hour 1 reads them with the
-// summer offset and 0 with the standard one; -1 (or any other value) leaves
-// both cases to the C library's mktime.  Elsewhere the flag is not read, so a
-// record filled by sec_to_tm names the instant it came from.
+// the first pass (the larger offset) and 0 the second; in a skipped hour 1
+// reads them with the larger offset and 0 with the smaller; -1 (or any other
+// value) picks the first pass, or the offset before a skipped hour.
+// Elsewhere the flag is not read, so a record filled by sec_to_tm names the
+// instant it came from.  The offsets decide, never the zone's own flag: some
+// zones mark their winter as their daylight-saving time.
 long long local_seconds(const std::tm &local);
+
+// The calendar fields of `sec` with tm_isdst naming its pass (1 the first, or
+// the only one; 0 the second), so that local_seconds gives `sec` back.
+std::tm fields_with_pass(long long sec);
 
 } // namespace vrix

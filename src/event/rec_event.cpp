@@ -64,18 +64,42 @@ int open_day(EventRecContext &ctx, const char *path, const char *who) {
 }
 
 // An event stamped before the day's latest raises the day's lateness to how
-// far it went back.  The caller holds the mutex.
-void note_lateness(SqlHandle db, int sec, ResultTable &holder) {
-    int indexed = 0, latest = 0, late = 0;
-    if (!query_int(nullptr, db, sql::kEventSecIndexExists, holder, indexed) || !indexed ||
-        !query_int(nullptr, db, sql::kEventLatestSec, holder, latest) || sec >= latest ||
-        !query_int(nullptr, db, sql::kEventLateness, holder, late))
-        return;
+// far it went back.  The caller holds the mutex and a write transaction.
+// kBusy when the store was busy, else 0 (a day without the index keeps no
+// lateness).
+int note_lateness(SqlHandle db, int sec, ResultTable &holder) {
+    auto value = [&](const char *sql, int &out) {
+        const int rows = query_locked(nullptr, db, sql, "%d", holder);
+        if (rows == kBusy) return kBusy;
+        return rows > 0 && holder_int(holder, out) ? 1 : 0;
+    };
+    int indexed = 0, latest = 0, late = 0, r;
+    if ((r = value(sql::kEventSecIndexExists, indexed)) != 1 || !indexed) return r == kBusy ? r : 0;
+    if ((r = value(sql::kEventLatestSec, latest)) != 1 || sec >= latest) return r == kBusy ? r : 0;
+    if ((r = value(sql::kEventLateness, late)) != 1) return r == kBusy ? r : 0;
     const long long back = std::min<long long>(static_cast<long long>(latest) - sec, INT_MAX);
-    if (back <= late) return;
+    if (back <= late) return 0;
     Sql q;
     format_into(q.text, sizeof q.text, sql::kSetEventLateness, static_cast<int>(back));
-    sql_submit(db, q.text, "");
+    return sql_submit(db, q.text, "") == kBusy ? kBusy : 0;
+}
+
+// The event and the day's lateness are written in one transaction, repeated
+// whole while the store is busy: a reader, a crash or a second connection
+// never sees the event without the lateness that lets the first page find
+// it.  The caller holds the mutex.
+int insert_event(SqlHandle db, int sec, const char *insert, ResultTable &holder) {
+    return retry_busy(
+        [&] {
+            int r = sql_submit(db, sql::kBeginImmediate, "");
+            if (r != 0) return r;
+            r = note_lateness(db, sec, holder);
+            if (r == 0) r = sql_submit(db, insert, "");
+            if (r == 0) r = sql_submit(db, sql::kCommit, "");
+            if (r != 0) sql_submit(db, sql::kRollback, "");
+            return r;
+        },
+        kBusyAttempts, false);
 }
 
 } // namespace
@@ -160,8 +184,7 @@ extern "C" int db_insert_event(EventRecContext *ctx, int, int, struct tm *, time
     Sql q;
     format_into(q.text, sizeof q.text, sql::kInsertEvent, static_cast<int>(sec), ch, type);
     SqlLock hold(event_mutex());
-    note_lateness(ctx->pEventDb, static_cast<int>(sec), ctx->pIntResult);
-    return sql_submit(ctx->pEventDb, q.text, "");
+    return insert_event(ctx->pEventDb, static_cast<int>(sec), q.text, ctx->pIntResult);
 }
 
 extern "C" int db_create_event(EventRecContext *ctx, const char *dir) {

@@ -254,6 +254,7 @@ extern "C" void vrix_db_correct_video(const char *dir) {
     using namespace vrix;
     const MaintenanceHold hold(dir, "vrix_db_correct_video", true);
     if (!hold) return;
+    refresh_timezone();
     if (dir && shell_ready("vrix_db_correct_video")) correct_index(kVideoIndex, dir);
 }
 
@@ -261,6 +262,7 @@ extern "C" int vrix_db_correct_audio(const char *dir) {
     using namespace vrix;
     const MaintenanceHold hold(dir, "vrix_db_correct_audio", true);
     if (!hold) return 0;
+    refresh_timezone();
     if (dir && shell_ready("vrix_db_correct_audio")) correct_index(kAudioIndex, dir);
     return 0;
 }

@@ -1,20 +1,18 @@
 // The first and last recorded times around a time, for export: a playback
 // context opened for a single step.
+#include "core/calendar.h"
 #include "vrixdb.h"
 
 #include <ctime>
 
 namespace {
 
-// The calendar record handed to the open: the C library's own local fields
-// of `sec`, daylight-saving flag included, so that the open's conversion gives
-// back exactly `sec` in every zone, also in the repeated hour of a change
-// (its flag picks the pass).
+// The calendar record handed to the open: the local fields of `sec` with the
+// flag naming its pass, so that the open's conversion gives back exactly
+// `sec` in every zone, also in the repeated hour of a change.
 std::tm local_fields(int sec) {
-    const time_t t = sec;
-    std::tm tm{};
-    localtime_r(&t, &tm);
-    return tm;
+    vrix::refresh_timezone();
+    return vrix::fields_with_pass(sec);
 }
 
 template <class Open, class Step, class Time, class Close>

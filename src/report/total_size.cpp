@@ -110,6 +110,7 @@ struct Scan {
 };
 
 unsigned total_size(const Medium &m, struct tm *start, struct tm *end, const char *root, int ch) {
+    refresh_timezone();
     if (!start || !end || !root || ch < 1 || ch > VRIX_VIDEO_CHANNELS) {
         log_line("%s : bad arguments\n", m.name);
         return 0;

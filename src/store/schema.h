@@ -138,6 +138,9 @@ inline constexpr char kEventLastIdIn[] =
 // transactions
 inline constexpr char kBegin[] = "BEGIN TRANSACTION;";
 inline constexpr char kCommit[] = "COMMIT TRANSACTION;";
+// A write transaction that holds the database's write lock from its start.
+inline constexpr char kBeginImmediate[] = "BEGIN IMMEDIATE;";
+inline constexpr char kRollback[] = "ROLLBACK;";
 
 // space reclamation
 inline constexpr char kOldestDay[] = "select min(date) from H;";

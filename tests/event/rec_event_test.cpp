@@ -1,8 +1,12 @@
 // Event recording: stamping, day registration, day switches and failures.
 #include "event/event_store.h"
 
+#include <sqlite3.h>
+
+#include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <thread>
 
 namespace {
 
@@ -77,7 +81,19 @@ TEST_F(Recording, TimesIndexedWithTheDaysLateness) {
         record(day + s, 1, 1);
     EXPECT_EQ(pragma("select count(*) from sqlite_master where name = 'h_all_sec';"), (Rows{{1}}));
     EXPECT_EQ(pragma("PRAGMA user_version;"), (Rows{{0}}));
+    // A reader holds the day's database while the late event comes in: the
+    // lateness goes in with the event or not at all.
+    sqlite3 *reader = nullptr;
+    ASSERT_EQ(sqlite3_open(db_of(day).c_str(), &reader), SQLITE_OK);
+    ASSERT_EQ(sqlite3_exec(reader, "BEGIN; select count(*) from h_all;", nullptr, nullptr, nullptr),
+              SQLITE_OK);
+    std::thread release([reader] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(75));
+        sqlite3_exec(reader, "COMMIT;", nullptr, nullptr, nullptr);
+    });
     record(day + 250, 1, 1);
+    release.join();
+    sqlite3_close(reader);
     record(day + 390, 1, 1); // less late than the one before
     EXPECT_EQ(pragma("PRAGMA user_version;"), (Rows{{150}}));
     EXPECT_EQ(first_secs(day + 220, 1), (std::vector<int>{300, 400, 250}));

@@ -157,11 +157,20 @@ TEST(Times, AsUsersTypeThem) {
     EXPECT_EQ(at("2024-06-14 16:30:00+05:30"), now);
     EXPECT_EQ(at("2024-06-14T06:00-05:00"), now);
     EXPECT_EQ(at("@1718362800"), now);
+    // Eight digits that make a date are the date, in every form a date takes.
+    EXPECT_EQ(at("20240614"), midnight);
+    EXPECT_EQ(at("20240614T16:30"), now);
+    EXPECT_EQ(at("@20240614"), 20240614L);
+    EXPECT_EQ(at("20241399"), 20241399L); // no date: seconds
+    // The instants up to the last of 32-bit seconds, offsets up to 14 hours.
+    EXPECT_EQ(at("2038-01-19T03:14:07Z"), 2147483647L);
+    EXPECT_EQ(at("2024-06-14T11:00:00+14:00"), now - 14 * 3600);
     // The day before the 1st of March of a leap year.
     EXPECT_EQ(parse_time("yesterday", *parse_time("2024-03-01T12:00:00")), parse_day("2024-02-29"));
     for (const char *bad : {"-1x", "-h", "1h", "- 1h", "-1h-", "25:00", "9:15", "12:00:60",
                             "2024-06-14T11:00:00+5:30", "2024-06-14T11:00:00+15:00", "2024-06-14Z",
-                            "@", "@now", "tomorrow", "-99999999999s", "+100000d"})
+                            "2024-06-14T11:00:00+14:59", "2038-01-19T03:14:08Z", "@", "@now",
+                            "tomorrow", "-99999999999s", "+100000d"})
         EXPECT_FALSE(at(bad)) << bad;
     EXPECT_FALSE(parse_time("-1h", 1000)) << "before 1970";
 }

@@ -13,6 +13,7 @@
 #include <cstring>
 #include <filesystem>
 #include <map>
+#include <numeric>
 #include <set>
 
 namespace {
@@ -273,4 +274,42 @@ TEST_F(SummerTime, DisagreeingOffsetNeverLoops) {
     EXPECT_LE(steps, static_cast<int>(frames.size()));
     vrix_db_close_get_video(p);
     vrix_db_close_get_video(b);
+}
+
+// A recorder whose clock was never set starts at 100 s since 1970: west of
+// Greenwich that is the evening of 1969-12-31, a day and hour like any other.
+TEST(BeforeLocal1970, RecordedAndPlayedLikeAnyOtherTime) {
+    start_library();
+    ScratchDir dir;
+    g_now = 100;
+    const VrixTestHooks hooks{1, [] { return g_now.load(); }};
+    vrix_db_set_test_hooks(&hooks);
+    RecContext *ctx = vrix_db_open_rec_video(dir.path().c_str(), kCh + 1);
+    ASSERT_NE(ctx, nullptr);
+    std::vector<Bytes> frames;
+    for (int sec = 100; sec < 400; ++sec) {
+        frames.push_back(make_frame(1, sec, sec % 5 == 0, 200 + sec % 7));
+        record(ctx, frames.back());
+    }
+    vrix_db_rec_video_flush(ctx, 1);
+    vrix_db_close_rec_video(ctx);
+    vrix_db_set_test_hooks(nullptr);
+    const std::tm at = local_tm(100);
+    char hour_file[64];
+    std::snprintf(hour_file, sizeof hour_file, "/%04d%02d%02d/video/1/%d.stream", at.tm_year + 1900,
+                  at.tm_mon + 1, at.tm_mday, at.tm_hour);
+    EXPECT_TRUE(std::filesystem::exists(dir.path() + hour_file)) << hour_file;
+    std::tm start = local_tm(100);
+    PlayContext *p = vrix_db_open_get_video(&start, nullptr, 1, 4096, dir.path().c_str());
+    ASSERT_NE(p, nullptr);
+    size_t played = 0;
+    while (vrix_db_next_video(p) == 1)
+        ++played;
+    vrix_db_close_get_video(p);
+    EXPECT_EQ(played, frames.size());
+    std::tm end = local_tm(400);
+    EXPECT_EQ(vrix_db_get_video_total_size(&start, &end, dir.path().c_str(), 1),
+              std::accumulate(frames.begin(), frames.end(), 0u, [](unsigned n, const Bytes &f) {
+                  return n + static_cast<unsigned>(f.size());
+              }));
 }

@@ -77,9 +77,11 @@ int month_days(int y, int m) {
     return m == 2 && leap(y) ? 29 : days[m - 1];
 }
 
-// Fields of a date; the times of day are left at zero.
+// Fields of a date; the times of day are left at zero.  The last day of
+// 1969 is a local day west of Greenwich; anything out of 32-bit seconds is
+// refused when it is turned into seconds.
 std::optional<std::tm> date_fields(int y, int mo, int d) {
-    if (y < 1970 || y > 2037 || mo < 1 || mo > 12 || d < 1 || d > month_days(y, mo))
+    if (y < 1969 || y > 2038 || mo < 1 || mo > 12 || d < 1 || d > month_days(y, mo))
         return std::nullopt;
     std::tm tm{};
     tm.tm_year = y - 1900;
@@ -147,11 +149,21 @@ std::optional<long> explicit_offset(std::string &s, bool &ok) {
     if (s.size() < 17 || (s[s.size() - 6] != '+' && s[s.size() - 6] != '-')) return std::nullopt;
     int h = 0, m = 0;
     const size_t at = s.size() - 6;
-    ok = s[at + 3] == ':' && digits(s, at + 1, 2, h) && digits(s, at + 4, 2, m) && h <= 14 &&
-         m <= 59;
+    // Offsets in use run from -12:00 to +14:00.
+    ok = s[at + 3] == ':' && digits(s, at + 1, 2, h) && digits(s, at + 4, 2, m) && m <= 59 &&
+         h * 60 + m <= 14 * 60;
     const long off = (h * 3600L + m * 60L) * (s[at] == '-' ? -1 : 1);
     s.resize(at);
     return off;
+}
+
+// YYYYMMDD written as YYYY-MM-DD, in a date alone or before a time of day.
+std::string dashed_date(const std::string &s) {
+    int y, mo, d;
+    if (s.size() < 8 || !digits(s, 0, 4, y) || !digits(s, 4, 2, mo) || !digits(s, 6, 2, d) ||
+        (s.size() > 8 && s[8] != 'T' && s[8] != ' '))
+        return s;
+    return s.substr(0, 4) + "-" + s.substr(4, 2) + "-" + s.substr(6);
 }
 
 } // namespace
@@ -159,9 +171,12 @@ std::optional<long> explicit_offset(std::string &s, bool &ok) {
 std::optional<long> parse_time(const std::string &text, long now) {
     std::string s = text;
     if (!s.empty() && s[0] == '@') s.erase(0, 1);
-    if (!s.empty() && s.size() <= 10 && s.find_first_not_of("0123456789") == s.npos)
+    const bool number = !s.empty() && s.size() <= 10 && s.find_first_not_of("0123456789") == s.npos;
+    // Eight digits that make a date are the date; "@" before them makes seconds.
+    if (number && (s != text || s.size() != 8 || !parse_day(s)))
         return in_range(std::strtoll(s.c_str(), nullptr, 10));
     if (s != text) return std::nullopt; // "@" takes only seconds
+    s = dashed_date(s);
     if (s == "now") return in_range(now);
     std::tm tm = local_fields(now);
     tm.tm_hour = tm.tm_min = tm.tm_sec = 0;

@@ -36,10 +36,11 @@ std::tm mktime_fields(long t);
 //   now, today, yesterday                 (today and yesterday: local midnight)
 //   -1h, -30min, +90s, -2d, -1h30min      relative to now (s, sec, m, min, h, d)
 //   HH:MM[:SS]                            that time today
-//   YYYY-MM-DD                            local midnight of that day
-//   YYYY-MM-DDTHH:MM[:SS] (or a space for T), local, or ending in Z or
-//   +HH:MM / -HH:MM for that offset from UTC
-//   seconds since 1970, optionally after "@"
+//   YYYY-MM-DD or YYYYMMDD                local midnight of that day
+//   YYYY-MM-DDTHH:MM[:SS] (or YYYYMMDD, a space for T), local, or ending in Z
+//   or +HH:MM / -HH:MM (at most 14:00) for that offset from UTC
+//   seconds since 1970, after "@" (without it eight digits that make a
+//   date are the date)
 // Local fields are turned into seconds by from_local alone.  Nothing before
 // 1970-01-01T00:00:01 UTC or after 2038-01-19T03:14:07 UTC.
 std::optional<long> parse_time(const std::string &text, long now);
