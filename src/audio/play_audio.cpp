@@ -92,7 +92,7 @@ enum class Held { Damaged, PastEnd, Good };
 Held check_record(const AudioPlayContext &c, int32_t &sec) {
     uint32_t w;
     if (!parse_audio_record(c.pFrameBuf, sec, w)) return Held::Damaged;
-    if (sec < c.iHourStart || sec >= c.iHourEnd) return Held::Damaged;
+    if (!in_played_hour(c, sec)) return Held::Damaged;
     return sec > c.iEndSec ? Held::PastEnd : Held::Good;
 }
 

@@ -29,6 +29,8 @@ struct AudioPlayContext {
     int iLastSec; // seconds of the last record that advanced iCurPos forward
     // Offset of the next record forward play reads (see the video context).
     long long llNextRecord;
-    int iHourStart; // the hour being played as [iHourStart, iHourEnd) (see the video context)
+    int iHourStart; // the hour being played (see the video context)
     int iHourEnd;
+    int iHourStart2;
+    int iHourEnd2;
 };

@@ -190,7 +190,34 @@ long long first_at_wall(long long wall) {
 
 HourSpan hour_span(long long t) {
     const long long hour = floor_div(wall_of(t), 3600) * 3600;
-    return {first_at_wall(hour), first_at_wall(hour + 3600)};
+    HourSpan h{0, 0, 0, 0, first_at_wall(hour + 3600)};
+    // The hour's instants in each range of one offset, from a day before to a
+    // day after: [max(lo, hour - off), min(hi, hour + 1 h - off)).
+    int spans = 0;
+    for (long long u = hour - kDay - 3 * 3600; u < hour + kDay + 3600;) {
+        const Span *s = nullptr;
+        Span fixed{LLONG_MIN, LLONG_MAX, {fixed_offset()}, 0};
+        if (!rule_span(u, s)) s = &fixed;
+        const long long a = std::max(s->lo, hour - s->rule.off);
+        const long long b = std::min(s->hi, hour + 3600 - s->rule.off);
+        if (a < b) {
+            if (spans == 0) {
+                h.start = a;
+                h.end = b;
+                spans = 1;
+            } else if (a == (spans == 1 ? h.end : h.end2)) {
+                (spans == 1 ? h.end : h.end2) = b; // one span across the change
+            } else if (spans == 1) {
+                h.start2 = a;
+                h.end2 = b;
+                spans = 2;
+            } // a third pass through one hour: no zone has one
+        }
+        if (s->hi == LLONG_MAX) break;
+        u = s->hi;
+    }
+    if (spans == 0) h.start = h.end = first_at_wall(hour); // skipped: the change
+    return h;
 }
 
 long long local_seconds(const std::tm &local) {

@@ -60,11 +60,22 @@ inline long long hour_start_of(long long t, int h) {
     return first_at_wall(midnight_wall(t) + h * 3600LL);
 }
 
-// The local hour of t as a span of instants [start, end): the repeated hour
-// of a change back spans both passes (two hours of seconds), the hour before
-// a change forward ends at the change.
+// The local hour of t: the instants whose wall clock shows that hour, as one
+// span [start, end) or, where the clock went back into the hour from a later
+// one, two: [start2, end2) is the second (Pacific/Chatham goes back at :45
+// from hour 3 to hour 2; a change of two hours repeats two hours).  The
+// repeated hour of an ordinary change back is one span of two hours of
+// seconds; the hour before a change forward ends at the change, and the
+// skipped hour is empty, beginning and ending at the change.  `next` is the
+// first instant of the next local hour: where a walk forward goes on.
 struct HourSpan {
     long long start, end;
+    long long start2 = 0, end2 = 0; // empty unless the hour is two spans
+    long long next;
+    bool holds(long long t) const { return (t >= start && t < end) || (t >= start2 && t < end2); }
+    long long seconds() const { return end - start + end2 - start2; }
+    // The hour's last instant (the last of its second span, if it has one).
+    long long last() const { return (end2 > start2 ? end2 : end) - 1; }
 };
 HourSpan hour_span(long long t);
 

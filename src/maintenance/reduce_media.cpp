@@ -48,9 +48,12 @@ bool oldest_day(const Db &date, ResultTable &holder, Day &day) {
 }
 
 // The last second of local hour h of the day (by the zone's rules: 3599 s
-// after its start in an ordinary hour).
+// after its start in an ordinary hour; the last of its second span where
+// the clock went back into it from a later hour, so that every pass of the
+// hour's table goes).
 int last_second(const Day &day, int h) {
-    return static_cast<int>(hour_start_of(day.key, h + 1) - 1);
+    if (h >= 24) return static_cast<int>(hour_start_of(day.key, 24) - 1);
+    return static_cast<int>(hour_span(hour_start_of(day.key, h)).last());
 }
 
 // The first hour of the day whose audio table holds a row; -1 when none

@@ -157,6 +157,12 @@ int locate_in_day(typename Media::Context &c, Db &day, std::tm *t, int *pos, int
     return 1;
 }
 
+// Whether a record's time lies in the local hour being played (either of
+// its spans); one outside is damage.
+template <class Ctx> bool in_played_hour(const Ctx &c, int sec) {
+    return (sec >= c.iHourStart && sec < c.iHourEnd) || (sec >= c.iHourStart2 && sec < c.iHourEnd2);
+}
+
 // A search that would move against its direction: reported, nothing found.
 inline int went_back(long long to, long long from) {
     log_line("locate : time %lld does not move on from %lld , stop\n", to, from);
@@ -196,7 +202,7 @@ template <class Media> int locate(typename Media::Context &c, int sec, int direc
     for (;;) {
         if (direction == 1 && s > c.iEndSec) return 0;
         if (c.iDirection == 1)
-            s = hour_span(s).end;
+            s = hour_span(s).next;
         else if (c.iDirection == -1)
             s = hour_span(s).start - 1;
         if (s < 0 || s > kNoEnd) return 0;
@@ -237,8 +243,11 @@ template <class Media> int locate(typename Media::Context &c, int sec, int direc
     }
     c.iHour = tm.tm_hour;
     const HourSpan hour = hour_span(s);
-    c.iHourStart = static_cast<int>(hour.start);
-    c.iHourEnd = static_cast<int>(std::min<long long>(hour.end, INT_MAX));
+    auto clamp = [](long long t) { return static_cast<int>(std::min<long long>(t, INT_MAX)); };
+    c.iHourStart = clamp(hour.start);
+    c.iHourEnd = clamp(hour.end);
+    c.iHourStart2 = clamp(hour.start2);
+    c.iHourEnd2 = clamp(hour.end2);
     c.iCurSec = static_cast<int>(s);
     c.iCurPos = pos;
     c.iEndPos = endPos;

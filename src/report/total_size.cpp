@@ -126,7 +126,12 @@ unsigned total_size(const Medium &m, struct tm *start, struct tm *end, const cha
     // rules: the repeated hour of a change back has two hours of seconds).
     long long H = hour_span(t1).start;
     long long L = t1;
-    const long long E = hour_span(t2).start;
+    // E: the last hour that begins at or before t2.  Where the clock went back
+    // into an earlier hour (Pacific/Chatham), t2's own hour began before hours
+    // that follow it.
+    long long E = hour_span(t2).start;
+    for (long long n; (n = hour_span(E).next) <= t2 && n > E;)
+        E = n;
     unsigned long long T = 0, R = 0;
     auto leave = [&] {
         log_line("leave %s\n", m.name);
@@ -137,7 +142,7 @@ unsigned total_size(const Medium &m, struct tm *start, struct tm *end, const cha
         log_text(m.date_error);
         return leave();
     }
-    auto advance = [&] { L = H = hour_span(H).end; };
+    auto advance = [&] { L = H = hour_span(H).next; };
     for (;;) {
         const std::tm h = fields_of(H);
         if (day_start(static_cast<int>(H), h) == H) {
@@ -154,11 +159,11 @@ unsigned total_size(const Medium &m, struct tm *start, struct tm *end, const cha
             advance();
             continue;
         }
-        const long long at = L, seconds = hour_span(H).end - H;
+        const long long at = L, seconds = hour_span(H).seconds();
         advance();
         const long long z = s.stream_size(at);
         long long rows, bytes;
-        if (z < 0 || !s.rows_in(at, INT_MAX, z, rows, bytes, nullptr) || rows == 0) continue;
+        if (z < 0 || !s.rows_in(at, t2, z, rows, bytes, nullptr) || rows == 0) continue;
         T += static_cast<unsigned long long>(bytes) +
              static_cast<unsigned long long>(m.per_second * seconds);
         if (T >= kSaturated) {
@@ -176,7 +181,8 @@ unsigned total_size(const Medium &m, struct tm *start, struct tm *end, const cha
     const bool ends =
         s.rows_in(t2, INT_MAX, z, after, rest, m.print_queries ? "2" : nullptr) && after > 0;
     if (rows == 0 && !ends) return leave();
-    const long long seconds = ends ? t2 - L : hour_span(H).end - L;
+    const HourSpan last = hour_span(H);
+    const long long seconds = ends ? t2 - L : last.end - L + last.end2 - last.start2;
     R = T + static_cast<unsigned long long>(bytes) +
         static_cast<unsigned long long>(seconds * m.per_second);
     if (R >= kSaturated) R = kSaturated;

@@ -36,8 +36,12 @@ struct PlayContext {
     // at the growing end of a file goes back here before trying again.
     long long llNextRecord;
     // The local hour being played as the seconds [iHourStart, iHourEnd) (two
-    // hours of seconds for the repeated hour of a change back): a record of
-    // this hour's file whose time lies outside is damage.
+    // hours of seconds for the repeated hour of a change back), and
+    // [iHourStart2, iHourEnd2) where the clock went back into it from a later
+    // hour (empty otherwise): a record of this hour's file whose time lies
+    // outside both is damage.
     int iHourStart;
     int iHourEnd;
+    int iHourStart2;
+    int iHourEnd2;
 };

@@ -51,7 +51,7 @@ Read read_record(PlayContext &c, FrameInfo &f) {
     if (std::fread(head, 1, sizeof head, c.fpStream) != sizeof head) return Read::Short;
     parse_frame(head, sizeof head, f);
     const int len = static_cast<int>(f.len);
-    if (len < 1 || len > c.iBufSize || f.sec == 0 || f.sec < c.iHourStart || f.sec >= c.iHourEnd)
+    if (len < 1 || len > c.iBufSize || f.sec == 0 || !in_played_hour(c, f.sec))
         return Read::Impossible;
     if (f.sec > c.iEndSec) return Read::PastEnd;
     c.iFrameSec = f.sec;
