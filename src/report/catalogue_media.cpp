@@ -5,6 +5,7 @@
 // have stepped back, and the repeated hour of a change back holds two
 // passes): spans come from the set of recorded seconds, sorted.
 #include "catalogue.h"
+#include "catalogue_seconds.h"
 
 #include "core/calendar.h"
 #include "store/log.h"
@@ -87,6 +88,25 @@ class SpanBuilder {
         span_.iRows += static_cast<int32_t>(rows);
         return true;
     }
+    // The seconds of `g` within [from, to).  A progression whose step is
+    // within the gap extends the span in one go.
+    bool add(const Progression &g, long long from, long long to) {
+        const long long step = g.step;
+        const long long i0 = std::max(0LL, (from - g.start + step - 1) / step);
+        const long long i1 = std::min<long long>(g.count - 1, floor_div(to - 1 - g.start, step));
+        if (i0 > i1) return true;
+        const long long first = g.start + i0 * step, n = i1 - i0 + 1;
+        if (step > gap_ || (open_ && first <= span_.iEnd - 1)) {
+            for (long long k = 0; k < n; ++k)
+                if (!add(first + k * step, g.rows)) return false;
+            return true;
+        }
+        if (!add(first, g.rows)) return false;
+        span_.iEnd = static_cast<int32_t>(first + (n - 1) * step + 1);
+        span_.iSeconds += static_cast<int32_t>(n - 1);
+        span_.iRows += static_cast<int32_t>((n - 1) * g.rows);
+        return true;
+    }
     bool flush() {
         if (!open_) return true;
         open_ = false;
@@ -94,6 +114,10 @@ class SpanBuilder {
     }
 
   private:
+    static long long floor_div(long long a, long long b) {
+        return a >= 0 ? a / b : -((-a + b - 1) / b);
+    }
+
     long long gap_;
     VrixCatSpanFn fn_;
     void *user_;
@@ -161,8 +185,8 @@ extern "C" int vrix_cat_hours(const char *root, int kind, int ch, int from, int 
             r.iEnd = static_cast<int32_t>(hour_span(r.iStart).end);
             if (h.table) {
                 Sql q;
-                format_into(q.text, sizeof q.text, "select count(*), min(sec), max(sec) from h%d;",
-                            h.hour);
+                format_into(q.text, sizeof q.text,
+                            "select count(*), min(sec), max(sec) from h%d not indexed;", h.hour);
                 std::vector<long long> v;
                 if (!db.query(q.text, 3, v)) break;
                 if (v.size() == 3) {
@@ -192,37 +216,13 @@ extern "C" int vrix_cat_spans(const char *root, int kind, int ch, int from, int 
     std::vector<int> days;
     if (!cat::media_days(call, m, cat::day_key(from), to, days)) return call.result();
     cat::SpanBuilder spans(gap, fn, user);
-    std::vector<long long> rows;
-    std::vector<std::pair<long long, long long>> secs;
+    std::vector<cat::Progression> seconds;
     for (int day : days) {
         Path p;
         if (!cat::index_db_path(p, root, kind, day, ch)) continue;
-        cat::ReadDb db(call, cat::index_mutex(kind, ch), p.text);
-        std::vector<cat::ListedHour> hours;
-        if (!cat::listed(db, hours)) continue;
-        secs.clear();
-        for (const cat::ListedHour &h : hours) {
-            const long long start = hour_start_of(day, h.hour);
-            if (!h.table || hour_span(start).end <= from || start >= to) continue;
-            Sql q;
-            format_into(q.text, sizeof q.text,
-                        "select sec, count(*) from h%d where sec >= %d and sec < %d group by sec "
-                        "order by sec;",
-                        h.hour, from, to);
-            rows.clear();
-            if (!db.query(q.text, 2, rows)) break;
-            for (size_t i = 0; i + 1 < rows.size(); i += 2)
-                secs.emplace_back(rows[i], rows[i + 1]);
-        }
-        // Hours of a day are read in turn; a second stored in two of them
-        // (or twice in one) is one recorded second.
-        std::sort(secs.begin(), secs.end());
-        for (size_t i = 0; i < secs.size(); ++i) {
-            long long n = secs[i].second;
-            while (i + 1 < secs.size() && secs[i + 1].first == secs[i].first)
-                n += secs[++i].second;
-            if (!spans.add(secs[i].first, n)) return call.result();
-        }
+        if (!cat::day_seconds(call, cat::index_mutex(kind, ch), p.text, seconds)) continue;
+        for (const cat::Progression &g : seconds)
+            if (!spans.add(g, from, to)) return call.result();
     }
     spans.flush();
     return call.result();
