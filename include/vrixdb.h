@@ -586,14 +586,16 @@ VRIX_API int vrix_cat_spans(const char *root, int kind, int ch, int from, int to
 
 /* Events of one day, channel and type. */
 typedef struct VrixCatEvents {
-    int32_t iDay;   /* day key */
-    int32_t iCh;    /* channel as stored (0, -1 and 1..64) */
-    int32_t iType;  /* type code as stored */
-    int32_t iCount; /* events */
+    int32_t iDay;          /* day key */
+    int32_t iCh;           /* channel as stored (0, -1 and 1..64) */
+    int32_t iType;         /* type code as stored */
+    int32_t iCount;        /* events */
+    int32_t iFirst, iLast; /* the earliest and latest of their seconds */
 } VrixCatEvents;
 typedef int (*VrixCatEventsFn)(const VrixCatEvents *events, void *user);
 /* The events of the days whose keys lie in [from, to), counted per channel
- * and type (ascending by day, channel, type); a day without events gives no
+ * and type: day by day, and within a day in the order in which the first
+ * event of each channel and type was stored.  A day without events gives no
  * record. */
 VRIX_API int vrix_cat_events(const char *root, int from, int to, VrixCatEventsFn fn, void *user,
                              VrixCatProblemFn problem);

@@ -36,8 +36,9 @@ class Call {
 
 // An index database opened read-only when its file is there.  Each query is
 // one statement under the database kind's mutex (when the library is
-// started), retried while busy; a failure is reported once through the call
-// and ends every later query on it.
+// started), retried while busy.  A failure is reported once through the
+// call; a damaged table leaves the others readable, but a database still
+// locked after the retry is not asked again.
 class ReadDb {
   public:
     ReadDb(Call &call, pthread_mutex_t *m, const char *path);
@@ -45,8 +46,9 @@ class ReadDb {
     ReadDb(const ReadDb &) = delete;
     ReadDb &operator=(const ReadDb &) = delete;
 
-    // The file is there and opened, and nothing failed yet.
-    bool usable() const { return h_ && !failed_; }
+    // The file is there and opened, and not locked.
+    bool usable() const { return h_ && !locked_; }
+    // Something of it could not be read.
     bool failed() const { return failed_; }
     const char *path() const { return path_.text; }
     // Rows of `columns` (1..8) integer columns, flat, appended to `out` (a
@@ -66,6 +68,7 @@ class ReadDb {
     Path path_;
     SqlHandle h_ = nullptr;
     bool failed_ = false;
+    bool locked_ = false;
 };
 
 // The calendar fields of a day key, for the store's path forms.

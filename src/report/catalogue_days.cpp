@@ -101,13 +101,18 @@ extern "C" int vrix_cat_events(const char *root, int from, int to, VrixCatEvents
             rows.empty() || rows[0] == 0)
             continue;
         rows.clear();
-        if (!db.query("select ch, type, count(*) from h_all group by ch, type order by ch, type;",
-                      3, rows))
+        if (!db.query("select ch, type, count(*), min(sec), max(sec) from h_all group by ch, type "
+                      "order by "
+                      "min(id);",
+                      5, rows))
             continue;
-        for (size_t i = 0; i + 2 < rows.size(); i += 3) {
-            const VrixCatEvents r{day, static_cast<int32_t>(rows[i]),
+        for (size_t i = 0; i + 4 < rows.size(); i += 5) {
+            const VrixCatEvents r{day,
+                                  static_cast<int32_t>(rows[i]),
                                   static_cast<int32_t>(rows[i + 1]),
-                                  static_cast<int32_t>(rows[i + 2])};
+                                  static_cast<int32_t>(rows[i + 2]),
+                                  static_cast<int32_t>(rows[i + 3]),
+                                  static_cast<int32_t>(rows[i + 4])};
             if (fn(&r, user)) return call.result();
         }
     }

@@ -188,8 +188,8 @@ extern "C" int vrix_cat_hours(const char *root, int kind, int ch, int from, int 
                 format_into(q.text, sizeof q.text,
                             "select count(*), min(sec), max(sec) from h%d not indexed;", h.hour);
                 std::vector<long long> v;
-                if (!db.query(q.text, 3, v)) break;
-                if (v.size() == 3) {
+                // A table that cannot be read is reported and counts no rows.
+                if (db.query(q.text, 3, v) && v.size() == 3) {
                     r.iRows = static_cast<int32_t>(v[0]);
                     r.iFirst = static_cast<int32_t>(v[1]);
                     r.iLast = static_cast<int32_t>(v[2]);
@@ -220,7 +220,7 @@ extern "C" int vrix_cat_spans(const char *root, int kind, int ch, int from, int 
     for (int day : days) {
         Path p;
         if (!cat::index_db_path(p, root, kind, day, ch)) continue;
-        if (!cat::day_seconds(call, cat::index_mutex(kind, ch), p.text, seconds)) continue;
+        cat::day_seconds(call, cat::index_mutex(kind, ch), p.text, seconds);
         for (const cat::Progression &g : seconds)
             if (!spans.add(g, from, to)) return call.result();
     }

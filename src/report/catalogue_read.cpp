@@ -52,6 +52,7 @@ ReadDb::~ReadDb() {
 }
 
 void ReadDb::fail(int reason) {
+    if (reason == VRIX_CAT_LOCKED) locked_ = true;
     if (failed_) return;
     failed_ = true;
     call_.report(path_.text, reason);

@@ -74,7 +74,9 @@ void remember(const char *path, const Signature &sig, const std::vector<Progress
     g_remembered[path] = {sig, seconds};
 }
 
-// Reads every listed hour's seconds in time order and merges the hours.
+// Reads every listed hour's seconds from the table (the rows playback
+// reads, in id order: in time order but where a clock went back) and merges
+// the hours.  False when any of it could not be read.
 bool read_seconds(ReadDb &db, std::vector<Progression> &out) {
     bool has_h = false;
     std::vector<int> tables, hours;
@@ -83,19 +85,19 @@ bool read_seconds(ReadDb &db, std::vector<Progression> &out) {
     if (!has_h) return true;
     if (!db.listed_hours(hours)) return false;
     std::vector<long long> secs, all;
+    bool sorted = true;
     for (int h : hours) {
         if (std::find(tables.begin(), tables.end(), h) == tables.end()) continue;
         Sql q;
-        format_into(q.text, sizeof q.text, "select sec from h%d order by sec;", h);
+        format_into(q.text, sizeof q.text, "select sec from h%d not indexed;", h);
         secs.clear();
-        if (!db.query(q.text, 1, secs)) return false;
-        // Hours follow each other in time: sorting is needed only where one
-        // begins before the last ended (a clock stepped back into an earlier
-        // hour's time).
-        const bool in_order = all.empty() || secs.empty() || secs.front() >= all.back();
-        all.insert(all.end(), secs.begin(), secs.end());
-        if (!in_order) std::sort(all.begin(), all.end());
+        if (!db.query(q.text, 1, secs)) continue;
+        for (long long s : secs) {
+            sorted = sorted && (all.empty() || s >= all.back());
+            all.push_back(s);
+        }
     }
+    if (!sorted) std::sort(all.begin(), all.end());
     for (size_t i = 0; i < all.size();) {
         size_t j = i + 1;
         while (j < all.size() && all[j] == all[i])
@@ -103,7 +105,7 @@ bool read_seconds(ReadDb &db, std::vector<Progression> &out) {
         append_second(out, static_cast<int32_t>(all[i]), static_cast<int32_t>(j - i));
         i = j;
     }
-    return true;
+    return !db.failed();
 }
 
 } // namespace
@@ -121,20 +123,16 @@ void append_second(std::vector<Progression> &list, int32_t sec, int32_t rows) {
     list.push_back({sec, 1, 1, rows});
 }
 
-bool day_seconds(Call &call, pthread_mutex_t *m, const char *path, std::vector<Progression> &out) {
+void day_seconds(Call &call, pthread_mutex_t *m, const char *path, std::vector<Progression> &out) {
     out.clear();
     Signature before{};
-    if (!signature_of(path, before)) return true; // not there: nothing recorded
-    if (recall(path, before, out)) return true;
+    if (!signature_of(path, before)) return; // not there: nothing recorded
+    if (recall(path, before, out)) return;
     ReadDb db(call, m, path);
-    if (!read_seconds(db, out)) {
-        out.clear();
-        return false;
-    }
-    // Remembered only when the file stayed as it was while it was read.
+    // Remembered only when all of it was read and the file stayed as it was.
     Signature after{};
-    if (signature_of(path, after) && after == before && settled(after)) remember(path, after, out);
-    return true;
+    if (read_seconds(db, out) && signature_of(path, after) && after == before && settled(after))
+        remember(path, after, out);
 }
 
 void forget_day_seconds() {

@@ -28,9 +28,10 @@ void append_second(std::vector<Progression> &list, int32_t sec, int32_t rows);
 
 // The seconds of the day's index database at `path` (mutex `m`): from the
 // process's memory when the file is unchanged since it was read, else read
-// (one statement per listed hour) and remembered.  False when the database
-// could not be read (reported through the call); a missing one is empty.
-bool day_seconds(Call &call, pthread_mutex_t *m, const char *path, std::vector<Progression> &out);
+// (one statement per listed hour) and remembered.  Hours that cannot be read
+// are reported through the call and left out (the day is then not
+// remembered); a database that is not there is empty.
+void day_seconds(Call &call, pthread_mutex_t *m, const char *path, std::vector<Progression> &out);
 
 // Forgets everything remembered (tests).
 void forget_day_seconds();

@@ -163,7 +163,8 @@ TEST_F(Catalogue, AgreesWithAModelOfRandomStores) {
     static int clock;
     VrixTestHooks hooks{1, [] { return clock; }};
     vrix_db_set_test_hooks(&hooks);
-    std::map<std::tuple<int, int, int>, int> eventModel; // (day, ch, type): count
+    // (day, ch, type): count, first and last second
+    std::map<std::tuple<int, int, int>, std::tuple<int, int, int>> eventModel;
     EventRecContext *ev = vrix_db_open_rec_event(root());
     ASSERT_NE(ev, nullptr);
     std::set<int> eventSecs;
@@ -173,7 +174,9 @@ TEST_F(Catalogue, AgreesWithAModelOfRandomStores) {
         clock = s;
         const int ch = static_cast<int>(rng() % 4), type = 1 << (rng() % 3);
         vrix_db_rec_event(ev, ch, type, 0, 0);
-        ++eventModel[{day_of(s), ch, type}];
+        auto &[count, first, last] = eventModel[{day_of(s), ch, type}];
+        first = count++ ? first : s;
+        last = s;
     }
     vrix_db_close_rec_event(ev);
     vrix_db_set_test_hooks(nullptr);
@@ -252,9 +255,9 @@ TEST_F(Catalogue, AgreesWithAModelOfRandomStores) {
     ASSERT_EQ(
         vrix_cat_events(root(), 0, 0x7fffffff, into<VrixCatEvents>, &events, bad<VrixCatEvents>),
         0);
-    std::map<std::tuple<int, int, int>, int> got;
+    std::map<std::tuple<int, int, int>, std::tuple<int, int, int>> got;
     for (const VrixCatEvents &e : events.got)
-        got[{e.iDay, e.iCh, e.iType}] += e.iCount;
+        got[{e.iDay, e.iCh, e.iType}] = {e.iCount, e.iFirst, e.iLast};
     EXPECT_EQ(got, eventModel);
 }
 

@@ -83,16 +83,19 @@ ChannelSummary summarize(const Hours &hours) {
     return c;
 }
 
-// The events of a day: how many, and how many of each type.
+// The events of a day: how many, how many of each type, and the types in
+// the order their first events were stored.
 struct EventCounts {
     int64_t count = 0;
     std::map<int, int64_t> byType;
+    std::vector<int> typesAsStored;
 };
 
 EventCounts event_counts(Catalogue &store, long day) {
     EventCounts e;
     for (const VrixCatEvents &r : store.events(day)) {
         e.count += r.iCount;
+        if (!e.byType.count(r.iType)) e.typesAsStored.push_back(r.iType);
         e.byType[r.iType] += r.iCount;
     }
     return e;
@@ -259,8 +262,9 @@ void json_day(Catalogue &store, long day) {
         ev = {{"unreadable", bad}};
     } else {
         Json byType = Json::object();
-        for (auto [type, n] : events.byType)
-            byType[type_name(type)] = byType.value(type_name(type), int64_t{0}) + n;
+        for (int type : events.typesAsStored)
+            byType[type_name(type)] =
+                byType.value(type_name(type), int64_t{0}) + events.byType.at(type);
         ev = {{"count", events.count}, {"by_type", byType}};
     }
     print_json(out(), {{"root", store.root()},
