@@ -483,12 +483,16 @@ VRIX_API void vrix_rm_server_stop(VrixRmServer *server);
  *   one statement at a time, so what the writers committed is seen and a
  *   writer waits at most for one statement.  A busy database is retried like
  *   every access of the library (about a second).  Nothing is created: a
- *   database or directory that is not there is simply empty.
+ *   database or directory that is not there is simply empty.  The spans
+ *   function remembers a day's recorded seconds while its index file stays
+ *   unchanged (the day being recorded is read afresh every time).
  * - A database that is there but cannot be read (damaged, not a database,
  *   or still locked after the retry) is never taken for an empty one: its
  *   path and the reason go to `problem` (once per call and database, with
- *   `user`), what it holds is left out, and the function returns 1 instead of
- *   0.  -1: the arguments were refused (one line), nothing was delivered.
+ *   `user`), what could not be read is left out (an hour whose table cannot
+ *   be read counts no rows; the other tables of its database still count),
+ *   and the function returns 1 instead of 0.  -1: the arguments were refused
+ *   (one line), nothing was delivered.
  * - Times are instants (seconds since 1970).  A day is named by its key, the
  *   first instant of the local day; it lasts until the next day's key, 23 or
  *   25 hours across a change of summer time.  Ranges [from, to) include from
