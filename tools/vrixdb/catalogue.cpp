@@ -65,7 +65,8 @@ std::vector<VrixCatSpan> Catalogue::spans(int kind, int ch, long from, long to, 
 
 std::vector<VrixCatEvents> Catalogue::events(long day) {
     Sink<VrixCatEvents> s{{this}, {}};
-    vrix_cat_events(root_.c_str(), clamp(day), clamp(day + 1), take<VrixCatEvents>, &s, note_unreadable);
+    vrix_cat_events(root_.c_str(), clamp(day), clamp(day + 1), take<VrixCatEvents>, &s,
+                    note_unreadable);
     return s.records;
 }
 
