@@ -411,8 +411,8 @@ VRIX_API int vrix_dvd_audio_get_end_time(int ch, int sec, const char *root, int 
 
 /* ==== Extensions ===========================================================
  * Beyond the recorder interface: the version, the log sink, the sync
- * interval, the test hooks and the remove server.  Later additions of this
- * library go here too. */
+ * interval, the test hooks, the remove server and the catalogue.  Later
+ * additions of this library go here too. */
 
 /* "MAJOR.MINOR.PATCH" of the library that is loaded (the macros above give
  * the version built against). */
@@ -511,6 +511,176 @@ typedef void (*VrixRmLogFn)(int command, const char *path, int outcome, void *us
 VRIX_API VrixRmServer *vrix_rm_server_start(const char *root, VrixRmLogFn log, void *user);
 /* Stops the thread (within about a millisecond) and frees the server. */
 VRIX_API void vrix_rm_server_stop(VrixRmServer *server);
+
+/* ---- Catalogue: what the store holds --------------------------------------
+ * The recorded days, the recorded spans of a channel with the gaps between
+ * them, the hours, index rows and bytes of each channel and day, the events
+ * per day, channel and type, and the oldest and newest recorded instant:
+ * read from the index databases and the sizes of the stream files, never
+ * from the media, so an application needs no knowledge of the store's files.
+ *
+ * - No vrix_db_init is needed (a listing tool runs beside the recorder
+ *   without starting the library); any thread, at any time, also while a
+ *   recorder writes the store.  Each database is opened read-only and read
+ *   one statement at a time, so what the writers committed is seen and a
+ *   writer waits at most for one statement.  A busy database is retried like
+ *   every access of the library (about a second).  Nothing is created: a
+ *   database or directory that is not there is simply empty.  The spans
+ *   function remembers a day's recorded seconds while its index file stays
+ *   unchanged (the day being recorded is read afresh every time).
+ * - A database that is there but cannot be read (damaged, not a database,
+ *   or still locked after the retry) is never taken for an empty one: its
+ *   path and the reason go to `problem` (once per call and database, with
+ *   `user`), what could not be read is left out (an hour whose table cannot
+ *   be read counts no rows; the other tables of its database still count),
+ *   and the function returns 1 instead of 0.  -1: the arguments were refused
+ *   (one line), nothing was delivered.
+ * - Times are instants (seconds since 1970).  A day is named by its key, the
+ *   first instant of the local day; it lasts until the next day's key, 23 or
+ *   25 hours across a change of summer time.  Ranges [from, to) include from
+ *   and exclude to.  Records are handed to the callback in ascending order on
+ *   the caller's thread; a callback that returns non-zero ends the walk.
+ * - A second recorded twice (the clock stepped back, the repeated hour of a
+ *   change back) lies once in a span; rows and bytes count everything stored.
+ *
+ * Example: the first day of June 2024 on which channel 3 recorded, and its
+ * spans, a pause of more than 10 s between key frames splitting them:
+ *
+ *     static void bad(const char *path, int reason, void *user) {
+ *         fprintf(stderr, "cannot read %s (%d): try a repair\n", path, reason);
+ *     }
+ *     static int day(const VrixCatDay *d, void *user) {
+ *         if (!(d->uVideo & (1u << (3 - 1)))) return 0;
+ *         *(VrixCatDay *)user = *d;
+ *         return 1; // found: stop
+ *     }
+ *     static int span(const VrixCatSpan *s, void *user) {
+ *         printf("%d .. %d, %d key frames\n", s->iStart, s->iEnd, s->iRows);
+ *         return 0;
+ *     }
+ *     ...
+ *     struct tm june = {.tm_year = 124, .tm_mon = 5, .tm_mday = 1, .tm_isdst = -1};
+ *     struct tm july = {.tm_year = 124, .tm_mon = 6, .tm_mday = 1, .tm_isdst = -1};
+ *     VrixCatDay first = {0};
+ *     int bad_days = vrix_cat_days(root, mktime(&june), mktime(&july), day, &first, bad);
+ *     if (first.iDay)
+ *         vrix_cat_spans(root, VRIX_CAT_VIDEO, 3, first.iDay, first.iEnd, 10, span, NULL, bad);
+ *     // bad_days == 1: date.db could not be read, and "no day" means nothing */
+
+/* What a catalogue function reads: video (channels 1..16), audio (channels
+ * 1..4; the index is shared, the stream files are per channel) or events. */
+#define VRIX_CAT_VIDEO 1
+#define VRIX_CAT_AUDIO 2
+#define VRIX_CAT_EVENTS 3
+
+/* Why a database could not be read. */
+#define VRIX_CAT_DAMAGED 1 /* it did not open or a read failed: damaged, or not a database */
+#define VRIX_CAT_LOCKED 2  /* still locked by another connection after the retry */
+typedef void (*VrixCatProblemFn)(const char *path, int reason, void *user);
+
+/* A recorded day, from date.db's list of days. */
+typedef struct VrixCatDay {
+    int32_t iDay;           /* key: the first instant of the local day */
+    int32_t iEnd;           /* the next day's key */
+    uint32_t uVideo;        /* bit ch - 1: video channel ch recorded that day */
+    int32_t iAudio;         /* 1: the day has an audio index */
+    int32_t iAudioChannels; /* the highest audio channel with a directory that day, 0 none */
+    int32_t iEvents;        /* 1: the day has an event database */
+} VrixCatDay;
+typedef int (*VrixCatDayFn)(const VrixCatDay *day, void *user);
+/* The days whose keys lie in [from, to), from date.db alone and a look at
+ * which files of each day are there (no day database is opened): a month
+ * costs a few statements. */
+VRIX_API int vrix_cat_days(const char *root, int from, int to, VrixCatDayFn fn, void *user,
+                           VrixCatProblemFn problem);
+
+/* An hour file of a channel's day: what its index lists and its size. */
+typedef struct VrixCatHour {
+    int32_t iDay;          /* day key */
+    int32_t iHour;         /* local hour 0..23, as the index and the file name it */
+    int32_t iStart, iEnd;  /* its instants [start, end): two hours of seconds for the
+                              repeated hour of a change back */
+    int32_t iRows;         /* index rows: key frames (video), indexed seconds (audio) */
+    int32_t iFirst, iLast; /* the earliest and latest indexed second, 0 without rows */
+    int64_t lBytes;        /* the stream file's size (of channel `ch` for audio), every pass
+                              included; -1 when there is no file */
+} VrixCatHour;
+typedef int (*VrixCatHourFn)(const VrixCatHour *hour, void *user);
+/* The hours the index of `ch` lists (VRIX_CAT_VIDEO or VRIX_CAT_AUDIO) on the
+ * days whose keys lie in [from, to), hour by hour: bytes per channel and day
+ * are the sum of lBytes >= 0.  An hour listed without a table of rows has 0
+ * rows. */
+VRIX_API int vrix_cat_hours(const char *root, int kind, int ch, int from, int to, VrixCatHourFn fn,
+                            void *user, VrixCatProblemFn problem);
+
+/* A recorded span: consecutive recorded seconds (video: seconds holding a
+ * key frame, so the footage runs on past iEnd to the next key frame; audio:
+ * indexed seconds) no more than `gap` seconds apart. */
+typedef struct VrixCatSpan {
+    int32_t iStart;   /* the first recorded second */
+    int32_t iEnd;     /* one past the last recorded second */
+    int32_t iSeconds; /* recorded seconds in it, each once */
+    int32_t iRows;    /* index rows in it (a second recorded twice counts twice) */
+} VrixCatSpan;
+typedef int (*VrixCatSpanFn)(const VrixCatSpan *span, void *user);
+/* The spans of channel `ch` within [from, to): recorded seconds more than
+ * `gap` seconds apart (0..86400) start a new span, so with `gap` 0 every
+ * recorded second is a span of its own and with 1 a span has no second
+ * missing.  A span may cross hours and days. */
+VRIX_API int vrix_cat_spans(const char *root, int kind, int ch, int from, int to, int gap,
+                            VrixCatSpanFn fn, void *user, VrixCatProblemFn problem);
+
+/* Events of one day, channel and type. */
+typedef struct VrixCatEvents {
+    int32_t iDay;          /* day key */
+    int32_t iCh;           /* channel as stored (0, -1 and 1..64) */
+    int32_t iType;         /* type code as stored */
+    int32_t iCount;        /* events */
+    int32_t iFirst, iLast; /* the earliest and latest of their seconds */
+} VrixCatEvents;
+typedef int (*VrixCatEventsFn)(const VrixCatEvents *events, void *user);
+/* The events of the days whose keys lie in [from, to), counted per channel
+ * and type: day by day, and within a day in the order in which the first
+ * event of each channel and type was stored.  A day without events gives no
+ * record. */
+VRIX_API int vrix_cat_events(const char *root, int from, int to, VrixCatEventsFn fn, void *user,
+                             VrixCatProblemFn problem);
+
+/* The oldest and newest recorded second of video channel `ch` (0: of any
+ * channel; key frames), of the audio (`ch` not used; indexed seconds) or of
+ * the events, into *first and *last (either may be null); 0 when nothing is
+ * recorded.  A few statements at each end of the store. */
+VRIX_API int vrix_cat_bounds(const char *root, int kind, int ch, int *first, int *last,
+                             VrixCatProblemFn problem, void *user);
+
+/* Reads every page of every table that playing `ch` of `kind` (or listing
+ * the events) from `from` to `to` (instants, either order, inclusive) goes
+ * through: date.db's day list and each such day's index database.  For the
+ * caller whose playback ended early or found nothing: 1 names, through
+ * `problem`, what could not be read; 0 when all of it could.  Costs a read
+ * of those databases. */
+VRIX_API int vrix_cat_check(const char *root, int kind, int ch, int from, int to,
+                            VrixCatProblemFn problem, void *user);
+
+/* The path of a file of the store, for messages, copies and checks: the
+ * store's index (VRIX_PATH_DATE_DB), a day's directory, event database,
+ * video index of channel `ch`, stream file of channel `ch` and hour, audio
+ * index and audio stream file, and the backup copies vrix_db_backup makes.
+ * `day` is a day key; arguments a kind does not use are ignored.  Returns
+ * the path's length (the path and a terminating zero are written into `buf`
+ * of `size` bytes), -1 when the kind or an argument is refused or the path
+ * does not fit. */
+#define VRIX_PATH_DATE_DB 1
+#define VRIX_PATH_DATE_COPY 2
+#define VRIX_PATH_DAY_DIR 3
+#define VRIX_PATH_EVENT_DB 4
+#define VRIX_PATH_EVENT_COPY 5
+#define VRIX_PATH_VIDEO_DB 6
+#define VRIX_PATH_VIDEO_STREAM 7
+#define VRIX_PATH_AUDIO_DB 8
+#define VRIX_PATH_AUDIO_STREAM 9
+VRIX_API int vrix_cat_path(const char *root, int kind, int day, int ch, int hour, char *buf,
+                           int size);
 
 #ifdef __cplusplus
 }

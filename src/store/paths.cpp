@@ -78,6 +78,15 @@ bool reader_event_db(Path &p, const char *root, const std::tm &d) {
                        d.tm_mon + 1, d.tm_mday);
 }
 
+bool reader_day_dir(Path &p, const char *root, const std::tm &d) {
+    return format_into(p.text, sizeof p.text, "%s/%04d%02d%02d", root, d.tm_year + 1900,
+                       d.tm_mon + 1, d.tm_mday);
+}
+bool reader_audio_channel_dir(Path &p, const char *root, const std::tm &d, int ch) {
+    return format_into(p.text, sizeof p.text, "%s/%04d%02d%02d/audio/%d", root, d.tm_year + 1900,
+                       d.tm_mon + 1, d.tm_mday, ch);
+}
+
 bool dir_event_db(Path &p, const char *dir) {
     return format_into(p.text, sizeof p.text, "%s/event.db", dir);
 }

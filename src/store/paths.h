@@ -41,6 +41,9 @@ bool reader_video_stream(Path &p, const char *root, const std::tm &day, int ch, 
 bool reader_audio_db(Path &p, const char *root, const std::tm &day);
 bool reader_audio_stream(Path &p, const char *root, const std::tm &day, int ch, int hour);
 bool reader_event_db(Path &p, const char *root, const std::tm &day);
+bool reader_day_dir(Path &p, const char *root, const std::tm &day); // %s/%04d%02d%02d
+bool reader_audio_channel_dir(Path &p, const char *root, const std::tm &day,
+                              int ch); // .../audio/%d
 
 // The day's event database inside a day directory given as a path: "%s/event.db".
 bool dir_event_db(Path &p, const char *dir);

@@ -2,10 +2,10 @@
 #include "demo.h"
 
 #include "vrixdb.h"
+#include "vrixdb/catalogue.h"
 #include "vrixdb/cli.h"
 #include "vrixdb/library.h"
 #include "vrixdb/progress.h"
-#include "vrixdb/store_index.h"
 #include "vrixdb/timeline_svg.h"
 #include "vrixdb/times.h"
 
@@ -87,7 +87,7 @@ int virtual_clock() {
 
 // The day as recorded, before maintenance takes its oldest hour away.
 void draw_picture(Demo &d) {
-    StoreIndex store(d.root);
+    Catalogue store(d.root);
     long spans = 0;
     size_t events = 0;
     const std::string path = d.root + "/timeline-" + day_name(d.t0) + ".svg";

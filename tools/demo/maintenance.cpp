@@ -3,8 +3,8 @@
 #include "vrixdb/maintenance.h"
 #include "demo.h"
 #include "vrixdb.h"
+#include "vrixdb/catalogue.h"
 #include "vrixdb/progress.h"
-#include "vrixdb/store_index.h"
 #include "vrixdb/times.h"
 #include "vrixdb/units.h"
 
@@ -29,21 +29,27 @@ void damage(const std::string &path) {
     f.write(junk.data(), static_cast<std::streamsize>(junk.size()));
 }
 
-bool same_keys(const std::vector<HourIndex> &a, const std::vector<HourIndex> &b) {
-    if (a.size() != b.size()) return false;
-    for (size_t h = 0; h < a.size(); ++h) {
-        if (a[h].hour != b[h].hour || a[h].keys.size() != b[h].keys.size()) return false;
-        for (size_t k = 0; k < a[h].keys.size(); ++k)
-            if (a[h].keys[k].sec != b[h].keys[k].sec || a[h].keys[k].offset != b[h].keys[k].offset)
-                return false;
-    }
-    return true;
+// A channel's day as the catalogue lists it: every key-frame second (once
+// per row) and the hours.
+struct Listing {
+    std::vector<long> keys;
+    std::vector<int> hours;
+    bool operator==(const Listing &) const = default;
+};
+
+Listing listing(Catalogue &store, long day, int ch) {
+    Listing l;
+    for (const VrixCatSpan &s : store.spans(VRIX_CAT_VIDEO, ch, day, next_day(day), 0))
+        l.keys.insert(l.keys.end(), static_cast<size_t>(s.iRows), s.iStart);
+    for (const VrixCatHour &h : store.hours(VRIX_CAT_VIDEO, ch, day))
+        l.hours.push_back(h.iHour);
+    return l;
 }
 
-size_t key_count(const std::vector<HourIndex> &hours) {
-    size_t n = 0;
-    for (const HourIndex &h : hours)
-        n += h.keys.size();
+int64_t event_count(Catalogue &store, long day) {
+    int64_t n = 0;
+    for (const VrixCatEvents &e : store.events(day))
+        n += e.iCount;
     return n;
 }
 
@@ -51,23 +57,26 @@ size_t key_count(const std::vector<HourIndex> &hours) {
 
 void step_backup_repair(Demo &d) {
     const std::string day = day_name(d.t0);
-    StoreIndex store(d.root);
-    const std::string dateDb = store.date_db();
-    const std::string eventDb = store.event_db(day_start(d.t0));
+    Catalogue store(d.root);
+    const long dayKey = day_start(d.t0);
+    const std::string dateDb = store.path(VRIX_PATH_DATE_DB);
+    const std::string eventDb = store.path(VRIX_PATH_EVENT_DB, dayKey);
     vrix_db_backup(d.root.c_str(), day.c_str());
     std::string why;
-    if (file_bytes(dateDb + ".sql") != file_bytes(dateDb) || file_bytes(dateDb).empty())
+    if (file_bytes(store.path(VRIX_PATH_DATE_COPY)) != file_bytes(dateDb) ||
+        file_bytes(dateDb).empty())
         why = "date.db.sql is not a copy of date.db";
-    else if (file_bytes(eventDb + ".sql") != file_bytes(eventDb) || file_bytes(eventDb).empty())
+    else if (file_bytes(store.path(VRIX_PATH_EVENT_COPY, dayKey)) != file_bytes(eventDb) ||
+             file_bytes(eventDb).empty())
         why = "event.db.sql is not a copy of the day's event.db";
     const int64_t copied =
         static_cast<int64_t>(file_bytes(dateDb).size() + file_bytes(eventDb).size());
 
     // An unclean stop: one channel's index and the day's events damaged.
     const int ch = 3;
-    const auto keys = store.video(day_start(d.t0), ch);
-    const auto events = store.events(day_start(d.t0));
-    const std::string videoDb = store.video_db(day_start(d.t0), ch);
+    const Listing keys = listing(store, dayKey, ch);
+    const int64_t events = event_count(store, dayKey);
+    const std::string videoDb = store.path(VRIX_PATH_VIDEO_DB, dayKey, ch);
     const Stopwatch began;
     if (why.empty()) {
         damage(videoDb);
@@ -75,19 +84,21 @@ void step_backup_repair(Demo &d) {
         run_integrity_check(d.root, d.out);
     }
     const double ms = began.ms();
-    if (why.empty() && !same_keys(store.video(day_start(d.t0), ch), keys))
+    const Listing after = why.empty() ? listing(store, dayKey, ch) : keys;
+    if (why.empty() && after != keys)
         why = strf("ch %d's index holds %zu key frames after the check, %zu before the damage", ch,
-                   key_count(store.video(day_start(d.t0), ch)), key_count(keys));
-    else if (why.empty() && store.events(day_start(d.t0)).size() != events.size())
-        why = strf("the day holds %zu events after the check, %zu were backed up",
-                   store.events(day_start(d.t0)).size(), events.size());
+                   after.keys.size(), keys.keys.size());
+    else if (why.empty() && event_count(store, dayKey) != events)
+        why = strf("the day holds %lld events after the check, %lld were backed up",
+                   static_cast<long long>(event_count(store, dayKey)),
+                   static_cast<long long>(events));
     d.result("repair", why.empty(),
-             why.empty()
-                 ? strf("backup copied date.db and event.db (%s); after damaging ch %d's "
-                        "video.db and event.db the check rebuilt %zu key-frame rows from "
-                        "the stream and restored %zu events from the copy, %.0f ms",
-                        format_bytes(copied).c_str(), ch, key_count(keys), events.size(), ms)
-                 : why);
+             why.empty() ? strf("backup copied date.db and event.db (%s); after damaging ch %d's "
+                                "video.db and event.db the check rebuilt %zu key-frame rows from "
+                                "the stream and restored %zu events from the copy, %.0f ms",
+                                format_bytes(copied).c_str(), ch, keys.keys.size(),
+                                static_cast<size_t>(events), ms)
+                         : why);
 }
 
 void step_reduce(Demo &d) {
@@ -106,7 +117,7 @@ void step_reduce(Demo &d) {
     }
 
     std::string why;
-    StoreIndex store(d.root);
+    Catalogue store(d.root);
     const long day = day_start(d.t0);
     long eventsLeft = 0;
     for (const DemoEvent &e : d.events)
@@ -116,16 +127,18 @@ void step_reduce(Demo &d) {
                    format_time(expected).c_str(), format_time(predicted).c_str(),
                    format_time(limit).c_str());
     for (int ch = 1; ch <= kDemoChannels && why.empty(); ++ch) {
-        const std::string stream = store.stream_file(day, ch, first.tm_hour);
-        for (const HourIndex &h : store.video(day, ch))
-            if (h.hour <= first.tm_hour) why = strf("ch %d still lists hour %d", ch, h.hour);
+        const std::string stream = store.path(VRIX_PATH_VIDEO_STREAM, day, ch, first.tm_hour);
+        for (const VrixCatHour &h : store.hours(VRIX_CAT_VIDEO, ch, day))
+            if (h.iHour <= first.tm_hour) why = strf("ch %d still lists hour %d", ch, h.iHour);
         if (why.empty() && fs::exists(stream)) why = stream + " is still there";
     }
-    for (const HourIndex &h : store.audio(day))
-        if (why.empty() && h.hour <= first.tm_hour) why = strf("audio still lists hour %d", h.hour);
-    if (why.empty() && static_cast<long>(store.events(day).size()) != eventsLeft)
-        why = strf("%zu events left, %ld were recorded after %s", store.events(day).size(),
-                   eventsLeft, format_clock(limit).c_str());
+    for (const VrixCatHour &h : store.hours(VRIX_CAT_AUDIO, 1, day))
+        if (why.empty() && h.iHour <= first.tm_hour)
+            why = strf("audio still lists hour %d", h.iHour);
+    if (why.empty() && event_count(store, day) != eventsLeft)
+        why = strf("%lld events left, %ld were recorded after %s",
+                   static_cast<long long>(event_count(store, day)), eventsLeft,
+                   format_clock(limit).c_str());
     // Playback from the old start now begins with the next hour.
     long firstLeft = 0;
     if (why.empty()) {

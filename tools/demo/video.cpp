@@ -1,8 +1,8 @@
 // Demo: the index as written, and playback checked byte for byte.
 #include "demo.h"
 #include "vrixdb.h"
+#include "vrixdb/catalogue.h"
 #include "vrixdb/progress.h"
-#include "vrixdb/store_index.h"
 #include "vrixdb/times.h"
 #include "vrixdb/units.h"
 
@@ -46,10 +46,34 @@ bool frame_matches(const Demo &d, PlayContext *ctx, long sec, int index, std::st
 
 } // namespace
 
+namespace {
+
+// Key-frame play of channel `ch` over the demo's span: the time of every key
+// frame the index leads to, in the order of its rows.
+std::vector<long> key_frames_played(const Demo &d, int ch) {
+    std::tm start = mktime_fields(d.t0), end = mktime_fields(d.t1);
+    PlayContext *ctx = vrix_db_open_get_video(&start, &end, ch, kPlayBuffer, d.root.c_str());
+    std::vector<long> times;
+    if (ctx) vrix_db_video_set_i_mode(ctx, 1, 1);
+    while (ctx && vrix_db_next_video(ctx) == 1) {
+        int sec = 0, sub = 0;
+        vrix_db_video_get_current_time(ctx, &sec, &sub);
+        times.push_back(sec);
+    }
+    vrix_db_close_get_video(ctx);
+    return times;
+}
+
+} // namespace
+
+// The catalogue lists, per channel, the hour files and key-frame seconds
+// written, and the stream files' bytes; key-frame play through the rows
+// meets them in the order written.
 void step_index(Demo &d) {
-    StoreIndex store(d.root);
+    Catalogue store(d.root);
     long rows = 0, hourFiles = 0;
     std::string why;
+    const long first = day_start(d.t0), last = next_day(day_start(d.t1 - 1));
     for (int ch = 1; ch <= kDemoChannels && why.empty(); ++ch) {
         // What this channel recorded: its key-frame seconds and hour files.
         std::vector<long> want;
@@ -60,36 +84,32 @@ void step_index(Demo &d) {
                 hours.insert({day_start(s), local_fields(s).tm_hour});
             }
         int64_t bytes = 0;
-        size_t next = 0;
         std::set<std::pair<long, int>> seen;
-        for (long day = day_start(d.t0); day <= day_start(d.t1 - 1) && why.empty();
-             day = next_day(day))
-            for (const HourIndex &h : store.video(day, ch)) {
-                seen.insert({day, h.hour});
-                bytes += h.streamBytes > 0 ? h.streamBytes : 0;
-                int64_t lastOffset = -1;
-                for (const KeyFrame &k : h.keys) {
-                    // Every hour file starts with a key frame, and rows follow
-                    // the file.
-                    if (next == want.size() || k.sec != want[next] || k.offset <= lastOffset ||
-                        (lastOffset < 0 && k.offset != 0)) {
-                        why = strf("ch %d hour %d: key-frame row %s at offset %lld is not the "
-                                   "one written",
-                                   ch, h.hour, format_time(k.sec).c_str(),
-                                   static_cast<long long>(k.offset));
-                        break;
-                    }
-                    lastOffset = k.offset;
-                    ++next;
-                    ++rows;
-                }
+        for (long day = first; day < last; day = next_day(day))
+            for (const VrixCatHour &h : store.hours(VRIX_CAT_VIDEO, ch, day)) {
+                seen.insert({day, h.iHour});
+                bytes += h.lBytes > 0 ? h.lBytes : 0;
             }
+        std::vector<long> listed;
+        for (const VrixCatSpan &s : store.spans(VRIX_CAT_VIDEO, ch, first, last, 0))
+            listed.insert(listed.end(), static_cast<size_t>(s.iRows), s.iStart);
         hourFiles += static_cast<long>(seen.size());
-        if (!why.empty()) break;
-        if (seen != hours)
+        rows += static_cast<long>(listed.size());
+        const std::vector<long> played = key_frames_played(d, ch);
+        size_t bad = 0;
+        while (bad < want.size() && bad < listed.size() && want[bad] == listed[bad])
+            ++bad;
+        if (!store.unreadable().empty())
+            why = "cannot read " + store.unreadable().front();
+        else if (listed != want)
+            why = strf("ch %d: %zu key-frame rows listed, %zu written; the first that differs "
+                       "is number %zu",
+                       ch, listed.size(), want.size(), bad + 1);
+        else if (played != want)
+            why = strf("ch %d: key-frame play met %zu key frames, not the %zu written in order", ch,
+                       played.size(), want.size());
+        else if (seen != hours)
             why = strf("ch %d: %zu hour files listed, %zu recorded", ch, seen.size(), hours.size());
-        else if (next != want.size())
-            why = strf("ch %d: %zu of %zu key frames indexed", ch, next, want.size());
         else if (bytes != d.channelBytes[ch])
             why = strf("ch %d: stream files hold %lld bytes, %lld written", ch,
                        static_cast<long long>(bytes), static_cast<long long>(d.channelBytes[ch]));
@@ -100,7 +120,6 @@ void step_index(Demo &d) {
                                 hourFiles, kDemoChannels, rows)
                          : why);
 }
-
 void step_play_forward(Demo &d) {
     const Stopwatch began;
     Player p(d, d.t0);

@@ -1,7 +1,7 @@
 // vrixdb backup: copies of date.db and a day's event.db.
+#include "catalogue.h"
 #include "cli.h"
 #include "library.h"
-#include "store_index.h"
 #include "times.h"
 #include "units.h"
 #include "vrixdb.h"
@@ -23,20 +23,21 @@ int run_backup(const BackupOptions &o) {
     if (root.empty() || !require_store(root, "backup")) return 1;
     const long dayKey = *parse_day(o.day);
     const std::string day = day_name(dayKey);
-    const StoreIndex store(root);
+    const Catalogue store(root);
     std::error_code ec;
-    if (!fs::is_directory(store.day_dir(dayKey), ec)) {
+    if (!fs::is_directory(store.path(VRIX_PATH_DAY_DIR, dayKey), ec)) {
         std::fprintf(stderr, "vrixdb backup: no day %s in %s\n", day.c_str(), root.c_str());
         return 1;
     }
     if (!start_library()) return 1;
     vrix_db_backup(root.c_str(), day.c_str());
     int copies = 0;
-    for (const std::string &db : {store.date_db(), store.event_db(dayKey)}) {
-        const auto size = fs::file_size(db + ".sql", ec);
+    for (const std::string &copy :
+         {store.path(VRIX_PATH_DATE_COPY), store.path(VRIX_PATH_EVENT_COPY, dayKey)}) {
+        const auto size = fs::file_size(copy, ec);
         if (ec) continue;
         ++copies;
-        std::fprintf(out(), "  %s.sql  %s\n", db.c_str(),
+        std::fprintf(out(), "  %s  %s\n", copy.c_str(),
                      format_bytes(static_cast<int64_t>(size)).c_str());
     }
     std::fprintf(out(), "backup of %s: %d cop%s\n", day.c_str(), copies, copies == 1 ? "y" : "ies");

@@ -1,9 +1,9 @@
 // vrixdb events: the library's event query, page by page.
+#include "catalogue.h"
 #include "cli.h"
 #include "json_out.h"
 #include "library.h"
 #include "lists.h"
-#include "store_index.h"
 #include "times.h"
 #include "vrixdb.h"
 

@@ -1,6 +1,6 @@
 #include "library.h"
 
-#include "store_index.h"
+#include "catalogue.h"
 #include "vrixdb.h"
 
 #include <sys/ipc.h>
@@ -169,10 +169,10 @@ std::string library_root(const std::string &root, const char *command) {
 }
 
 bool require_store(const std::string &root, const char *command, bool copyWillDo) {
-    const std::string dateDb = StoreIndex(root).date_db();
+    const Catalogue store(root);
     std::error_code ec;
-    if (fs::is_regular_file(dateDb, ec)) return true;
-    if (copyWillDo && fs::is_regular_file(dateDb + ".sql", ec)) return true;
+    if (fs::is_regular_file(store.path(VRIX_PATH_DATE_DB), ec)) return true;
+    if (copyWillDo && fs::is_regular_file(store.path(VRIX_PATH_DATE_COPY), ec)) return true;
     std::fprintf(stderr, "vrixdb %s: no store at %s (no date.db%s)\n", command, root.c_str(),
                  copyWillDo ? " and no copy date.db.sql" : "");
     return false;

@@ -1,9 +1,9 @@
 // vrixdb play: one line per frame delivered by the library's playback.
+#include "catalogue.h"
 #include "cli.h"
 #include "json_out.h"
 #include "key_frame.h"
 #include "library.h"
-#include "store_index.h"
 #include "times.h"
 #include "vrixdb.h"
 

@@ -1,11 +1,11 @@
 // vrixdb reduce: the oldest recorded hours reclaimed, as a recorder does:
 // one hour, or as many as a retention rule (--keep-days, --keep-free) asks.
+#include "catalogue.h"
 #include "cli.h"
 #include "json_out.h"
 #include "library.h"
 #include "maintenance.h"
 #include "progress.h"
-#include "store_index.h"
 #include "times.h"
 #include "units.h"
 #include "vrixdb.h"
@@ -80,7 +80,7 @@ int run_reduce(const ReduceOptions &o) {
     if (o.keepDays)
         rule.cutoff = std::max(1L, static_cast<long>(time(nullptr)) - o.keepDays * 86400L);
     if (!o.keepFree.empty()) rule.keepFree = *parse_size(o.keepFree);
-    StoreIndex store(root);
+    Catalogue store(root);
     const bool empty = store.days().empty();
     if (const int bad = report_unreadable(store, "reduce")) return bad;
     Json doc{{"root", root}, {"dry_run", o.dryRun}};

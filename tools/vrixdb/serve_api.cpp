@@ -1,10 +1,9 @@
-// The JSON routes of vrixdb serve: recorded days, each channel's spans from
-// the key-frame index, and events through the library's query.
+// The JSON routes of vrixdb serve: recorded days and each channel's spans
+// from the library's catalogue, and events through the library's query.
+#include "catalogue.h"
 #include "lists.h"
 #include "serve.h"
 #include "serve_json.h"
-#include "store_index.h"
-#include "timeline_svg.h"
 #include "times.h"
 #include "vrixdb.h"
 
@@ -16,7 +15,7 @@ namespace {
 
 constexpr int kEventPage = 100;
 
-void add_unreadable(Json &j, const StoreIndex &store) {
+void add_unreadable(Json &j, const Catalogue &store) {
     j.key("unreadable").open('[');
     for (const std::string &path : store.unreadable())
         j.value(path);
@@ -25,16 +24,16 @@ void add_unreadable(Json &j, const StoreIndex &store) {
 
 void days(ServeConfig &config, const httplib::Request &req, httplib::Response &res) {
     Params p(req, {});
-    StoreIndex store(config.root);
+    Catalogue store(config.root);
     Json j;
     j.open('{').key("offset").value(static_cast<int64_t>(zone_offset()));
     j.key("days").open('[');
-    for (long day : store.days())
+    for (const VrixCatDay &d : store.days())
         j.open('{')
             .key("day")
-            .value(format_time(day).substr(0, 10))
+            .value(format_time(d.iDay).substr(0, 10))
             .key("start")
-            .value(static_cast<int64_t>(day))
+            .value(static_cast<int64_t>(d.iDay))
             .close('}');
     j.close(']');
     add_unreadable(j, store);
@@ -46,24 +45,21 @@ void spans(ServeConfig &config, const httplib::Request &req, httplib::Response &
     const auto day = p.day("day");
     if (!day) throw BadRequest{"day is missing"};
     const int gap = p.integer("gap", 1, 3600, 10);
-    StoreIndex store(config.root);
+    Catalogue store(config.root);
+    const long end = next_day(*day);
     Json j;
     j.open('{').key("day").value(format_time(*day).substr(0, 10));
     j.key("start").value(static_cast<int64_t>(*day));
-    j.key("end").value(static_cast<int64_t>(day_start(*day + 30 * 3600)));
+    j.key("end").value(static_cast<int64_t>(end));
     j.key("channels").open('[');
     for (int ch = 1; ch <= VRIX_VIDEO_CHANNELS; ++ch) {
-        std::vector<long> keys;
-        for (const HourIndex &h : store.video(*day, ch))
-            for (const KeyFrame &k : h.keys)
-                keys.push_back(k.sec);
-        std::sort(keys.begin(), keys.end());
         j.open('{').key("ch").value(int64_t{ch}).key("spans").open('[');
-        for (const Span &s : spans_of(ch, keys, gap))
+        // [start, end, key frames]
+        for (const VrixCatSpan &s : store.spans(VRIX_CAT_VIDEO, ch, *day, end, gap))
             j.open('[')
-                .value(static_cast<int64_t>(s.start))
-                .value(static_cast<int64_t>(s.end))
-                .value(static_cast<int64_t>(s.keys))
+                .value(static_cast<int64_t>(s.iStart))
+                .value(static_cast<int64_t>(s.iEnd))
+                .value(static_cast<int64_t>(s.iRows))
                 .close(']');
         j.close(']').close('}');
     }

@@ -23,7 +23,9 @@ struct TimelineOptions {
 int run_timeline(const TimelineOptions &o) {
     const std::string root = library_root(o.root, "timeline");
     if (root.empty() || !require_store(root, "timeline")) return 1;
-    StoreIndex store(root);
+    // The event marks come from the library's event query.
+    if (!start_library()) return 1;
+    Catalogue store(root);
     const long day = *parse_day(o.day);
     long spans = 0;
     size_t events = 0;

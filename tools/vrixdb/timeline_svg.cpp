@@ -76,7 +76,7 @@ std::string render_timeline(const TimelineData &data) {
             first = first ? std::min(first, s.start) : s.start;
             last = std::max(last, s.end);
         }
-    for (const EventRow &e : data.events) {
+    for (const EventMark &e : data.events) {
         first = first ? std::min<long>(first, e.sec) : e.sec;
         last = std::max<long>(last, e.sec + 1);
     }
@@ -93,7 +93,7 @@ std::string render_timeline(const TimelineData &data) {
     const double plot = kWidth - kLeft - kRight;
     auto x = [&](double t) { return kLeft + (t - from) * plot / static_cast<double>(to - from); };
     bool otherRow = false;
-    for (const EventRow &e : data.events)
+    for (const EventMark &e : data.events)
         if (e.ch < 1 || e.ch > 16) otherRow = true;
     const int rows = 16 + (otherRow ? 1 : 0);
     const int height = kTop + rows * kRow + 64;
@@ -193,7 +193,7 @@ std::string render_timeline(const TimelineData &data) {
         }
     }
     add("</g>\n<g id=\"events\">\n");
-    for (const EventRow &e : data.events) {
+    for (const EventMark &e : data.events) {
         if (e.sec < from || e.sec >= to) continue;
         const int r = e.ch >= 1 && e.ch <= 16 ? e.ch - 1 : 16;
         const double ex = x(e.sec + 0.5);
@@ -230,7 +230,27 @@ std::string render_timeline(const TimelineData &data) {
     return svg;
 }
 
-std::string draw_day(StoreIndex &store, long day, long gap, bool fullDay, long &spans,
+std::vector<EventMark> events_between(const std::string &root, long from, long to) {
+    std::vector<EventMark> marks;
+    std::tm start = mktime_fields(from);
+    EventQueryContext *q =
+        vrix_db_open_get_event(&start, ~0u, ~0u, 1, 0x7f, root.c_str(), 1000, 0, 0);
+    for (bool done = !q; !done;) {
+        const int n = vrix_db_next_event(q);
+        if (n <= 0) break;
+        const EventRecord *rec = vrix_db_get_event(q);
+        for (int i = 0; i < n && !done; ++i) {
+            if (rec[i].iSec >= to)
+                done = true;
+            else
+                marks.push_back({rec[i].iSec, rec[i].iCh, rec[i].iType});
+        }
+    }
+    vrix_db_close_get_event(q);
+    return marks;
+}
+
+std::string draw_day(Catalogue &store, long day, long gap, bool fullDay, long &spans,
                      size_t &events) {
     TimelineData data;
     data.day = day;
@@ -238,15 +258,17 @@ std::string draw_day(StoreIndex &store, long day, long gap, bool fullDay, long &
     data.fullDay = fullDay;
     data.keys.resize(17);
     spans = 0;
+    const long end = next_day(day);
     for (int ch = 1; ch <= 16; ++ch) {
+        // Every recorded second (a span of its own at gap 0), once per key frame.
         auto &keys = data.keys[static_cast<size_t>(ch)];
-        for (const HourIndex &h : store.video(day, ch))
-            for (const KeyFrame &k : h.keys)
-                keys.push_back(k.sec);
-        std::sort(keys.begin(), keys.end());
+        for (const VrixCatSpan &s : store.spans(VRIX_CAT_VIDEO, ch, day, end, 0))
+            keys.insert(keys.end(), static_cast<size_t>(s.iRows), s.iStart);
         spans += static_cast<long>(spans_of(ch, keys, gap).size());
     }
-    data.events = store.events(day);
+    // The events' counts read the whole day's table: an unreadable one is noted.
+    store.events(day);
+    data.events = events_between(store.root(), day, end);
     events = data.events.size();
     return render_timeline(data);
 }
