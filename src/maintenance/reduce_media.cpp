@@ -52,7 +52,7 @@ bool oldest_day(const Db &date, ResultTable &holder, Day &day) {
 // the clock went back into it from a later hour, so that every pass of the
 // hour's table goes).
 int last_second(const Day &day, int h) {
-    if (h >= 24) return static_cast<int>(hour_start_of(day.key, 24) - 1);
+    if (h >= 24) return static_cast<int>(hour_start_of(day.key, h + 1) - 1);
     return static_cast<int>(hour_span(hour_start_of(day.key, h)).last());
 }
 
