@@ -6,8 +6,10 @@
 // synced.  cut() freezes all I/O at one instant, puts every file back to its
 // last synced image, removes the names that were never made durable,
 // optionally tears the last unsynced write (a random prefix of it lands) and
-// ends the process, as a power cut would.  Files that existed before the
-// layer was installed count as durable.
+// ends the process, as a power cut would.  A rename counts once its directory
+// is synced; before that a cut puts the old names back (the file replaced
+// returns with the bytes it had when it was replaced).  Files that existed
+// before the layer was installed count as durable.
 #pragma once
 
 #include "core/file_io.h"
@@ -52,6 +54,12 @@ class PowerCut : public io::Observer {
         ino_t ino = 0;
         std::vector<Undo> undo; // changes since the last sync, oldest first
     };
+    struct Renamed {
+        std::string from, to;
+        bool from_new = false;          // `from` itself was never made durable
+        bool had_old = false;           // `to` named a file before
+        std::vector<unsigned char> old; // that file's bytes
+    };
     struct LastWrite {
         std::string path;
         long long offset = 0;
@@ -61,11 +69,14 @@ class PowerCut : public io::Observer {
     Tracked *track(const std::string &path);
     void forget(const std::string &path);
     void names_durable_in(const std::string &dir);
+    void renamed(const std::string &from, const std::string &to);
+    void undo_renames();
     void put_back(bool tear, uint32_t seed);
 
     std::mutex gate_; // held across each operation, and for good by cut()
     std::map<std::string, Tracked> files_;
     std::set<std::string> new_names_; // files and directories not durable yet
+    std::vector<Renamed> renames_;    // not durable yet, oldest first
     LastWrite last_;                  // empty path: none unsynced
 };
 
