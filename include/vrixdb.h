@@ -360,10 +360,15 @@ VRIX_API int vrix_db_reduce_media(const char *root, int *stop, int *freeMB, int 
 VRIX_API int vrix_db_reduce_event(const char *root, int sec);
 
 /* Backup: byte copies of <root>/date.db and <root>/<day>/event.db to
- * "<file>.sql" beside them, each taken under its database's mutex.  A copy is
- * made only when its source opens, so a missing source keeps an earlier copy.
- * vrix_db_stop_backup holds further backups off and returns once a running one
- * has finished; vrix_db_start_backup allows them again.  `day` is YYYYMMDD. */
+ * "<file>.sql" beside them.  Each is read under its database's mutex and a
+ * read transaction on the source (no writer of any process commits during
+ * the copy), once the source passes a quick check; it is written to
+ * "<file>.sql.tmp", made durable and renamed over the old copy.  A missing
+ * source, a source that fails its check and any failure to write keep the
+ * old copy (a failure says so in one line; vrix_db_backup_day in the
+ * Extensions returns the outcome).  vrix_db_stop_backup holds further backups
+ * off and returns once a running one has finished; vrix_db_start_backup
+ * allows them again.  `day` is YYYYMMDD. */
 VRIX_API void vrix_db_start_backup(void);
 VRIX_API void vrix_db_stop_backup(void);
 VRIX_API void vrix_db_backup(const char *root, const char *day);
@@ -410,8 +415,8 @@ VRIX_API int vrix_dvd_audio_get_start_time(int ch, int sec, const char *root, in
 VRIX_API int vrix_dvd_audio_get_end_time(int ch, int sec, const char *root, int bufSize);
 
 /* ==== Extensions ===========================================================
- * Beyond the recorder interface: the version, the log sink, the sync
- * interval, the test hooks and the remove server.  Later additions of this
+ * Beyond the recorder interface: the version, the log sink, the backup's
+ * outcome, the sync interval, the test hooks and the remove server.  Later additions of this
  * library go here too. */
 
 /* "MAJOR.MINOR.PATCH" of the library that is loaded (the macros above give
@@ -427,6 +432,13 @@ VRIX_API const char *vrix_db_version(void);
  * changes may still reach the previous one. */
 typedef void (*VrixLogFn)(const char *line, void *user);
 VRIX_API void vrix_db_set_log(VrixLogFn fn, void *user);
+
+/* vrix_db_backup with its outcome: 0 when every copy whose source is there
+ * was made (a missing source keeps its old copy), 1 when backups were held
+ * off (vrix_db_stop_backup) before the copies were made, -1 when a copy
+ * failed (its old copy kept, one line said why) or the arguments were
+ * refused. */
+VRIX_API int vrix_db_backup_day(const char *root, const char *day);
 
 /* Durability: the sync interval T in milliseconds (default
  * VRIX_DEFAULT_SYNC_INTERVAL_MS, 2 s).  While a video, audio or event
