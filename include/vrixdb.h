@@ -374,20 +374,38 @@ VRIX_API void vrix_db_stop_backup(void);
 VRIX_API void vrix_db_backup(const char *root, const char *day);
 
 /* Integrity check and repair, run before any context is opened (no mutex is
- * taken; vrix_db_init is not needed).  Databases are tested with the sqlite3
- * shell, which must be on PATH: when it cannot run, one line is printed and
- * nothing is touched.  A damaged date.db or event.db is replaced by its .sql
- * copy, or removed when there is none; a damaged video.db or audio.db is
- * rebuilt from the stream files.  Progress goes to vrix_hdd_correct_step.
+ * taken; vrix_db_init is not needed).  Databases are checked in this process
+ * through SQLite: only a definite verdict (SQLite finds the file corrupt or
+ * not a database, its integrity check fails, or its table is missing) counts
+ * as damage.  A database locked by another connection is waited for a few
+ * seconds; one still locked, or one that cannot be checked (I/O error, no
+ * permission, no memory), is left as it is with one line.  Nothing is ever
+ * removed: a damaged database is renamed aside, with its journal, to
+ * "<file>.damaged-<UTC time, e.g. 20261125T153400Z>" (a suffix "-2", ... when
+ * that name is taken).  A damaged or missing date.db or event.db is replaced
+ * by its .sql copy once that copy passes the same check; a damaged or
+ * missing video.db or audio.db is made again from the stream files.  Stream
+ * files are only read.  Progress goes to vrix_hdd_correct_step.
  *
- * vrix_db_correct_all: date.db, then the newest day of every channel (and the
- * audio.db and event.db of the first such day).  Returns 0. */
+ * vrix_db_correct_all: date.db (without a usable copy it is made again from
+ * the day directories), then every hour the writers' journal
+ * <root>/.vrixdb.hours lists: its index checked, the hour reconciled with its
+ * stream file and registered in date.db and the day's H.  Without a journal
+ * that repair made (older stores), the newest day of every channel (the day
+ * before too while the newest is young), the audio.db and event.db of the
+ * first such day, and every day directory's unregistered or unindexed hour
+ * files.  A date.db left alone ends the run ("vrix_db_correct : fail").
+ * Returns 0. */
 VRIX_API int vrix_db_correct_all(const char *root);
 /* 0 when the database at `path` is sound (table `table` readable) or was
- * restored; otherwise the result of removing it (-1 as well when nothing could
- * be checked). */
+ * restored from its checked copy; 1 when it was damaged and set aside with
+ * no usable copy (the next opener starts an empty database); -1 when it was
+ * left alone (busy, could not be checked) or is missing without a usable
+ * copy.  Nothing is removed. */
 VRIX_API int vrix_db_correct(const char *path, const char *table);
-/* `dir` is <root>/<day>/video/<ch>/ and <root>/<day>/audio/ (ending in "/"). */
+/* `dir` is <root>/<day>/video/<ch>/ and <root>/<day>/audio/ (ending in "/").
+ * A damaged index is set aside; it is made again, like a missing one, when
+ * there are stream files. */
 VRIX_API void vrix_db_correct_video(const char *dir);
 VRIX_API int vrix_db_correct_audio(const char *dir); /* always 0 */
 /* Rebuild one hour's index table and H row from an open stream file into an
@@ -423,8 +441,8 @@ VRIX_API int vrix_dvd_audio_get_end_time(int ch, int sec, const char *root, int 
  * the version built against). */
 VRIX_API const char *vrix_db_version(void);
 
-/* The library's lines (its messages, "area : what failed", and the output of
- * the sqlite3 shell its integrity check runs) go to standard output unless
+/* The library's lines (its messages, "area : what failed") go to standard
+ * output unless
  * the application installs a sink: `fn` then gets each line, without its
  * newline and at most 510 characters, with `user`, on whichever thread
  * reports (several may call it at once).  A null `fn` restores standard
