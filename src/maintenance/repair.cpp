@@ -88,10 +88,7 @@ class StartUp {
         struct stat st {};
         if (stat(stream.text, &st) != 0 || st.st_size == 0) return true; // nothing to index
         if (!index_ready(ch, d) || !reconcile_index_hour(kind(ch), dir.text, h)) return false;
-        if (date_) {
-            register_day(date_, 0, d.key);
-            if (ch) register_day(date_, ch, d.key);
-        }
+        enroll(ch, d.key);
         return true;
     }
 
@@ -114,14 +111,13 @@ class StartUp {
             const std::vector<int> missing = unindexed(ch, dir.text, hours);
             const bool registered = is_registered(0, d.key) && (!ch || is_registered(ch, d.key));
             if (missing.empty() && registered) continue;
-            log_line("scan %s%d %s : %zu hour file(s) not indexed%s\n", ch ? "ch" : "audio", ch,
-                     d.name, missing.size(), registered ? "" : " , day not registered");
+            char who[8];
+            format_into(who, sizeof who, ch ? "ch%d" : "audio", ch);
+            log_line("scan %s %s : %zu hour file(s) not indexed%s\n", who, d.name, missing.size(),
+                     registered ? "" : " , day not registered");
             for (int h : missing)
                 hour(ch, d, h);
-            if (date_ && index_ready(ch, d)) {
-                register_day(date_, 0, d.key);
-                if (ch) register_day(date_, ch, d.key);
-            }
+            if (!registered && index_ready(ch, d)) enroll(ch, d.key);
         }
     }
 
@@ -138,6 +134,13 @@ class StartUp {
 
   private:
     static const IndexKind &kind(int ch) { return ch ? kVideoIndex : kAudioIndex; }
+
+    // The day in date.db's H, and in ch<ch> for a video channel.
+    void enroll(int ch, int key) {
+        if (!date_) return;
+        register_day(date_, 0, key);
+        if (ch) register_day(date_, ch, key);
+    }
 
     bool place(int ch, const StoreDay &d, Path &dir) const {
         return ch ? repair_channel_dir(dir, root_, d.tm, ch) : repair_audio_dir(dir, root_, d.tm);
