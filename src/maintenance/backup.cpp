@@ -3,8 +3,9 @@
 // process holds the database's mutex and a SQLite read transaction on the
 // source, so that no writer, of this process or another, commits in the
 // middle of it; it is read only once the source passes a quick check.  It is
-// written to "<db>.sql.tmp", every write checked, made durable and renamed
-// over the old copy: on any failure the old copy stays as it was.
+// written to "<db>.sql.tmp", every write checked, then, without the mutex,
+// made durable and renamed over the old copy: on any failure the old copy
+// stays as it was.
 #include "core/file_io.h"
 #include "core/flags.h"
 #include "core/pacing.h"
@@ -27,8 +28,13 @@ namespace {
 // g_VrixBackup is one buffer: backups from several threads take turns.
 std::mutex g_backup_turn;
 
-// How long a writer of another process holding the source is waited for.
-constexpr unsigned long kBusyWaitUs = 5000000;
+// A writer of another process holding the source is waited for about 5 s:
+// 50 attempts, each waiting up to 50 ms inside SQLite under the database's
+// mutex (as every statement of the library may), with a pause of 50 ms
+// without it between two, so that this process's own writers are held up
+// no longer than by one of their own statements.
+constexpr int kBusyAttempts = 50;
+constexpr unsigned long kBusyWaitUs = 50000;
 
 enum class Copied { Done, NoSource, Failed };
 
@@ -57,7 +63,27 @@ struct Source {
         sqlite3_finalize(s);
         return rc;
     }
+    // The bytes of the file as this transaction sees them, through SQLite's
+    // own handle of it, into `tmp`.
+    bool copy_to(const char *tmp) {
+        sqlite3_file *f = nullptr;
+        sqlite3_int64 size = -1;
+        if (sqlite3_file_control(db, "main", SQLITE_FCNTL_FILE_POINTER, &f) != SQLITE_OK || !f ||
+            !f->pMethods || f->pMethods->xFileSize(f, &size) != SQLITE_OK) {
+            errno = EIO;
+            return false;
+        }
+        const ReadAt read = [f](long long at, unsigned char *buf, size_t n) -> long long {
+            if (f->pMethods->xRead(f, buf, static_cast<int>(n), at) != SQLITE_OK) return -1;
+            return static_cast<long long>(n);
+        };
+        return write_temp(tmp, size, read, g_VrixBackup, sizeof g_VrixBackup);
+    }
 };
+
+bool busy(int rc) {
+    return (rc & 0xff) == SQLITE_BUSY || (rc & 0xff) == SQLITE_LOCKED;
+}
 
 Copied copy_aside(pthread_mutex_t *m, const Path &source) {
     SidePath copy, tmp;
@@ -67,29 +93,23 @@ Copied copy_aside(pthread_mutex_t *m, const Path &source) {
         log_line("backup : path too long %s\n", source.text);
         return Copied::Failed;
     }
-    SqlLock hold(m);
     struct stat st {};
     if (stat(source.text, &st) != 0 && errno == ENOENT) return Copied::NoSource;
-    Source src;
-    const int rc = src.begin(source.text);
+    int rc = SQLITE_BUSY;
+    bool written = false;
+    for (int attempt = 0; attempt < kBusyAttempts && busy(rc); ++attempt) {
+        if (attempt) pace_sleep_us(kBusyWaitUs);
+        SqlLock hold(m);
+        Source src;
+        if ((rc = src.begin(source.text)) == SQLITE_OK) written = src.copy_to(tmp.text);
+    }
     if (rc != SQLITE_OK) {
         log_line("backup : %s %s , the old copy kept\n", source.text,
                  rc == SQLITE_CORRUPT ? "fails its check" : sqlite3_errstr(rc));
         return Copied::Failed;
     }
-    sqlite3_file *f = nullptr;
-    sqlite3_int64 size = -1;
-    if (sqlite3_file_control(src.db, "main", SQLITE_FCNTL_FILE_POINTER, &f) != SQLITE_OK || !f ||
-        !f->pMethods || f->pMethods->xFileSize(f, &size) != SQLITE_OK) {
-        log_line("backup : %s cannot be read , the old copy kept\n", source.text);
-        return Copied::Failed;
-    }
-    const ReadAt read = [f](long long at, unsigned char *buf, size_t n) -> long long {
-        if (f->pMethods->xRead(f, buf, static_cast<int>(n), at) != SQLITE_OK) return -1;
-        return static_cast<long long>(n);
-    };
-    if (!write_durable_temp(tmp.text, size, read, g_VrixBackup, sizeof g_VrixBackup) ||
-        !put_in_place(tmp.text, copy.text)) {
+    // The copy is made durable and put in place without the mutex.
+    if (!written || !put_in_place(tmp.text, copy.text)) {
         log_line("backup : %s not written (%s) , the old copy kept\n", copy.text,
                  std::strerror(errno));
         return Copied::Failed;

@@ -112,12 +112,8 @@ bool rebuild(const char *root, const char *date_db) {
         create_tables(made.get());
         register_days(made.get(), root);
     }
-    File fp(io::open_file(tmp.text, "rb+"));
-    const bool durable = fp && io::sync_file(fp.get());
-    fp.reset();
-    if (durable && put_in_place(tmp.text, date_db)) return true;
+    if (put_in_place(tmp.text, date_db)) return true;
     log_line("vrix_db_correct : %s not made again (%s)\n", date_db, std::strerror(errno));
-    io::remove_file(tmp.text);
     return false;
 }
 

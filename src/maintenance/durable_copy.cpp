@@ -29,8 +29,8 @@ bool sync_parent(const char *path) {
     return io::sync_dir(dir.c_str());
 }
 
-bool write_durable_temp(const char *tmp, long long size, const ReadAt &read, unsigned char *buf,
-                        size_t buf_size) {
+bool write_temp(const char *tmp, long long size, const ReadAt &read, unsigned char *buf,
+                size_t buf_size) {
     FILE *out = io::open_file(tmp, "wb");
     if (!out) return drop(tmp); // it may have been made before the failure
     bool ok = true;
@@ -45,7 +45,7 @@ bool write_durable_temp(const char *tmp, long long size, const ReadAt &read, uns
         ok = std::fwrite(buf, 1, static_cast<size_t>(got), out) == static_cast<size_t>(got);
         at += got;
     }
-    ok = ok && io::sync_file(out);
+    ok = ok && std::fflush(out) == 0;
     const int e = errno;
     const bool closed = std::fclose(out) == 0;
     errno = ok ? errno : e;
@@ -53,6 +53,14 @@ bool write_durable_temp(const char *tmp, long long size, const ReadAt &read, uns
 }
 
 bool put_in_place(const char *tmp, const char *to) {
+    FILE *fp = io::open_file(tmp, "rb+");
+    if (!fp) return drop(tmp);
+    const bool synced = io::sync_file(fp);
+    const int e = errno;
+    if (std::fclose(fp) != 0 || !synced) {
+        errno = synced ? errno : e;
+        return drop(tmp);
+    }
     if (!io::rename_file(tmp, to)) return drop(tmp);
     return sync_parent(to);
 }

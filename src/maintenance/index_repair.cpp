@@ -46,7 +46,7 @@ namespace {
 
 // Makes the index of `dir` anew in `tmp` from the hour files there; false
 // when there is none, or it could not be made.  Its commits do not wait for
-// the disk: the file is synced once, whole, before it is put in place.
+// the disk: put_in_place syncs the file once, whole.
 bool build_index(const IndexKind &k, const char *dir, const char *tmp) {
     SidePath tmp_journal;
     path_with_suffix(tmp_journal, tmp, "-journal");
@@ -66,12 +66,7 @@ bool build_index(const IndexKind &k, const char *dir, const char *tmp) {
         }
         k.rebuild(fp.get(), index.get(), h);
     }
-    if (!index.is_open()) return false;
-    index.close();
-    File made(io::open_file(tmp, "rb+"));
-    if (made && io::sync_file(made.get())) return true;
-    io::remove_file(tmp);
-    return false;
+    return index.is_open();
 }
 
 } // namespace

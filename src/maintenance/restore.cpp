@@ -16,7 +16,8 @@ namespace {
 
 enum class Prepared { Good, NoCopy, Bad };
 
-// The ".sql" copy of `db` copied to `tmp`, durable and checked.
+// The ".sql" copy of `db` copied to `tmp` and checked there (put_in_place
+// makes it durable).
 Prepared prepare_copy(const char *db, const char *table, const SidePath &tmp) {
     SidePath copy;
     if (!path_with_suffix(copy, db, ".sql")) return Prepared::NoCopy;
@@ -34,7 +35,7 @@ Prepared prepare_copy(const char *db, const char *table, const SidePath &tmp) {
         return std::ferror(fp) ? -1 : static_cast<long long>(got);
     };
     unsigned char buf[16384];
-    if (!write_durable_temp(tmp.text, io::file_size(fp), read, buf, sizeof buf)) {
+    if (!write_temp(tmp.text, io::file_size(fp), read, buf, sizeof buf)) {
         log_line("vrix_db_correct : copy %s not copied to %s (%s) , not used\n", copy.text,
                  tmp.text, std::strerror(errno));
         return Prepared::Bad;
