@@ -400,8 +400,8 @@ VRIX_API int vrix_db_correct_all(const char *root);
 /* 0 when the database at `path` is sound (table `table` readable) or was
  * restored from its checked copy; 1 when it was damaged and set aside with
  * no usable copy (the next opener starts an empty database); -1 when it was
- * left alone (busy, could not be checked) or is missing without a usable
- * copy.  Nothing is removed. */
+ * left alone (busy, could not be checked) or is missing (or holds no table)
+ * without a usable copy.  Nothing is removed. */
 VRIX_API int vrix_db_correct(const char *path, const char *table);
 /* `dir` is <root>/<day>/video/<ch>/ and <root>/<day>/audio/ (ending in "/").
  * A damaged index is set aside; it is made again, like a missing one, when
