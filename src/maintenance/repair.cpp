@@ -259,7 +259,9 @@ void correct_all(const char *root) {
     std::vector<JournalHour> keep;
     for (size_t i = 0; i < journal.size(); ++i)
         if (!done[i]) keep.push_back(journal[i]);
-    if (date.is_open() || state != JournalState::None) replace_hour_journal(root, keep);
+    // A root without one gets an empty journal, trusted from now on.
+    struct stat st {};
+    if (stat(root, &st) == 0 && S_ISDIR(st.st_mode)) replace_hour_journal(root, keep);
 }
 
 } // namespace
