@@ -360,29 +360,53 @@ VRIX_API int vrix_db_reduce_media(const char *root, int *stop, int *freeMB, int 
 VRIX_API int vrix_db_reduce_event(const char *root, int sec);
 
 /* Backup: byte copies of <root>/date.db and <root>/<day>/event.db to
- * "<file>.sql" beside them, each taken under its database's mutex.  A copy is
- * made only when its source opens, so a missing source keeps an earlier copy.
- * vrix_db_stop_backup holds further backups off and returns once a running one
- * has finished; vrix_db_start_backup allows them again.  `day` is YYYYMMDD. */
+ * "<file>.sql" beside them.  Each is read under its database's mutex and a
+ * read transaction on the source (no writer of any process commits during
+ * the copy), once the source passes a quick check; it is written to
+ * "<file>.sql.tmp", made durable and renamed over the old copy.  A missing
+ * source, a source that fails its check and any failure to write keep the
+ * old copy (a failure says so in one line; vrix_db_backup_day in the
+ * Extensions returns the outcome).  vrix_db_stop_backup holds further backups
+ * off and returns once a running one has finished; vrix_db_start_backup
+ * allows them again.  `day` is YYYYMMDD. */
 VRIX_API void vrix_db_start_backup(void);
 VRIX_API void vrix_db_stop_backup(void);
 VRIX_API void vrix_db_backup(const char *root, const char *day);
 
 /* Integrity check and repair, run before any context is opened (no mutex is
- * taken; vrix_db_init is not needed).  Databases are tested with the sqlite3
- * shell, which must be on PATH: when it cannot run, one line is printed and
- * nothing is touched.  A damaged date.db or event.db is replaced by its .sql
- * copy, or removed when there is none; a damaged video.db or audio.db is
- * rebuilt from the stream files.  Progress goes to vrix_hdd_correct_step.
+ * taken; vrix_db_init is not needed).  Databases are checked in this process
+ * through SQLite: only a definite verdict (SQLite finds the file corrupt or
+ * not a database, its integrity check fails, or its table is missing) counts
+ * as damage.  A database locked by another connection is waited for a few
+ * seconds; one still locked, or one that cannot be checked (I/O error, no
+ * permission, no memory), is left as it is with one line.  Nothing is ever
+ * removed: a damaged database is renamed aside, with its journal, to
+ * "<file>.damaged-<UTC time, e.g. 20261125T153400Z>" (a suffix "-2", ... when
+ * that name is taken).  A damaged or missing date.db or event.db is replaced
+ * by its .sql copy once that copy passes the same check; a damaged or
+ * missing video.db or audio.db is made again from the stream files.  Stream
+ * files are only read.  Progress goes to vrix_hdd_correct_step.
  *
- * vrix_db_correct_all: date.db, then the newest day of every channel (and the
- * audio.db and event.db of the first such day).  Returns 0. */
+ * vrix_db_correct_all: date.db (without a usable copy it is made again from
+ * the day directories), then every hour the writers' journal
+ * <root>/.vrixdb.hours lists: its index checked, the hour reconciled with its
+ * stream file and registered in date.db and the day's H.  Without a journal
+ * that repair made (older stores), the newest day of every channel (the day
+ * before too while the newest is young), the audio.db and event.db of the
+ * first such day, and every day directory's unregistered or unindexed hour
+ * files.  A date.db left alone ends the run ("vrix_db_correct : fail").
+ * Returns 0. */
 VRIX_API int vrix_db_correct_all(const char *root);
-/* 0 when the database at `path` is sound (table `table` readable) or was
- * restored; otherwise the result of removing it (-1 as well when nothing could
- * be checked). */
+/* 0 when the database at `path` is sound (table `table` readable), was
+ * restored from its checked copy, or was damaged and set aside with no usable
+ * copy (the next opener starts an empty database, as after the removal older
+ * libraries made); -1 when it was left alone (busy, could not be checked) or
+ * is missing (or holds no table) without a usable copy.  Nothing is
+ * removed. */
 VRIX_API int vrix_db_correct(const char *path, const char *table);
-/* `dir` is <root>/<day>/video/<ch>/ and <root>/<day>/audio/ (ending in "/"). */
+/* `dir` is <root>/<day>/video/<ch>/ and <root>/<day>/audio/ (ending in "/").
+ * A damaged index is set aside; it is made again, like a missing one, when
+ * there are stream files. */
 VRIX_API void vrix_db_correct_video(const char *dir);
 VRIX_API int vrix_db_correct_audio(const char *dir); /* always 0 */
 /* Rebuild one hour's index table and H row from an open stream file into an
@@ -410,16 +434,16 @@ VRIX_API int vrix_dvd_audio_get_start_time(int ch, int sec, const char *root, in
 VRIX_API int vrix_dvd_audio_get_end_time(int ch, int sec, const char *root, int bufSize);
 
 /* ==== Extensions ===========================================================
- * Beyond the recorder interface: the version, the log sink, the sync
- * interval, the test hooks, the remove server and the catalogue.  Later
- * additions of this library go here too. */
+ * Beyond the recorder interface: the version, the log sink, the backup's
+ * outcome, the sync interval, the test hooks, the remove server and the
+ * catalogue.  Later additions of this library go here too. */
 
 /* "MAJOR.MINOR.PATCH" of the library that is loaded (the macros above give
  * the version built against). */
 VRIX_API const char *vrix_db_version(void);
 
-/* The library's lines (its messages, "area : what failed", and the output of
- * the sqlite3 shell its integrity check runs) go to standard output unless
+/* The library's lines (its messages, "area : what failed") go to standard
+ * output unless
  * the application installs a sink: `fn` then gets each line, without its
  * newline and at most 510 characters, with `user`, on whichever thread
  * reports (several may call it at once).  A null `fn` restores standard
@@ -427,6 +451,13 @@ VRIX_API const char *vrix_db_version(void);
  * changes may still reach the previous one. */
 typedef void (*VrixLogFn)(const char *line, void *user);
 VRIX_API void vrix_db_set_log(VrixLogFn fn, void *user);
+
+/* vrix_db_backup with its outcome: 0 when every copy whose source is there
+ * was made (a missing source keeps its old copy), 1 when backups were held
+ * off (vrix_db_stop_backup) before the copies were made, -1 when a copy
+ * failed (its old copy kept, one line said why) or the arguments were
+ * refused. */
+VRIX_API int vrix_db_backup_day(const char *root, const char *day);
 
 /* Durability: the sync interval T in milliseconds (default
  * VRIX_DEFAULT_SYNC_INTERVAL_MS, 2 s).  While a video, audio or event

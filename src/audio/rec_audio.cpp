@@ -1,6 +1,7 @@
 // Recording the audio block of every audio channel.
 #include "core/calendar.h"
 #include "core/file_io.h"
+#include "core/hour_journal.h"
 #include "core/live_hours.h"
 #include "core/messages.h"
 #include "core/root_lock.h"
@@ -165,6 +166,7 @@ long long restart_at(AudioRecContext &c, int hour, long long m) {
 // record boundary.  False when a file could be neither opened nor created.
 bool open_hour_files(AudioRecContext &c, const char *audio_dir, int hour) {
     long long m = -1;
+    journal_hour(c.strRoot, kJournalAudio, c.strDay, 0, hour);
     for (int k = 0; k < c.iChannelCount; ++k) {
         AudioRecChannel &ch = c.pChannels[k];
         Path dir, p;

@@ -291,6 +291,19 @@ bool sync_file(FILE *fp) {
     return !notice.fails() && fdatasync(fd) == 0;
 }
 
+bool rename_file(const char *from, const char *to) {
+    Access a{Op::Rename, from};
+    a.to = to;
+    const Notice notice(observer(), a);
+    return !notice.fails() && std::rename(from, to) == 0;
+}
+
+bool remove_file(const char *path) {
+    const Access a{Op::Remove, path};
+    const Notice notice(observer(), a);
+    return !notice.fails() && unlink(path) == 0;
+}
+
 void make_dir(const char *path) {
     const Access a{Op::MakeDir, path};
     const Notice notice(observer(), a);

@@ -29,6 +29,7 @@ enum class Op : unsigned char {
     SyncDir,  // the names in directory `path` are made durable
     SyncAll,  // everything on the file system holding `path` is made durable
     Lock,     // a database lock is taken (`length`: SQLite's lock level)
+    Rename,   // `path` is renamed to `to`, replacing what `to` named
 };
 
 struct Access {
@@ -37,8 +38,9 @@ struct Access {
     long long offset = 0;
     size_t length = 0;
     const void *data = nullptr;
-    bool create = false;    // Open: the file is made when missing
-    bool with_name = false; // Sync: the names in the file's directory too
+    bool create = false;      // Open: the file is made when missing
+    bool with_name = false;   // Sync: the names in the file's directory too
+    const char *to = nullptr; // Rename: the new name
 };
 
 // What an observer makes of an operation instead of letting it run: it
@@ -81,6 +83,13 @@ bool truncate_file(FILE *fp, long long size);
 
 // Writes the stream's buffer and makes the file's data durable (fdatasync).
 bool sync_file(FILE *fp);
+
+// Renames `from` to `to`, replacing a file `to` names (rename(2)); durable
+// once the directory is synced.  False with errno set on failure.
+bool rename_file(const char *from, const char *to);
+
+// Removes a file's name (unlink).  False with errno set on failure.
+bool remove_file(const char *path);
 
 // mkdir with mode 0700; an existing directory is no error.
 void make_dir(const char *path);

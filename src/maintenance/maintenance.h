@@ -1,6 +1,6 @@
-// Shared pieces of reclamation, backup and repair: the remove handshake,
-// what a writer keeps, and running a helper program.  Their database, holder
-// and file handles are core's (core/store_access.h).
+// Shared pieces of reclamation, backup and repair: the remove handshake and
+// what a writer keeps (repair's own pieces are in repair.h).  Their database,
+// holder and file handles are core's (core/store_access.h).
 #pragma once
 
 #include "core/calendar.h"
@@ -61,13 +61,5 @@ void unregister_day(const Db &date_db, int day);
 // The free-space figure: MiB above a 9 GiB reserve, from statfs's available
 // blocks and block size, truncated; INT_MAX for anything larger.
 int free_space_figure(uint64_t bavail, uint64_t bsize);
-
-// Runs a program found on PATH with the given argument vector (null-ended),
-// with no command interpreter in between.  Returns its wait status as
-// system() would (0 for a clean exit 0), or -1 when it could not be started.
-int run_program(const char *const argv[], bool quiet = false);
-
-// True when the sqlite3 shell can be started and exits cleanly.
-bool shell_runs();
 
 } // namespace vrix

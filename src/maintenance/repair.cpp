@@ -1,190 +1,44 @@
-// Integrity check after an unclean stop: each database is tested with the
-// sqlite3 shell; a damaged date.db or event.db is restored from its backup
-// copy, a damaged video or audio index is rebuilt from the stream files.
-// Repair takes no database mutex: it runs before any context is opened.
+// The start-up repair (vrix_db_correct_all) and the checkers of single
+// databases.  date.db is checked first (restored from its copy or made again
+// from the day directories).  The databases of the newest day of every
+// channel (and of the day before while the newest is young) are checked;
+// then every hour the writers' journal lists (core/hour_journal.h) is
+// reconciled with its hour file, its index checked first, and registered in
+// date.db and the day's H.  Without a journal that repair made, every hour
+// the newest days' indexes list is reconciled as well, and every day
+// directory is looked through for hour files whose day or hour is not
+// registered or whose table has no row.  Afterwards the journal keeps only
+// what could not be done.
+#include "repair.h"
 #include "core/calendar.h"
-#include "core/file_io.h"
+#include "core/hour_journal.h"
 #include "core/pacing.h"
 #include "maintenance.h"
-#include "media/record_scan.h"
 #include "store/format.h"
 #include "store/log.h"
 #include "store/paths.h"
 #include "store/schema.h"
 
-#include <cstdio>
+#include <sys/stat.h>
+
+#include <map>
+#include <set>
+#include <utility>
 
 namespace vrix {
 namespace {
 
-// What a checker prints around the health test.
-struct Voice {
-    bool open_fail = false;           // "open fail" when the file cannot be opened
-    bool show_integrity = false;      // the integrity command line before it runs
-    const char *count_line = nullptr; // printed with the count command's status
-};
-
-// A path handed to a program as an argument: one starting with "-" would be
-// taken for an option.
-struct Arg {
-    SidePath p;
-    explicit Arg(const char *path) {
-        if (!format_into(p.text, sizeof p.text, path[0] == '-' ? "./%s" : "%s", path))
-            p.text[0] = '\0';
-    }
-};
-
-int run_shell(const char *db, const char *sql) {
-    const Arg a(db);
-    const char *const argv[] = {"sqlite3", a.p.text, sql, nullptr};
-    return run_program(argv);
-}
-
-// The health test: the file opens for update (unless `open_first` is false),
-// passes the integrity check and the table can be counted.
-bool sound(const char *db, const char *table, const Voice &voice, bool open_first = true) {
-    if (open_first) {
-        File fp(std::fopen(db, "rb+"));
-        if (!fp) {
-            if (voice.open_fail) log_text("open fail");
-            return false;
-        }
-    }
-    if (voice.show_integrity) log_line("sqlite3 %s \"%s\"\n", db, sql::kIntegrityCheck);
-    if (run_shell(db, sql::kIntegrityCheck) != 0) return false;
-    Sql count;
-    if (!format_into(count.text, sizeof count.text, sql::kCountTable, table)) return false;
-    const int status = run_shell(db, count.text);
-    if (voice.count_line) log_line(voice.count_line, status);
-    return status == 0;
-}
-
-// The names beside a database that repair touches; false (with a line) when
-// one does not fit, so nothing is done to the database.
-bool side_paths(const char *db, SidePath &journal, SidePath &copy) {
-    if (path_with_suffix(journal, db, "-journal") && path_with_suffix(copy, db, ".sql") &&
-        Arg(copy.text).p.text[0] && Arg(db).p.text[0])
-        return true;
-    log_line("vrix_db_correct : path too long %s\n", db);
-    return false;
-}
-
-int correct_db(const char *db, const char *table) {
-    SidePath journal, copy;
-    if (!side_paths(db, journal, copy)) return -1;
-    if (sound(db, table, Voice{})) return 0;
-    std::remove(journal.text);
-    std::remove(db);
-    const Arg from(copy.text), to(db);
-    const char *const argv[] = {"cp", from.p.text, to.p.text, nullptr};
-    run_program(argv, true);
-    if (sound(db, table, Voice{}, false)) return 0;
-    return std::remove(db);
-}
-
-// What differs between rebuilding a video and an audio index, the lines
-// each prints included.
-struct IndexKind {
-    const char *who; // "<who> : path too long"
-    bool (*db)(SidePath &, const char *dir);
-    bool (*stream)(Path &, const char *dir, int hour);
-    void (*rebuild)(FILE *, SqlHandle, int hour);
-    Voice voice;
-    bool announce_db;      // "open <db>" before the test
-    bool announce_removal; // "remove <db>" after it
-    bool per_stream;       // "open <stream>" for each hour; the index is made
-                           // only once a stream is there
-    bool video;
-};
-
-const IndexKind kVideoIndex{"vrix_db_correct_video",
-                            dir_video_db<kSidePathSize>,
-                            dir_stream,
-                            vrix_db_repair_video,
-                            {true, true, "video ret = %d\n"},
-                            false,
-                            true,
-                            true,
-                            true};
-const IndexKind kAudioIndex{"vrix_db_correct_audio",
-                            dir_audio_db<kSidePathSize>,
-                            dir_first_audio_stream,
-                            vrix_db_repair_audio,
-                            {true, false, "audio iRet = %d\n"},
-                            true,
-                            false,
-                            false,
-                            false};
-
-// Tests the index in `dir` (which ends in "/": the paths formed from it hold
-// a doubled "/") and rebuilds it from the hour files when it is not sound.
-void correct_index(const IndexKind &k, const char *dir) {
-    SidePath db, journal;
-    if (!k.db(db, dir) || !path_with_suffix(journal, db.text, "-journal")) {
-        log_line("%s : path too long %s\n", k.who, dir);
-        return;
-    }
-    if (k.announce_db) log_line("open %s\n", db.text);
-    if (sound(db.text, "H", k.voice)) return;
-    std::remove(journal.text);
-    std::remove(db.text);
-    if (k.announce_removal) log_line("remove %s\n", db.text);
-
-    Db index(nullptr);
-    auto open_index = [&] {
-        if (index.is_open()) return true;
-        if (!index.open(db.text)) return false;
-        index.run(sql::kCreateHourH);
-        return true;
-    };
-    if (!k.per_stream && !open_index()) return;
-    for (int h = 0; h < 24; ++h) {
-        Path stream;
-        if (!k.stream(stream, dir, h)) continue;
-        if (k.per_stream) log_line("open %s\n", stream.text);
-        File fp(io::open_file(stream.text, "rb+"));
-        if (!fp) continue;
-        if (!open_index()) return;
-        k.rebuild(fp.get(), index.get(), h);
-    }
-}
-
-// Reconciles every hour that the index in `dir` lists with its stream file
-// (audio: the first channel's, as the writer indexes it).  An hour the index
-// does not list is left alone: reduction unlists the hours it reclaims.
-void reconcile_index(const IndexKind &k, const char *dir) {
-    SidePath db;
-    if (!k.db(db, dir) || !File(io::open_file(db.text, "rb"))) return;
-    Db index(nullptr);
-    Holder holder(1, kIntCell);
-    if (!holder.t || !index.open(db.text)) return;
-    for (int h = 0; h < 24; ++h) {
-        Path stream;
-        Sql q;
-        format_into(q.text, sizeof q.text, sql::kFindHour, h);
-        int listed;
-        if (!k.stream(stream, dir, h) || !index.value(holder.t, q.text, listed)) continue;
-        File fp(io::open_file(stream.text, "rb"));
-        if (fp) reconcile_hour(index.get(), fp.get(), h, k.video, nullptr);
-    }
-}
-
-// Checks the index in `dir`, then reconciles it with the stream files.
-void check_index(const IndexKind &k, const char *dir) {
-    correct_index(k, dir);
-    reconcile_index(k, dir);
-}
-
-// The days of a channel that start-up repair checks: its newest recorded day
-// and, while that day is young (begun less than an hour ago, so the recorder
-// may have written the day before's last hour until a moment ago), the
-// recorded day before it.  Returns how many of `days` it filled.
+// The days of a channel that the check without a journal looks at: its
+// newest recorded day and, while that day is young (begun less than an hour
+// ago, so the recorder may have written the day before's last hour until a
+// moment ago), the recorded day before it.  Returns how many of `days` it
+// filled.
 constexpr int kYoungDay = 3600;
 int days_to_check(SqlHandle date, int ch, int days[2]) {
     Sql q;
     format_into(q.text, sizeof q.text, sql::kNewestChannelDay, ch);
     Holder h(1, kIntCell);
-    const int n = query_locked(nullptr, date, q.text, "%d", h.t);
+    const int n = date ? query_locked(nullptr, date, q.text, "%d", h.t) : 0;
     log_line("iRet = %d\n", n);
     if (n <= 0 || !holder_int(h.t, days[0])) return 0;
     if (clock_now().sec - days[0] >= kYoungDay) return 1;
@@ -192,40 +46,222 @@ int days_to_check(SqlHandle date, int ch, int days[2]) {
     return query_int(nullptr, date, q.text, h.t, days[1]) ? 2 : 1;
 }
 
-// A check that cannot run must never be taken for damage: without the shell
-// every database is left as it is.
-bool shell_ready(const char *who) {
-    if (shell_runs()) return true;
-    log_line("%s : sqlite3 shell cannot run, nothing checked\n", who);
-    return false;
+bool exists(const char *path) {
+    struct stat st {};
+    return stat(path, &st) == 0;
 }
 
+// One run of the start-up repair over the store under `root`.
+class StartUp {
+  public:
+    StartUp(const char *root, SqlHandle date) : root_(root), date_(date) {}
+
+    // The index of a video channel (0: the audio) of a day, checked once per
+    // run; false when it is left alone.
+    bool index_ready(int ch, const StoreDay &d) {
+        const auto key = std::make_pair(ch, d.key);
+        if (const auto it = ready_.find(key); it != ready_.end()) return it->second;
+        Path dir;
+        const bool usable =
+            place(ch, d, dir) && correct_index(kind(ch), dir.text) != Outcome::LeftAlone;
+        ready_[key] = usable;
+        return usable;
+    }
+
+    // The day's events, checked once per run.
+    void events(const StoreDay &d) {
+        if (!event_days_.insert(d.key).second) return;
+        Path p;
+        AsidePath aside;
+        if (!reader_event_db(p, root_, d.tm)) return;
+        if (correct_with_copy(p.text, "h_all", Voice{}, aside) == Outcome::SetAside)
+            log_line("vrix_db_correct : the events of %s are aside in %s , the next event begins "
+                     "a new event.db\n",
+                     d.name, aside.text);
+    }
+
+    // One hour of a channel (0: the audio) reconciled with its hour file and
+    // registered; false when it could not be.
+    bool hour(int ch, const StoreDay &d, int h) {
+        Path dir, stream;
+        if (!place(ch, d, dir) || !kind(ch).stream(stream, dir.text, h)) return false;
+        struct stat st {};
+        if (stat(stream.text, &st) != 0 || st.st_size == 0) return true; // nothing to index
+        if (!index_ready(ch, d) || !reconcile_index_hour(kind(ch), dir.text, h)) return false;
+        enroll(ch, d.key);
+        return true;
+    }
+
+    // Every hour the index lists (the check without a journal).
+    void listed_hours(int ch, const StoreDay &d) {
+        Path dir;
+        if (index_ready(ch, d) && place(ch, d, dir)) reconcile_listed_hours(kind(ch), dir.text);
+    }
+
+    // Looks through every day directory for hour files of channel `ch` (0:
+    // the audio) whose day or hour is not registered or whose table holds no
+    // row, and reconciles those hours.
+    void scan(int ch) {
+        for (const StoreDay &d : days()) {
+            Path dir, first;
+            if (!place(ch, d, dir)) continue;
+            const char *files = ch ? dir.text : (dir_channel(first, dir.text, 1) ? first.text : "");
+            const std::vector<int> hours = stream_hours(files);
+            if (hours.empty()) continue;
+            const std::vector<int> missing = unindexed(ch, dir.text, hours);
+            const bool registered = is_registered(0, d.key) && (!ch || is_registered(ch, d.key));
+            if (missing.empty() && registered) continue;
+            char who[8];
+            format_into(who, sizeof who, ch ? "ch%d" : "audio", ch);
+            log_line("scan %s %s : %zu hour file(s) not indexed%s\n", who, d.name, missing.size(),
+                     registered ? "" : " , day not registered");
+            for (int h : missing)
+                hour(ch, d, h);
+            if (!registered && index_ready(ch, d)) enroll(ch, d.key);
+        }
+    }
+
+    // Days whose events are not registered in date.db get their H row.
+    void scan_events() {
+        for (const StoreDay &d : days()) {
+            Path p;
+            struct stat st {};
+            if (date_ && !is_registered(0, d.key) && day_event_db(p, root_, d.name) &&
+                stat(p.text, &st) == 0 && st.st_size > 0)
+                register_day(date_, 0, d.key);
+        }
+    }
+
+  private:
+    static const IndexKind &kind(int ch) { return ch ? kVideoIndex : kAudioIndex; }
+
+    // The day in date.db's H, and in ch<ch> for a video channel.
+    void enroll(int ch, int key) {
+        if (!date_) return;
+        register_day(date_, 0, key);
+        if (ch) register_day(date_, ch, key);
+    }
+
+    bool place(int ch, const StoreDay &d, Path &dir) const {
+        return ch ? repair_channel_dir(dir, root_, d.tm, ch) : repair_audio_dir(dir, root_, d.tm);
+    }
+
+    const std::vector<StoreDay> &days() {
+        if (!days_read_) days_ = day_directories(root_);
+        days_read_ = true;
+        return days_;
+    }
+
+    bool is_registered(int ch, int key) {
+        if (!date_) return false;
+        Holder holder(1, kIntCell);
+        Sql q;
+        if (ch)
+            format_into(q.text, sizeof q.text, sql::kFindChannelDay, ch, key);
+        else
+            format_into(q.text, sizeof q.text, sql::kFindDay, key);
+        int found;
+        return holder.t && query_int(nullptr, date_, q.text, holder.t, found);
+    }
+
+    // The hours among `hours` that the index in `dir` does not list or whose
+    // table holds no row: registration queries only, no stream is read.
+    std::vector<int> unindexed(int ch, const char *dir, const std::vector<int> &hours) {
+        SidePath db;
+        if (!kind(ch).db(db, dir) || !exists(db.text)) return hours;
+        Db index(nullptr);
+        Holder holder(1, kIntCell);
+        if (!holder.t || !index.open(db.text)) return hours;
+        std::vector<int> out;
+        for (int h : hours) {
+            Sql q;
+            int n = 0;
+            format_into(q.text, sizeof q.text, sql::kFindHour, h);
+            bool indexed = index.value(holder.t, q.text, n);
+            format_into(q.text, sizeof q.text, "select count(*) from (select 1 from h%d limit 1);",
+                        h);
+            indexed = indexed && index.value(holder.t, q.text, n) && n > 0;
+            if (!indexed) out.push_back(h);
+        }
+        return out;
+    }
+
+    const char *root_;
+    SqlHandle date_;
+    std::map<std::pair<int, int>, bool> ready_;
+    std::set<int> event_days_;
+    std::vector<StoreDay> days_;
+    bool days_read_ = false;
+};
+
 void correct_all(const char *root) {
+    std::vector<JournalHour> journal;
+    const JournalState state = read_hour_journal(root, journal);
+    const bool trusted = state == JournalState::Complete;
     Path p;
     reader_date_db(p, root);
-    correct_db(p.text, "H");
-    Db date(nullptr);
-    if (!date.open(p.text)) {
+    if (correct_date_db(root, p.text) == Outcome::LeftAlone) {
         log_text("vrix_db_correct : fail");
         return;
     }
+    Db date(nullptr);
+    if (exists(p.text) && !date.open(p.text)) {
+        log_text("vrix_db_correct : fail");
+        return;
+    }
+    StartUp run(root, date.get());
+    std::vector<bool> done(journal.size(), false);
     bool first_day = true;
     for (int ch = 1; ch <= VRIX_VIDEO_CHANNELS; ++ch) {
         vrix_hdd_correct_step(120 + 5 * ch);
+        // The newest days are checked in any case; without a journal that
+        // repair made, every hour their indexes list is reconciled too.
         int days[2];
         const int n = days_to_check(date.get(), ch, days);
-        // The first channel with a day checks the audio and events of its days.
-        const bool media_too = first_day;
-        if (n > 0) first_day = false;
+        std::set<int> shown;
         for (int r = 0; r < n; ++r) {
-            const std::tm tm = fields_of(days[r]);
-            log_line("check ch%d %d%02d%02d\n", ch, tm.tm_year + 1900, tm.tm_mon + 1, tm.tm_mday);
-            if (repair_channel_dir(p, root, tm, ch)) check_index(kVideoIndex, p.text);
-            if (!media_too) continue;
-            if (repair_audio_dir(p, root, tm)) check_index(kAudioIndex, p.text);
-            if (reader_event_db(p, root, tm)) correct_db(p.text, "h_all");
+            const StoreDay d = store_day(days[r]);
+            log_line("check ch%d %s\n", ch, d.name);
+            shown.insert(d.key);
+            for (const int which : {ch, 0}) {
+                // The first channel with a day checks the audio and events of its days.
+                if (which == 0 && !first_day) break;
+                if (trusted)
+                    run.index_ready(which, d);
+                else
+                    run.listed_hours(which, d);
+            }
+            if (first_day) run.events(d);
+        }
+        if (n > 0) first_day = false;
+        for (size_t i = 0; i < journal.size(); ++i) {
+            const JournalHour &j = journal[i];
+            StoreDay d;
+            if (j.kind != kJournalVideo || j.channel != ch || !store_day(j.day, d)) continue;
+            if (shown.insert(d.key).second) log_line("check ch%d %s\n", ch, d.name);
+            done[i] = run.hour(ch, d, j.hour);
+            run.events(d);
+        }
+        if (!trusted) run.scan(ch);
+        if (ch == 1) {
+            for (size_t i = 0; i < journal.size(); ++i) {
+                StoreDay d;
+                if (journal[i].kind != kJournalAudio || !store_day(journal[i].day, d)) continue;
+                done[i] = run.hour(0, d, journal[i].hour);
+                run.events(d);
+            }
+            if (!trusted) {
+                run.scan(0);
+                run.scan_events();
+            }
         }
     }
+    std::vector<JournalHour> keep;
+    for (size_t i = 0; i < journal.size(); ++i)
+        if (!done[i]) keep.push_back(journal[i]);
+    // A root without one gets an empty journal, trusted from now on.
+    struct stat st {};
+    if (stat(root, &st) == 0 && S_ISDIR(st.st_mode)) replace_hour_journal(root, keep);
 }
 
 } // namespace
@@ -235,7 +271,7 @@ extern "C" int vrix_db_correct_all(const char *root) {
     using namespace vrix;
     const MaintenanceHold hold(root, "vrix_db_correct_all");
     if (!hold) return 0;
-    if (!root_fits(root, "vrix_db_correct_all") || !shell_ready("vrix_db_correct_all")) return 0;
+    if (!root_fits(root, "vrix_db_correct_all")) return 0;
     refresh_timezone();
     correct_all(root);
     return 0;
@@ -246,8 +282,15 @@ extern "C" int vrix_db_correct(const char *path, const char *table) {
     const MaintenanceHold hold(path, "vrix_db_correct", true);
     if (!hold) return -1;
     if (!path || !table) return -1;
-    if (!shell_ready("vrix_db_correct")) return -1;
-    return correct_db(path, table);
+    AsidePath aside;
+    switch (correct_with_copy(path, table, Voice{}, aside)) {
+    case Outcome::Sound:
+    case Outcome::Restored:
+    case Outcome::SetAside: // as removing it did: the next opener starts it afresh
+        return 0;
+    default:
+        return -1;
+    }
 }
 
 extern "C" void vrix_db_correct_video(const char *dir) {
@@ -255,7 +298,7 @@ extern "C" void vrix_db_correct_video(const char *dir) {
     const MaintenanceHold hold(dir, "vrix_db_correct_video", true);
     if (!hold) return;
     refresh_timezone();
-    if (dir && shell_ready("vrix_db_correct_video")) correct_index(kVideoIndex, dir);
+    if (dir) correct_index(kVideoIndex, dir);
 }
 
 extern "C" int vrix_db_correct_audio(const char *dir) {
@@ -263,6 +306,6 @@ extern "C" int vrix_db_correct_audio(const char *dir) {
     const MaintenanceHold hold(dir, "vrix_db_correct_audio", true);
     if (!hold) return 0;
     refresh_timezone();
-    if (dir && shell_ready("vrix_db_correct_audio")) correct_index(kAudioIndex, dir);
+    if (dir) correct_index(kAudioIndex, dir);
     return 0;
 }

@@ -14,8 +14,8 @@ constexpr unsigned long kLogLineSize = 512;
 // newline.
 void log_line(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
 
-// True while no sink is installed (the library's lines go to standard output
-// and programs it runs may write there directly).
+// True while no sink is installed (the library's lines go to standard
+// output).
 bool log_is_default();
 
 // Hands one line (without its newline) to the installed sink, or writes it

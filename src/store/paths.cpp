@@ -121,6 +121,9 @@ bool repair_audio_dir(Path &p, const char *root, const std::tm &d) {
 bool root_lock_file(Path &p, const char *root) {
     return format_into(p.text, sizeof p.text, "%s/.vrixdb.lock", root);
 }
+bool hour_journal_file(Path &p, const char *root) {
+    return format_into(p.text, sizeof p.text, "%s/.vrixdb.hours", root);
+}
 bool path_with_suffix(SidePath &p, const char *path, const char *suffix) {
     return format_into(p.text, sizeof p.text, "%s%s", path, suffix);
 }

@@ -72,6 +72,8 @@ bool repair_channel_dir(Path &p, const char *root, const std::tm &day, int ch);
 bool repair_audio_dir(Path &p, const char *root, const std::tm &day);
 // The lock file of one recording process per store: "%s/.vrixdb.lock".
 bool root_lock_file(Path &p, const char *root);
+// The journal of the hour files the writers opened: "%s/.vrixdb.hours".
+bool hour_journal_file(Path &p, const char *root);
 // A file beside another: "%s%s" (".sql" backup copies, "-journal").
 bool path_with_suffix(SidePath &p, const char *path, const char *suffix);
 

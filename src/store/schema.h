@@ -156,11 +156,5 @@ inline constexpr char kCountEvents[] = "select count() from h_all;";
 
 // integrity check and repair
 inline constexpr char kNewestChannelDay[] = "select max(date) from ch%d";
-// The shell exits 0 when the integrity check runs and reports damage; this
-// statement fails (and so the shell's exit status tells) unless it says "ok".
-inline constexpr char kIntegrityCheck[] =
-    "select json('integrity check failed') where (select integrity_check from "
-    "pragma_integrity_check limit 1) <> 'ok';";
-inline constexpr char kCountTable[] = "select count() from %s;";
 
 } // namespace vrix::sql

@@ -1,6 +1,7 @@
 // The frame writer: every frame of every channel goes through here.
 #include "core/calendar.h"
 #include "core/file_io.h"
+#include "core/hour_journal.h"
 #include "core/live_hours.h"
 #include "core/messages.h"
 #include "core/store_access.h"
@@ -226,6 +227,7 @@ bool open_hour(RecContext &ctx, RecChannel &c, int n, const char *day, int hour,
     if (!writer_video_stream(p, ctx.strRoot, day, n, hour)) return false;
     FILE *fp = open_stream_for_writing(p.text);
     if (!fp) return false;
+    journal_hour(ctx.strRoot, kJournalVideo, day, n, hour);
     long long size = stream_size(fp);
     if (size < 0) {
         log_line("vrix_db_rec_video : ch%d cannot size %s\n", n, p.text);

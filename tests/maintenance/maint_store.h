@@ -4,10 +4,16 @@
 #pragma once
 
 #include "store/records.h"
+#include "support/child.h"
 #include "support/frames.h"
 #include "support/queues.h"
 
+#include <fcntl.h>
+#include <signal.h>
+#include <unistd.h>
+
 #include <atomic>
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -23,6 +29,46 @@ using Rows = std::vector<std::string>;
 using Bytes = std::vector<unsigned char>;
 
 inline std::atomic<int> g_maint_now{0};
+
+// The part of this binary run again with VRIX_HOLD_DB set: it holds that
+// database with BEGIN EXCLUSIVE until it is killed.
+inline const bool g_holds_db = [] {
+    const char *path = std::getenv("VRIX_HOLD_DB");
+    if (!path) return false;
+    sqlite3 *h = nullptr;
+    const bool held = sqlite3_open(path, &h) == SQLITE_OK &&
+                      sqlite3_exec(h, "BEGIN EXCLUSIVE;", nullptr, nullptr, nullptr) == SQLITE_OK;
+    std::puts(held ? "held" : "not held");
+    std::fflush(stdout);
+    if (held) pause();
+    _exit(held ? 0 : 1);
+}();
+
+// Another process holding a database locked (BEGIN EXCLUSIVE) while this
+// lives.
+class HeldElsewhere {
+  public:
+    explicit HeldElsewhere(const std::string &db) {
+        int fds[2];
+        if (pipe2(fds, O_CLOEXEC) != 0) return;
+        pid_ = spawn_self("VRIX_HOLD_DB", db, fds[1]);
+        close(fds[1]);
+        char said[16] = {};
+        held = read(fds[0], said, sizeof said - 1) > 0 && std::strncmp(said, "held", 4) == 0;
+        close(fds[0]);
+    }
+    ~HeldElsewhere() {
+        if (pid_ <= 0) return;
+        kill(pid_, SIGKILL);
+        wait_status(pid_);
+    }
+    HeldElsewhere(const HeldElsewhere &) = delete;
+    HeldElsewhere &operator=(const HeldElsewhere &) = delete;
+    bool held = false;
+
+  private:
+    pid_t pid_ = -1;
+};
 
 // A fixture's first member, so the library owns the queues before anything
 // else of the test touches them.

@@ -319,6 +319,7 @@ TEST_F(Hostile, GarbageOnTheSubmitQueue) {
     EXPECT_TRUE(rows(dir / "date.db", "select date from ch1").empty());
     for (const auto &e : std::filesystem::directory_iterator(dir.path()))
         EXPECT_TRUE(e.path().filename() == "date.db" || e.path().filename() == ".vrixdb.lock" ||
+                    e.path().filename() == ".vrixdb.hours" ||
                     e.path().filename().string().rfind("202403", 0) == 0)
             << e.path();
 }

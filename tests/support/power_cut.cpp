@@ -84,6 +84,7 @@ void PowerCut::names_durable_in(const std::string &dir) {
         it = parent_of(*it) == dir ? new_names_.erase(it) : std::next(it);
     for (auto it = removed_.begin(); it != removed_.end();)
         it = parent_of(it->first) == dir ? removed_.erase(it) : std::next(it);
+    std::erase_if(renames_, [&](const Renamed &r) { return parent_of(r.to) == dir; });
 }
 
 // The file as its last sync left it: every change since undone, newest first.
@@ -100,6 +101,44 @@ std::vector<unsigned char> PowerCut::synced_image(const Tracked &t) const {
         }
     }
     return b;
+}
+
+// The file keeps what is not yet synced of it under its new name; the one it
+// replaced is kept whole, to come back if the rename never becomes durable.
+void PowerCut::renamed(const std::string &from, const std::string &to) {
+    Renamed r{from, to, new_names_.erase(from) > 0, exists(to), {}};
+    if (r.had_old) {
+        const int fd = open(to.c_str(), O_RDONLY | O_CLOEXEC);
+        if (fd >= 0) {
+            r.old = bytes_at(fd, 0, size_of(fd), size_of(fd));
+            close(fd);
+        }
+    }
+    forget(to);
+    if (const auto it = files_.find(from); it != files_.end()) {
+        Tracked moved = std::move(it->second);
+        files_.erase(it);
+        files_[to] = std::move(moved);
+    }
+    if (last_.path == from) last_.path = to;
+    renames_.push_back(std::move(r));
+}
+
+void PowerCut::undo_renames() {
+    for (auto r = renames_.rbegin(); r != renames_.rend(); ++r) {
+        forget(r->to);
+        std::error_code ec;
+        if (r->from_new)
+            std::filesystem::remove(r->to, ec);
+        else
+            std::filesystem::rename(r->to, r->from, ec);
+        if (!r->had_old) continue;
+        const int fd = open(r->to.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+        if (fd < 0 || write(fd, r->old.data(), r->old.size()) != ssize_t(r->old.size()))
+            std::perror(r->to.c_str());
+        if (fd >= 0) close(fd);
+    }
+    renames_.clear();
 }
 
 void PowerCut::before(const io::Access &a) {
@@ -155,7 +194,11 @@ void PowerCut::before(const io::Access &a) {
             t.undo.clear();
         new_names_.clear();
         removed_.clear();
+        renames_.clear();
         last_ = {};
+        break;
+    case io::Op::Rename:
+        renamed(path, normal(a.to));
         break;
     case io::Op::Read:
     case io::Op::Lock:
@@ -223,6 +266,7 @@ void PowerCut::put_back(Writeback wb, uint32_t seed) {
         }
     }
     last_ = {};
+    undo_renames();
     // Deepest first, so that a directory is emptied of its own new names
     // before it goes itself.  Reordered writeback keeps some of them; a name
     // inside a directory that vanished goes with it.

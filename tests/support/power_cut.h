@@ -5,8 +5,10 @@
 // the names of files and directories made since their directory was last
 // synced.  cut() freezes all I/O at one instant, leaves every file as the
 // chosen writeback would have (see Writeback), and ends the process, as a
-// power cut would.  Files that existed before the layer was installed count
-// as durable.
+// power cut would.  A rename or a removal counts once its directory is
+// synced; before that a cut puts the old names back (a file replaced or
+// removed returns with the bytes it had when it was last synced).  Files that
+// existed before the layer was installed count as durable.
 #pragma once
 
 #include "core/file_io.h"
@@ -63,6 +65,12 @@ class PowerCut : public io::Observer {
         ino_t ino = 0;
         std::vector<Undo> undo; // changes since the last sync, oldest first
     };
+    struct Renamed {
+        std::string from, to;
+        bool from_new = false;          // `from` itself was never made durable
+        bool had_old = false;           // `to` named a file before
+        std::vector<unsigned char> old; // that file's bytes
+    };
     struct LastWrite {
         std::string path;
         long long offset = 0;
@@ -72,6 +80,8 @@ class PowerCut : public io::Observer {
     Tracked *track(const std::string &path);
     void forget(const std::string &path);
     void names_durable_in(const std::string &dir);
+    void renamed(const std::string &from, const std::string &to);
+    void undo_renames();
     void put_back(Writeback wb, uint32_t seed);
     void reorder(Tracked &t, uint32_t seed);
     std::vector<unsigned char> synced_image(const Tracked &t) const;
@@ -81,7 +91,8 @@ class PowerCut : public io::Observer {
     std::set<std::string> new_names_; // files and directories not durable yet
     // Files removed since their directory was last synced, as last synced.
     std::map<std::string, std::vector<unsigned char>> removed_;
-    LastWrite last_; // empty path: none unsynced
+    std::vector<Renamed> renames_; // not durable yet, oldest first
+    LastWrite last_;               // empty path: none unsynced
 };
 
 } // namespace vrix::test

@@ -30,7 +30,7 @@ int run_backup(const BackupOptions &o) {
         return 1;
     }
     if (!start_library()) return 1;
-    vrix_db_backup(root.c_str(), day.c_str());
+    const int result = vrix_db_backup_day(root.c_str(), day.c_str());
     int copies = 0;
     for (const std::string &copy :
          {store.path(VRIX_PATH_DATE_COPY), store.path(VRIX_PATH_EVENT_COPY, dayKey)}) {
@@ -40,8 +40,10 @@ int run_backup(const BackupOptions &o) {
         std::fprintf(out(), "  %s  %s\n", copy.c_str(),
                      format_bytes(static_cast<int64_t>(size)).c_str());
     }
-    std::fprintf(out(), "backup of %s: %d cop%s\n", day.c_str(), copies, copies == 1 ? "y" : "ies");
-    return copies ? 0 : 1;
+    std::fprintf(out(), "backup of %s: %d cop%s%s\n", day.c_str(), copies,
+                 copies == 1 ? "y" : "ies",
+                 result < 0 ? " (a copy failed: the old one was kept)" : "");
+    return copies && result == 0 ? 0 : 1;
 }
 
 } // namespace
