@@ -98,7 +98,7 @@ int fill_day(const std::string &root, std::mt19937 &rng) {
     }
     SqlHandle db = nullptr;
     vrix::open_db(vrix::event_mutex(), day_db_path(root, day).c_str(), db);
-    vrix::submit_transaction(vrix::event_mutex(), db, {batch.c_str()});
+    vrix::commit_rows(vrix::event_mutex(), db, batch.c_str());
     vrix::close_db(vrix::event_mutex(), db);
     return day;
 }

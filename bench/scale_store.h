@@ -84,7 +84,7 @@ inline void generate(const std::string &root, int days) {
                       tm.tm_year + 1900, tm.tm_mon + 1, tm.tm_mday);
         SqlHandle db = nullptr;
         vrix::open_db(vrix::event_mutex(), path, db);
-        vrix::submit_transaction(vrix::event_mutex(), db, {batch.c_str()});
+        vrix::commit_rows(vrix::event_mutex(), db, batch.c_str());
         vrix::close_db(vrix::event_mutex(), db);
     }
     vrix_db_close_rec_event(ev);

@@ -30,8 +30,21 @@ struct CloseAudio {
     void operator()(AudioRecContext *ctx) const { vrix_db_close_rec_audio(ctx); }
 };
 
-void commit_rows(AudioRecContext &c) {
-    if (c.pAudioDb && c.iSqlRows) submit_transaction(audio_mutex(), c.pAudioDb, {c.pSqlBuf});
+// The rows waiting, committed; kept for the next commit when the commit
+// fails (the index gets no hole), dropped with one line only when they no
+// longer fit.
+void commit_audio_rows(AudioRecContext &c) {
+    const std::string undo = c.iIndexFailed ? undo_partial_batch(c.pSqlBuf, c.iSqlLen) : "";
+    if (c.pAudioDb && c.iSqlRows && !commit_rows(audio_mutex(), c.pAudioDb, c.pSqlBuf, [&] {
+            if (!undo.empty()) sql_submit(c.pAudioDb, undo.c_str(), "");
+        })) {
+        if (!c.iIndexFailed) report_disk_error("rec audio", 0, "index rows not committed , kept");
+        c.iIndexFailed = 1;
+        if (kAudioSqlBufSize - c.iSqlLen > 256) return;
+        log_line("rec audio : %d index rows lost , the index keeps failing\n", c.iSqlRows);
+    } else {
+        c.iIndexFailed = 0;
+    }
     c.iSqlLen = 0;
     c.iSqlRows = 0;
     c.pSqlBuf[0] = '\0';
@@ -104,6 +117,15 @@ int second_before(FILE *fp, long long at) {
     return read && parse_audio_record(head, sec, w) ? sec : 0;
 }
 
+// Every channel's file ends at the offset the index names for all of them.
+// Should a cut fail, the channel is written from that offset all the same:
+// its next records cover what lies there.
+void cut_to_common_end(FILE *fp, int ch, long long at) {
+    if (cut_stream(fp, at)) return;
+    fseeko(fp, at, SEEK_SET);
+    report_disk_error("rec audio", ch, "cannot cut its file , writing over what lies there");
+}
+
 // After a failed write: every channel's file goes back to where that write
 // began (the rows name offsets of all channels alike), and the rows of the
 // records lost go, waiting or committed.  The caller holds pBufLock.
@@ -117,7 +139,7 @@ void settle(AudioRecContext &c) {
         AudioRecChannel &ch = c.pChannels[k];
         ch.iBufLen = 0;
         ch.llOffset = at;
-        if (ch.fpStream) cut_stream(ch.fpStream, at);
+        if (ch.fpStream) cut_to_common_end(ch.fpStream, k + 1, at);
     }
     if (c.iHour < 0 || !c.pSqlBuf) return;
     c.iSqlRows -= drop_rows_from(c.pSqlBuf, c.iSqlLen, c.iHour, at);
@@ -212,7 +234,7 @@ bool open_hour_files(AudioRecContext &c, const char *audio_dir, int hour) {
     // Every file ends where the next record goes: a torn tail and what one
     // channel holds beyond the others are cut.
     for (int k = 0; k < c.iChannelCount; ++k) {
-        cut_stream(c.pChannels[k].fpStream, end);
+        cut_to_common_end(c.pChannels[k].fpStream, k + 1, end);
         c.pChannels[k].llOffset = end;
     }
     return true;
@@ -234,7 +256,7 @@ bool new_hour(AudioRecContext &c, int t, const std::tm &tm, bool date_changed, u
     writer_audio_dir(audio, c.strRoot, c.strDay);
     if (date_changed) io::make_dir(audio.text);
     if (c.pAudioDb) {
-        commit_rows(c);
+        commit_audio_rows(c);
         {
             SqlLock hold(audio_mutex());
             close_writer_db(c.pAudioDb);
@@ -409,13 +431,13 @@ extern "C" void vrix_db_rec_audio(AudioRecContext *ctx, const void *block) {
         append_index_row(ctx->pSqlBuf, kAudioSqlBufSize, ctx->iSqlLen, ctx->iHour, t,
                          ctx->llIndexOffset) &&
         ++ctx->iSqlRows > kAudioBatchRows)
-        commit_rows(*ctx);
+        commit_audio_rows(*ctx);
 }
 
 extern "C" void vrix_db_rec_audio_flush(AudioRecContext *ctx) {
     using namespace vrix;
     if (!ctx) return;
-    commit_rows(*ctx);
+    commit_audio_rows(*ctx);
     const std::lock_guard hold(*ctx->pBufLock);
     write_out_locked(*ctx);
     settle(*ctx);

@@ -54,6 +54,7 @@ struct AudioRecContext {
     int iCutPending;
     long long llCutAt;
     int iWriteFailed; // the last write failed: the disk error is reported once
+    int iIndexFailed; // the last commit of index rows failed (reported once)
 };
 
 namespace vrix {

@@ -62,13 +62,17 @@ int submit_locked(pthread_mutex_t *m, SqlHandle db, const char *sql) {
     return sql_submit(db, sql, "");
 }
 
-void submit_transaction(pthread_mutex_t *m, SqlHandle db,
-                        std::initializer_list<const char *> parts) {
+bool commit_rows(pthread_mutex_t *m, SqlHandle db, const char *rows,
+                 const std::function<void()> &prelude) {
+    if (!db) return false;
     SqlLock hold(m);
-    sql_submit(db, sql::kBegin, "");
-    for (const char *p : parts)
-        if (p) sql_submit(db, p, "");
-    sql_submit(db, sql::kCommit, "");
+    bool ok = submit_busy(db, sql::kBegin) == 0;
+    if (ok) {
+        if (prelude) prelude();
+        ok = submit_busy(db, rows) == 0 && submit_busy(db, sql::kCommit) == 0;
+    }
+    if (!ok) sql_submit(db, sql::kRollback, "");
+    return ok;
 }
 
 int query_locked(pthread_mutex_t *m, SqlHandle db, const char *sql, const char *format,

@@ -27,6 +27,7 @@
 #include "vrixdb.h"
 
 #include <cstdio>
+#include <functional>
 #include <initializer_list>
 #include <memory>
 
@@ -95,10 +96,14 @@ void close_writer_db(SqlHandle &handle);
 // One statement under one hold of the mutex.
 int submit_locked(pthread_mutex_t *m, SqlHandle db, const char *sql);
 
-// BEGIN, each part in order, COMMIT, under one hold of the mutex.  The COMMIT
-// is submitted whatever the parts returned; null parts are skipped.
-void submit_transaction(pthread_mutex_t *m, SqlHandle db,
-                        std::initializer_list<const char *> parts);
+// The writers' index rows in one transaction: BEGIN, `prelude()` (tables made
+// when missing; its results are not examined), `rows` and COMMIT, each
+// repeated while the store is busy, under one hold of the mutex.  False, the
+// transaction rolled back, when the rows or the commit failed: the writer
+// keeps its rows for its next commit, so that no failure leaves a hole in an
+// index.
+bool commit_rows(pthread_mutex_t *m, SqlHandle db, const char *rows,
+                 const std::function<void()> &prelude = {});
 
 // One query into a one-slot holder under one hold of the mutex; the store's
 // count.  query_int / query_offset also read the value: false when the query

@@ -8,6 +8,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 
@@ -82,7 +83,16 @@ CheckResult check_database(const char *path, const char *table) {
 
     std::string first;
     if ((rc = run(c.db, "PRAGMA integrity_check(1);", first)) != SQLITE_OK) return failed(c.db, rc);
-    if (first != "ok") return result(Verdict::Damaged, SQLITE_CORRUPT, first.c_str());
+    if (first != "ok") {
+        // A page the check could not read for a reason other than damage
+        // ("unable to get the page. error code=266", an I/O error) was not
+        // checked: that is no verdict of damage.
+        const size_t at = first.find("error code=");
+        const int code =
+            at == std::string::npos ? SQLITE_CORRUPT : std::atoi(first.c_str() + at + 11);
+        const bool damage = (code & 0xff) == SQLITE_CORRUPT || (code & 0xff) == SQLITE_NOTADB;
+        return result(damage ? Verdict::Damaged : Verdict::Unchecked, code, first.c_str());
+    }
     Sql q;
     if ((rc = run(c.db, "select count(*) from sqlite_master where type='table';", first)) !=
         SQLITE_OK)

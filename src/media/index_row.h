@@ -3,6 +3,8 @@
 // an hour file restarts at.
 #pragma once
 
+#include <string>
+
 #include "core/store_access.h"
 #include "record_check.h"
 #include "store/format.h"
@@ -17,6 +19,13 @@ bool append_index_row(char *batch, int size, int &len, int hour, int sec, long l
 // Removes from a batch the rows of hour `hour` whose offset is `from` or
 // beyond (frames a failed write lost); returns how many went.
 int drop_rows_from(char *batch, int &len, int hour, long long from);
+
+// Statements that take out of an index whatever a failed commit of `batch`
+// may have left of it ("delete from h%d where offset >= %lld;" for each hour
+// at the batch's first offset of that hour): a batch that fails part-way
+// may have committed some of its rows on its own, and it is committed again
+// whole.
+std::string undo_partial_batch(const char *batch, int len);
 
 // What an index row of a playing hour turned out to be: one that agrees with
 // its record, no such row, a row naming something else, a row whose record

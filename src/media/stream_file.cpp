@@ -25,8 +25,13 @@ long long file_size(FILE *fp) {
 }
 
 bool cut_stream(FILE *fp, long long offset) {
-    const bool cut = io::truncate_file(fp, offset);
-    return fseeko(fp, offset, SEEK_SET) == 0 && cut;
+    const long long size = io::file_size(fp);
+    if (size != offset && !io::truncate_file(fp, offset)) {
+        std::clearerr(fp);
+        if (size >= 0) fseeko(fp, size, SEEK_SET);
+        return false;
+    }
+    return fseeko(fp, offset, SEEK_SET) == 0;
 }
 
 Written write_records(FILE *fp, const void *data, size_t len) {
@@ -41,6 +46,11 @@ Written write_records(FILE *fp, const void *data, size_t len) {
     cut_stream(fp, at);
     std::clearerr(fp);
     return {false, at, w};
+}
+
+void report_disk_error(const char *who, int ch, const char *what) {
+    log_line("%s : ch%d %s\n", who, ch, what);
+    send_message(g_iVrixDbSendMq, g_IdeErrMsg);
 }
 
 void report_short_write(const char *who, int ch, size_t written, size_t wanted) {

@@ -41,12 +41,12 @@ bool write_locked(RecChannel &c, int n, const void *data, int len, long long &cu
     return false;
 }
 
-// The recording thread goes on where a failed write cut the file: the
-// buffer is dropped and the next frame stored must be a key frame.  Under
-// the buffer lock.
+// The recording thread goes on where a failed write cut the file (at its
+// end, should the cut have failed too): the buffer is dropped and the next
+// frame stored must be a key frame.  Under the buffer lock.
 void go_on_at(RecChannel &c, long long at) {
     c.iBufLen = 0;
-    c.llOffset = at;
+    c.llOffset = std::max(at, file_size(c.fpStream));
     c.iWaitKey = 1;
 }
 
@@ -116,15 +116,21 @@ void commit_channel(RecContext &ctx, RecChannel &c, int n) {
     unsigned hours = c.iPendingTables;
     if (c.iNewTable && c.iHour >= 0) hours |= 1u << c.iHour;
     if (hours && c.pVideoDb) register_channel_day(ctx, n, message_word(c.HourMsg, 4));
-    {
-        SqlLock hold(video_mutex(n));
-        submit_busy(c.pVideoDb, sql::kBegin);
+    const std::string undo = c.iIndexFailed ? undo_partial_batch(c.pSqlBuf, c.iSqlLen) : "";
+    const bool ok = commit_rows(video_mutex(n), c.pVideoDb, c.pSqlBuf, [&] {
+        if (!undo.empty()) sql_submit(c.pVideoDb, undo.c_str(), "");
         if (hours) sql_submit(c.pVideoDb, sql::kCreateHourH, "");
         for (int h = 0; h < 24; ++h)
             if (hours & (1u << h)) prepare_hour(ctx, c.pVideoDb, h);
-        submit_busy(c.pVideoDb, c.pSqlBuf);
-        submit_busy(c.pVideoDb, sql::kCommit);
+    });
+    if (!ok && c.pVideoDb) {
+        // The rows stay for the next commit: the index gets no hole.
+        if (!c.iIndexFailed)
+            report_disk_error("vrix_db_rec_video", n, "index rows not committed , kept");
+        c.iIndexFailed = 1;
+        return;
     }
+    c.iIndexFailed = 0;
     c.iNewTable = 0;
     c.iPendingTables = 0;
     c.iSqlLen = 0;
@@ -251,8 +257,10 @@ bool open_hour(RecContext &ctx, RecChannel &c, int n, const char *day, int hour,
         log_line("vrix_db_rec_video : ch%d index of hour %d unreadable , appending\n", n, hour);
     } else if (kept.torn) {
         // Only a torn tail goes: nothing but whole records lies behind new data.
-        size = kept.end;
-        cut_stream(c.fpStream, size);
+        if (cut_stream(c.fpStream, kept.end))
+            size = kept.end;
+        else
+            report_disk_error("vrix_db_rec_video", n, "cannot cut a torn tail , appending");
     } else {
         log_line("vrix_db_rec_video : ch%d hour %d record at %lld unreadable , %lld bytes behind "
                  "it kept\n",
@@ -303,9 +311,16 @@ long long store_frame(RecChannel &c, int n, const unsigned char *frame, int size
 void index_key_frame(RecContext &ctx, RecChannel &c, int n, int sec, unsigned scale,
                      long long offset) {
     if (!append_index_row(c.pSqlBuf, kSqlBufSize, c.iSqlLen, c.iHour, sec, offset)) {
-        // Only a threshold raised far beyond its defaults fills the batch:
-        // commit what is there and start the batch again with this row.
+        // Only a threshold raised far beyond its defaults, or an index that
+        // keeps failing, fills the batch: commit what is there and start the
+        // batch again with this row.
         commit_channel(ctx, c, n);
+        if (c.iSqlLen) {
+            log_line("vrix_db_rec_video : ch%d %d index rows lost , the index keeps failing\n", n,
+                     c.iSqlRows);
+            c.iSqlLen = c.iSqlRows = 0;
+            c.pSqlBuf[0] = '\0';
+        }
         append_index_row(c.pSqlBuf, kSqlBufSize, c.iSqlLen, c.iHour, sec, offset);
     }
     ++c.iSqlRows;

@@ -45,6 +45,7 @@ struct RecChannel {
     int iCutPending;
     long long llCutAt;
     int iWriteFailed; // the last write failed: the disk error is reported once
+    int iIndexFailed; // the last commit of index rows failed (reported once)
 };
 
 struct RecContext {

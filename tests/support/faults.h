@@ -32,9 +32,31 @@ inline const char *fault_name(FaultKind k) {
 }
 
 inline const char *op_name(io::Op op) {
-    static const char *const kNames[] = {"open",   "read",     "write",    "truncate", "sync",
-                                         "remove", "make dir", "sync dir", "sync all", "lock"};
-    return kNames[static_cast<int>(op)];
+    switch (op) {
+    case io::Op::Open:
+        return "open";
+    case io::Op::Read:
+        return "read";
+    case io::Op::Write:
+        return "write";
+    case io::Op::Truncate:
+        return "truncate";
+    case io::Op::Sync:
+        return "sync";
+    case io::Op::Remove:
+        return "remove";
+    case io::Op::MakeDir:
+        return "make dir";
+    case io::Op::SyncDir:
+        return "sync dir";
+    case io::Op::SyncAll:
+        return "sync all";
+    case io::Op::Lock:
+        return "lock";
+    case io::Op::Rename:
+        return "rename";
+    }
+    return "?";
 }
 
 // Whether a kind of fault applies to an operation.
@@ -42,7 +64,7 @@ inline bool applies(FaultKind k, const io::Access &a) {
     switch (k) {
     case FaultKind::NoSpace:
         return a.op == io::Op::Write || a.op == io::Op::Truncate || a.op == io::Op::Sync ||
-               a.op == io::Op::SyncAll || a.op == io::Op::MakeDir ||
+               a.op == io::Op::SyncAll || a.op == io::Op::MakeDir || a.op == io::Op::Rename ||
                (a.op == io::Op::Open && a.create);
     case FaultKind::IoError:
         return a.op != io::Op::Lock;
