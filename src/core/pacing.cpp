@@ -4,6 +4,8 @@
 #include "vrixdb.h"
 
 #include <sys/time.h>
+
+#include <ctime>
 #include <unistd.h>
 
 #include <atomic>
@@ -29,6 +31,13 @@ Now clock_now() {
     timeval tv{};
     gettimeofday(&tv, nullptr);
     return {tv.tv_sec, tv.tv_usec};
+}
+
+long long interval_clock_ms() {
+    if (auto *fn = g_clock.load()) return static_cast<long long>(fn()) * 1000;
+    timespec ts{};
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<long long>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
 }
 
 } // namespace vrix

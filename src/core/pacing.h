@@ -20,4 +20,8 @@ struct Now {
 };
 Now clock_now();
 
+// Milliseconds for measuring intervals: the test hooks' clock when one is
+// set, else the monotonic clock, which a step of the wall clock leaves alone.
+long long interval_clock_ms();
+
 } // namespace vrix

@@ -97,6 +97,14 @@ long long clock_ms() {
     return static_cast<long long>(n.sec) * 1000 + n.usec / 1000;
 }
 
+// When a sync began: by the library's clock (what the sync state reports)
+// and by the clock that measures how long it took (a step of the wall clock
+// never makes a pass look slow).
+struct Began {
+    long long at = clock_ms();
+    long long mark = interval_clock_ms();
+};
+
 Store *find_store(Syncer &s, const char *root) {
     struct stat st {};
     if (!root || stat(root, &st) != 0) return nullptr;
@@ -240,9 +248,10 @@ int sync_store(Store &st, io::Changes &c) {
 // Keeps the outcome of a sync that began at `began`; under the syncer's
 // mutex.  True when the application is to be told (the caller sends the
 // message once the mutex is released: a full queue blocks).
-bool record(Store &st, long long began, int error, bool close) {
+bool record(Store &st, const Began &b, int error, bool close) {
     VrixSyncState &x = st.state;
-    const long long took = std::max(0LL, clock_ms() - began);
+    const long long began = b.at;
+    const long long took = std::max(0LL, interval_clock_ms() - b.mark);
     const int t = g_interval_ms.load();
     ++x.passes;
     x.last_pass_ms = began;
@@ -273,7 +282,7 @@ void tell_application() {
 // Writes out every context's buffers under the mutex, then syncs each store
 // without it.  `hold` is locked on entry and on return.
 void pass(Syncer &s, std::unique_lock<std::mutex> &hold) {
-    const long long began = clock_ms();
+    const Began began;
     for (const Source &x : s.sources)
         if (x.src.write_out) x.src.write_out(x.src.owner);
     VRIX_SYNC_POINT("syncer:written_out");
@@ -404,7 +413,7 @@ void sync_closed(const char *root) {
         if (!st || st->closing == 0) return;
     }
     const std::lock_guard one(st->sync_mutex);
-    const long long began = clock_ms();
+    const Began began;
     const bool on = g_interval_ms.load() > 0;
     {
         const std::lock_guard hold(s.mutex);
