@@ -1,6 +1,7 @@
 // The program's own parsing: H.264 access units, local times, lists.
 #include "h264.h"
 #include "lists.h"
+#include "timeline_svg.h"
 #include "times.h"
 
 #include <gtest/gtest.h>
@@ -201,6 +202,29 @@ TEST(Times, SummerTime) {
     EXPECT_EQ(*day, 1729980000L);
     EXPECT_EQ(next_day(*day) - *day, 25 * 3600);
     EXPECT_EQ(day_start(second), *day);
+}
+
+// The day of a change of the clock drawn whole: 25 hours from its midnight
+// to the next, the hour shown twice labelled with each offset.
+TEST(Timeline, DaysOfTwentyThreeAndTwentyFiveHours) {
+    setenv("TZ", "Europe/Berlin", 1);
+    tzset();
+    for (const char *day : {"2024-10-27", "2024-03-31"}) {
+        TimelineData d;
+        d.day = *parse_day(day);
+        d.keys.resize(17);
+        d.fullDay = true;
+        const std::string svg = render_timeline(d);
+        const long hours = (next_day(d.day) - d.day) / 3600;
+        EXPECT_EQ(hours, day[5] == '1' ? 25 : 23) << day;
+        EXPECT_NE(svg.find(" - 24:00 (UTC"), std::string::npos) << day;
+        const bool twice = svg.find(">02:00 +02:00<") != std::string::npos &&
+                           svg.find(">02:00 +01:00<") != std::string::npos;
+        EXPECT_EQ(twice, hours == 25) << day;
+        EXPECT_EQ(svg.find(">02:00<"), std::string::npos) << day; // skipped, or shown twice
+    }
+    setenv("TZ", "Asia/Kolkata", 1);
+    tzset();
 }
 
 TEST(Lists, ChannelsAndTypes) {

@@ -80,14 +80,15 @@ std::string render_timeline(const TimelineData &data) {
         first = first ? std::min<long>(first, e.sec) : e.sec;
         last = std::max<long>(last, e.sec + 1);
     }
-    // The window: the whole day, or what was recorded with a margin, on ticks.
-    long from = data.day, to = data.day + 86400;
+    // The window: the whole day (23 or 25 hours when the clock changes), or
+    // what was recorded with a margin, on ticks.
+    const long end = next_day(data.day);
+    long from = data.day, to = end;
     if (!data.fullDay && first) {
         const long step = tick_step(last - first);
         // At least a little room before the first and after the last mark.
         from = std::max(data.day, data.day + (first - 1 - data.day) / step * step);
-        to =
-            std::min(data.day + 86400, data.day + ((last + 1 - data.day) + step - 1) / step * step);
+        to = std::min(end, data.day + ((last + 1 - data.day) + step - 1) / step * step);
         if (to <= from) to = from + step;
     }
     const double plot = kWidth - kLeft - kRight;
@@ -114,8 +115,7 @@ std::string render_timeline(const TimelineData &data) {
                   "<text x=\"%d\" y=\"22\" font-size=\"15\" font-weight=\"bold\">Recorded "
                   "%04d-%02d-%02d, %s - %s (UTC%s)</text>\n",
                   kLeft, day.tm_year + 1900, day.tm_mon + 1, day.tm_mday, hhmm(from).c_str(),
-                  to - data.day == 86400 ? "24:00" : hhmm(to).c_str(),
-                  format_offset(data.day).c_str());
+                  to == end ? "24:00" : hhmm(to).c_str(), format_offset(data.day).c_str());
     add(buf);
     std::snprintf(buf, sizeof buf,
                   "<text x=\"%d\" y=\"40\" fill=\"#4a5568\">bars: recorded spans from the "
@@ -134,18 +134,25 @@ std::string render_timeline(const TimelineData &data) {
         add(buf);
     }
 
-    // Axis: ticks and labels, hour lines stronger.
+    // Axis: ticks where the local clock shows a whole step (so a day of 23 or
+    // 25 hours has its ticks on the clock's hours, a repeated one twice, with
+    // its offset), lines on its hours stronger.
     const long step = tick_step(to - from);
     add("<g id=\"axis\">\n");
-    for (long t = from; t <= to; t += step) {
-        const bool hour = (t - data.day) % 3600 == 0;
+    for (long t = from; t <= to; t += 60) {
+        const std::tm at = local_fields(t);
+        const long clock = at.tm_hour * 3600L + at.tm_min * 60L;
+        if (t != to && clock % step != 0) continue;
+        const bool hour = at.tm_min == 0 && at.tm_sec == 0;
+        const std::string label =
+            t == end ? "24:00" : hhmm(t) + (repeated(t) ? " " + format_offset(t) : "");
         std::snprintf(buf, sizeof buf,
                       "<line x1=\"%.1f\" y1=\"%d\" x2=\"%.1f\" y2=\"%d\" stroke=\"%s\" "
                       "stroke-width=\"%s\"/>\n"
                       "<text x=\"%.1f\" y=\"%d\" text-anchor=\"middle\"%s>%s</text>\n",
                       x(t), kTop - 4, x(t), bottom + 4, hour ? "#2d3748" : "#cbd5e0",
                       hour ? "1.5" : "1", x(t), bottom + 18, hour ? " font-weight=\"bold\"" : "",
-                      t - data.day == 86400 ? "24:00" : hhmm(t).c_str());
+                      label.c_str());
         add(buf);
     }
     add("</g>\n");
