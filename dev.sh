@@ -5,7 +5,7 @@
 #   ./dev.sh asan    the tests built with AddressSanitizer + UBSan
 #   ./dev.sh tsan    the concurrency tests built with ThreadSanitizer and checked lock rules
 #   ./dev.sh fuzz    the libFuzzer targets (clang), a few seconds each
-#   ./dev.sh release everything built in Release (tests, benchmarks), the quick tests run
+#   ./dev.sh release the library, the program and the benchmarks built in Release
 #   ./dev.sh bench   build in Release and run the benchmarks
 set -euo pipefail
 cd "$(dirname "$0")"
@@ -61,7 +61,7 @@ asan)
   ;;
 tsan)
   deps
-  build build-tsan -DVRIX_SANITIZE=thread -DVRIX_DEBUG_LOCKS=ON -DVRIX_BENCH=OFF
+  build build-tsan -DVRIX_SANITIZE=thread -DVRIX_DEBUG_LOCKS=ON -DVRIX_BENCH=OFF -- concurrency_tests
   ctest --test-dir build-tsan --output-on-failure -j"$jobs" -L concurrency
   ;;
 fuzz)
@@ -72,14 +72,13 @@ fuzz)
   ;;
 release)
   deps
-  build build-release -DCMAKE_BUILD_TYPE=Release -DVRIX_TESTS=ON -DVRIX_BENCH=ON
-  # The quick tests: the reliability suite's kill and stress runs are left to
-  # `test` and `asan`.
-  ctest --test-dir build-release --output-on-failure -j"$jobs" -E '^reliability_'
+  # What ships, built as it ships: the library, the program and the
+  # benchmarks in Release (the tests run in `test` and `asan`).
+  build build-release -DCMAKE_BUILD_TYPE=Release -DVRIX_TESTS=OFF -DVRIX_BENCH=ON
   ;;
 bench)
   deps
-  build build-release -DCMAKE_BUILD_TYPE=Release -DVRIX_TESTS=ON -DVRIX_BENCH=ON
+  build build-release -DCMAKE_BUILD_TYPE=Release -DVRIX_TESTS=OFF -DVRIX_BENCH=ON
   for b in build-release/bench/bench_*; do [ -x "$b" ] && "$b"; done
   ;;
 *)
