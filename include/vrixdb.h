@@ -374,7 +374,9 @@ VRIX_API void vrix_db_stop_backup(void);
 VRIX_API void vrix_db_backup(const char *root, const char *day);
 
 /* Integrity check and repair, run before any context is opened (no mutex is
- * taken; vrix_db_init is not needed).  Databases are checked in this process
+ * taken; vrix_db_init is not needed).  Refused with one line ("<function> :
+ * <root> is being recorded by this process", or "by another process") while
+ * a recording context is open on the store.  Databases are checked in this process
  * through SQLite: only a definite verdict (SQLite finds the file corrupt or
  * not a database, its integrity check fails, or its table is missing) counts
  * as damage.  A database locked by another connection is waited for a few

@@ -142,8 +142,10 @@ void release_root(RootClaim *claim) {
     all.list.remove_if([claim](const RootClaim &c) { return &c == claim; });
 }
 
-MaintenanceHold::MaintenanceHold(const char *path, const char *who, bool inside) {
-    const std::string root = !path ? std::string() : inside ? store_root_of(path) : path;
+MaintenanceHold::MaintenanceHold(const char *path, const char *who, unsigned flags) {
+    const std::string root = !path                 ? std::string()
+                             : flags & kHoldInside ? store_root_of(path)
+                                                   : path;
     struct stat st {};
     if (root.empty() || stat(root.c_str(), &st) != 0) {
         ok_ = true; // no store that was ever recorded: nothing to coordinate with
@@ -152,6 +154,10 @@ MaintenanceHold::MaintenanceHold(const char *path, const char *who, bool inside)
     Claims &all = claims();
     const std::lock_guard<std::mutex> hold(all.mutex);
     RootClaim *c = find(all, st);
+    if (c && c->recorders > 0 && (flags & kHoldAlone)) {
+        log_line("%s : %s is being recorded by this process\n", who, root.c_str());
+        return;
+    }
     if (c) {
         // This process records it already: byte 0 is ours; mark maintenance.
         if (c->maintainers == 0 && !set_lock(c->fd, F_WRLCK, kMaintaining, 1)) {

@@ -23,15 +23,25 @@ RootClaim *claim_root(const char *root, const char *who);
 // Gives a claim back (null is passed over); the last one of a root unlocks it.
 void release_root(RootClaim *claim);
 
-// Held by a maintenance entry point for its run.  `path` is the store's root,
-// or with `inside` anything inside a store (a day's directory, an index),
-// whose root is then the nearest directory above it with a lock file.
-// Refused, with one line as above, while another process records or
-// maintains the store.  A root that does not exist, or a path in no store
-// that was ever recorded, needs no lock.
+// How a maintenance entry point names its store, and whether it may run
+// beside this process's own writers.
+enum HoldFlags : unsigned {
+    kHoldRoot = 0,   // `path` is the store's root
+    kHoldInside = 1, // `path` is inside a store (a day's directory, an index)
+    kHoldAlone = 2,  // refused too while this process records the store
+};
+
+// Held by a maintenance entry point for its run.  With kHoldInside, the root
+// is the nearest directory at or above `path` with a lock file.  Refused,
+// with one line as above, while another process records or maintains the
+// store; with kHoldAlone also while this process records it ("<who> : <root>
+// is being recorded by this process"): a repair reconciles indexes with
+// stream files, and a writer's frames still in its buffer would look torn.
+// A root that does not exist, or a path in no store that was ever recorded,
+// needs no lock.
 class MaintenanceHold {
   public:
-    MaintenanceHold(const char *path, const char *who, bool inside = false);
+    MaintenanceHold(const char *path, const char *who, unsigned flags = kHoldRoot);
     ~MaintenanceHold();
     MaintenanceHold(const MaintenanceHold &) = delete;
     MaintenanceHold &operator=(const MaintenanceHold &) = delete;

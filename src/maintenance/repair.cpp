@@ -269,7 +269,7 @@ void correct_all(const char *root) {
 
 extern "C" int vrix_db_correct_all(const char *root) {
     using namespace vrix;
-    const MaintenanceHold hold(root, "vrix_db_correct_all");
+    const MaintenanceHold hold(root, "vrix_db_correct_all", kHoldAlone);
     if (!hold) return 0;
     if (!root_fits(root, "vrix_db_correct_all")) return 0;
     refresh_timezone();
@@ -279,7 +279,7 @@ extern "C" int vrix_db_correct_all(const char *root) {
 
 extern "C" int vrix_db_correct(const char *path, const char *table) {
     using namespace vrix;
-    const MaintenanceHold hold(path, "vrix_db_correct", true);
+    const MaintenanceHold hold(path, "vrix_db_correct", kHoldInside | kHoldAlone);
     if (!hold) return -1;
     if (!path || !table) return -1;
     AsidePath aside;
@@ -295,7 +295,7 @@ extern "C" int vrix_db_correct(const char *path, const char *table) {
 
 extern "C" void vrix_db_correct_video(const char *dir) {
     using namespace vrix;
-    const MaintenanceHold hold(dir, "vrix_db_correct_video", true);
+    const MaintenanceHold hold(dir, "vrix_db_correct_video", kHoldInside | kHoldAlone);
     if (!hold) return;
     refresh_timezone();
     if (dir) correct_index(kVideoIndex, dir);
@@ -303,7 +303,7 @@ extern "C" void vrix_db_correct_video(const char *dir) {
 
 extern "C" int vrix_db_correct_audio(const char *dir) {
     using namespace vrix;
-    const MaintenanceHold hold(dir, "vrix_db_correct_audio", true);
+    const MaintenanceHold hold(dir, "vrix_db_correct_audio", kHoldInside | kHoldAlone);
     if (!hold) return 0;
     refresh_timezone();
     if (dir) correct_index(kAudioIndex, dir);

@@ -153,9 +153,9 @@ TEST(RootLock, ALockFileThatCannotBeOpenedRefusesTheOpen) {
               "vrix_db_open_rec_video : cannot lock " + dir.path() + " : Is a directory\n");
 }
 
-// Repair from another process is refused while this one records (it would
-// drop rows whose frames are still in the writer's buffers), and nothing is
-// lost; a process maintaining the store keeps recorders out until it ends.
+// Repair from another process, or from this one, is refused while this one
+// records (it would drop rows whose frames are still in the writer's
+// buffers), and nothing is lost; a process maintaining the store keeps recorders out until it ends.
 TEST(RootLock, MaintenanceFromAnotherProcessWaitsForTheRecorder) {
     test::start_library();
     test::ScratchDir dir;
@@ -170,6 +170,14 @@ TEST(RootLock, MaintenanceFromAnotherProcessWaitsForTheRecorder) {
     EXPECT_EQ(read_all(out),
               "vrix_db_correct_all : " + root + " is being recorded by another process\n");
     test::wait_status(repair);
+    // From this process too, for the same reason; reduction runs beside.
+    testing::internal::CaptureStdout();
+    vrix_db_correct_all(root.c_str());
+    vrix_db_correct_video((root + "/20240310/video/1/").c_str());
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "vrix_db_correct_all : " + root + " is being recorded by this process\n" +
+                  "vrix_db_correct_video : " + root + " is being recorded by this process\n");
+    EXPECT_TRUE(MaintenanceHold(root.c_str(), "reduce"));
     vrix_db_close_rec_video(v);
     EXPECT_EQ(test::rows(root + "/20240310/video/1/video.db", "select sec from h10").size(),
               static_cast<size_t>(kKeys));

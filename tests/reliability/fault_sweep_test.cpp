@@ -459,9 +459,16 @@ void check_events(const std::string &root, const Scenario &s, const Report &rep,
 // Every file of the store before the trial is still there or aside.
 void check_nothing_deleted(const std::set<std::string> &before, const std::string &root,
                            const Scenario &s, Verdict &v) {
+    std::error_code ec;
     std::set<std::string> now;
-    for (const auto &e : fs::recursive_directory_iterator(root))
-        now.insert(e.path().string());
+    for (fs::recursive_directory_iterator it(root, ec), end; !ec && it != end; it.increment(ec))
+        now.insert(it->path().string());
+    if (ec) {
+        std::string beside;
+        for (const auto &e : fs::directory_iterator(fs::path(root).parent_path(), ec))
+            beside += " " + e.path().filename().string();
+        return v.fail("cannot list " + root + " : " + ec.message() + "; beside it:" + beside);
+    }
     for (const std::string &f : before) {
         if (now.count(f) || f.ends_with("-journal")) continue;
         const bool aside = std::any_of(now.begin(), now.end(), [&f](const std::string &x) {
