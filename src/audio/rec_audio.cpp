@@ -198,7 +198,11 @@ bool open_hour_files(AudioRecContext &c, const char *audio_dir, int hour) {
         ch.llOffset = 0;
         dir_stream(p, dir.text, hour);
         if (!(ch.fpStream = open_stream_for_writing(p.text))) {
-            log_line("rec audio : cannot open %s\n", p.text);
+            if (!c.iWriteFailed) {
+                log_line("rec audio : cannot open %s\n", p.text);
+                report_disk_error("rec audio", k + 1, "cannot open its hour file");
+            }
+            c.iWriteFailed = 1;
             // The later channels stop rather than write on into the old hour.
             for (int j = k + 1; j < c.iChannelCount; ++j)
                 close_channel_file(c.pChannels[j]);
@@ -401,7 +405,14 @@ extern "C" void vrix_db_rec_audio(AudioRecContext *ctx, const void *block) {
         ctx->iHour = -1;
         date_changed = true;
     }
-    if (ctx->iHour != -1 && ctx->iHour == tm.tm_hour) {
+    if (ctx->iHour != -1 && ctx->iHour == tm.tm_hour &&
+        !ctx->pChannels[ctx->iChannelCount - 1].fpStream) {
+        // The hour's files could not all be made (a full disk; a failure leaves
+        // the channels from the failed one on closed): tried again.
+        Path audio;
+        writer_audio_dir(audio, ctx->strRoot, ctx->strDay);
+        if (!open_hour_files(*ctx, audio.text, tm.tm_hour)) return;
+    } else if (ctx->iHour != -1 && ctx->iHour == tm.tm_hour) {
         if (ctx->iPacing) {
             if (static_cast<long long>(w) - ctx->iPacedWord > 10000) {
                 ctx->iPacedWord += 10000;

@@ -232,7 +232,12 @@ bool open_hour(RecContext &ctx, RecChannel &c, int n, const char *day, int hour,
     Path p;
     if (!writer_video_stream(p, ctx.strRoot, day, n, hour)) return false;
     FILE *fp = open_stream_for_writing(p.text);
-    if (!fp) return false;
+    if (!fp) {
+        // A full disk refuses a new file as it refuses a write.
+        if (!c.iWriteFailed) report_disk_error("vrix_db_rec_video", n, "cannot open its hour file");
+        c.iWriteFailed = 1;
+        return false;
+    }
     journal_hour(ctx.strRoot, kJournalVideo, day, n, hour);
     long long size = stream_size(fp);
     if (size < 0) {
@@ -410,6 +415,13 @@ extern "C" void vrix_db_rec_video(RecContext *ctx, const void *frame, int size) 
         // Only a restart waits for a key frame: within a context the frames
         // go on where they are, also into an hour file the clock went back to.
         if (!open_hour(*ctx, c, n, day, tm.tm_hour, f.key || !first_hour)) return;
+    } else if (!c.fpStream) {
+        // The hour's file could not be made (a full disk): tried again at each
+        // key frame, which the frames after a failure wait for anyway.
+        if (!f.key) return;
+        char day[12];
+        day_name(day, tm);
+        if (!open_hour(*ctx, c, n, day, tm.tm_hour, true)) return;
     }
     if (!c.fpStream) return;
     // Times may go back within an hour file (the clock was set back): the

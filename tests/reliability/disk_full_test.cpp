@@ -37,6 +37,10 @@ struct FullDisk : vrix::io::Observer {
     void before(const vrix::io::Access &) override {}
     vrix::io::Fault fault(const vrix::io::Access &a) override {
         vrix::io::Fault f;
+        // A full disk refuses a new file too.
+        if (a.op == vrix::io::Op::Open && a.create && full && std::strstr(a.path, ".stream") &&
+            access(a.path, F_OK) != 0)
+            f.error = ENOSPC;
         if (a.op != vrix::io::Op::Write || !std::strstr(a.path, ".stream")) return f;
         const std::lock_guard hold(m);
         if (!full) {
@@ -61,8 +65,9 @@ struct FullDisk : vrix::io::Observer {
 
 // Where the fault meets the writer.
 // Running: the disk fills up while the syncer writes out every few
-// milliseconds beside the recording thread.
-enum class Site { Buffer, Syncer, Flush, Hour, Close, Running };
+// milliseconds beside the recording thread.  NewFile: nothing is waiting
+// when the next hour's file cannot be made.
+enum class Site { Buffer, Syncer, Flush, Hour, Close, Running, NewFile };
 
 // One unit handed over: a video frame or an audio block.
 struct Unit {
@@ -237,7 +242,8 @@ struct Case {
 };
 
 std::string name_of(const testing::TestParamInfo<Case> &info) {
-    static const char *sites[] = {"Buffer", "Syncer", "Flush", "Hour", "Close", "Running"};
+    static const char *sites[] = {"Buffer", "Syncer",  "Flush",  "Hour",
+                                  "Close",  "Running", "NewFile"};
     return std::string(info.param.video ? "Video" : "Audio") +
            (info.param.short_write ? "Short" : "Enospc") + sites[int(info.param.site)];
 }
@@ -344,6 +350,14 @@ TEST_P(DiskFull, EveryWriteErrorLeavesAConsistentFile) {
         m.close();
         ASSERT_NO_FATAL_FAILURE(m.open());
         break;
+    case Site::NewFile:
+        disk.full = false;
+        m.flush();
+        disk.full = true;
+        m.hand(next = kHour10 + 3600, 5);
+        hour = 11;
+        next += 5;
+        break;
     }
     disk.full = false;
     const size_t back = m.units.size();
@@ -355,8 +369,10 @@ TEST_P(DiskFull, EveryWriteErrorLeavesAConsistentFile) {
     {
         const std::lock_guard hold(g_lines_mutex);
         EXPECT_EQ(std::count_if(g_lines.begin(), g_lines.end(),
-                                [](const std::string &l) {
-                                    return l.find("fwrite iRet") != std::string::npos;
+                                [&c](const std::string &l) {
+                                    return l.find(c.site == Site::NewFile
+                                                      ? "cannot open its hour file"
+                                                      : "fwrite iRet") != std::string::npos;
                                 }),
                   1);
     }
@@ -419,11 +435,13 @@ TEST_P(DiskFull, EveryWriteErrorLeavesAConsistentFile) {
 
 std::vector<Case> all_cases() {
     std::vector<Case> out;
-    for (bool video : {true, false})
+    for (bool video : {true, false}) {
         for (bool short_write : {true, false})
             for (Site s :
                  {Site::Buffer, Site::Syncer, Site::Flush, Site::Hour, Site::Close, Site::Running})
                 out.push_back({video, short_write, s});
+        out.push_back({video, false, Site::NewFile});
+    }
     return out;
 }
 
