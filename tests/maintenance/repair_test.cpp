@@ -6,6 +6,7 @@
 // happened) checks that start-up repair finds and indexes it.
 #include "core/file_io.h"
 #include "maint_store.h"
+#include "support/lines.h"
 
 #include <sqlite3.h>
 #include <unistd.h>
@@ -22,26 +23,6 @@ using namespace vrix::test;
 constexpr int kHour10 = kDay + 10 * 3600, kHour11 = kDay + 11 * 3600;
 constexpr int kDayB = kDay + 86400, kHourB = kDayB + 10 * 3600;
 constexpr char kNameB[] = "20240311";
-
-// The library's lines while a Lines lives.
-struct Lines {
-    Lines() { vrix_db_set_log(take, this); }
-    ~Lines() { vrix_db_set_log(nullptr, nullptr); }
-    static void take(const char *line, void *self) {
-        static_cast<Lines *>(self)->all.emplace_back(line);
-    }
-    bool has(const std::string &part) const {
-        return std::any_of(all.begin(), all.end(),
-                           [&](const std::string &l) { return l.find(part) != std::string::npos; });
-    }
-    std::string text() const {
-        std::string t;
-        for (const auto &l : all)
-            t += l + "\n";
-        return t;
-    }
-    std::vector<std::string> all;
-};
 
 // The seconds played forward from `from` on a video channel (audio: ch 0).
 std::vector<int> played(const std::string &root, int ch, int from) {
