@@ -4,6 +4,7 @@
 #include "core/sync_point.h"
 #include "core/syncer.h"
 #include "support/frames.h"
+#include "support/lines.h"
 #include "support/power_cut.h"
 #include "support/queues.h"
 
@@ -58,25 +59,6 @@ int disk_errors() {
         n += m.mtext[0] == VRIX_MSG_DISK_ERROR;
     return n;
 }
-
-// The library's lines while it lives.
-struct Lines {
-    Lines() { vrix_db_set_log(take, this); }
-    ~Lines() { vrix_db_set_log(nullptr, nullptr); }
-    static void take(const char *line, void *user) {
-        auto *me = static_cast<Lines *>(user);
-        const std::lock_guard hold(me->mutex);
-        me->lines.emplace_back(line);
-    }
-    bool has(const std::string &part) {
-        const std::lock_guard hold(mutex);
-        for (const std::string &l : lines)
-            if (l.find(part) != std::string::npos) return true;
-        return false;
-    }
-    std::mutex mutex;
-    std::vector<std::string> lines;
-};
 
 // A clean close is durable at once, whichever way the store is synced (file
 // by file, every new directory and the stream file must be synced); with

@@ -6,10 +6,13 @@
 // happened) checks that start-up repair finds and indexes it.
 #include "core/file_io.h"
 #include "maint_store.h"
+#include "support/lines.h"
 
+#include <sqlite3.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstring>
 #include <memory>
 
 namespace {
@@ -20,26 +23,6 @@ using namespace vrix::test;
 constexpr int kHour10 = kDay + 10 * 3600, kHour11 = kDay + 11 * 3600;
 constexpr int kDayB = kDay + 86400, kHourB = kDayB + 10 * 3600;
 constexpr char kNameB[] = "20240311";
-
-// The library's lines while a Lines lives.
-struct Lines {
-    Lines() { vrix_db_set_log(take, this); }
-    ~Lines() { vrix_db_set_log(nullptr, nullptr); }
-    static void take(const char *line, void *self) {
-        static_cast<Lines *>(self)->all.emplace_back(line);
-    }
-    bool has(const std::string &part) const {
-        return std::any_of(all.begin(), all.end(),
-                           [&](const std::string &l) { return l.find(part) != std::string::npos; });
-    }
-    std::string text() const {
-        std::string t;
-        for (const auto &l : all)
-            t += l + "\n";
-        return t;
-    }
-    std::vector<std::string> all;
-};
 
 // The seconds played forward from `from` on a video channel (audio: ch 0).
 std::vector<int> played(const std::string &root, int ch, int from) {
@@ -162,10 +145,25 @@ const Recorded &recorded() {
     return r;
 }
 
-enum class Damage { Sound, CorruptPage, NotADatabase, Truncated, Busy, Unreadable, Missing };
+enum class Damage {
+    Sound,
+    CorruptPage,
+    NotADatabase,
+    Truncated,
+    Busy,
+    Unreadable,
+    Missing,
+    HotJournal,    // power lost in a transaction that spilled pages, its journal kept
+    LostJournal,   // the same with the journal lost
+    GarbageJournal // a journal of junk beside a sound database
+};
 enum class Copy { None, Good, Damaged, Older };
-const char *const kDamageNames[] = {"sound", "corrupt page", "not a database", "truncated",
-                                    "busy",  "unreadable",   "missing"};
+const char *const kDamageNames[] = {
+    "sound",      "corrupt page", "not a database", "truncated",    "busy",
+    "unreadable", "missing",      "hot journal",    "lost journal", "garbage journal"};
+bool journal_damage(Damage d) {
+    return d >= Damage::HotJournal;
+}
 const char *const kCopyNames[] = {"no copy", "good copy", "damaged copy", "older copy"};
 
 // Reads of one file fail, as a failing disk would.
@@ -182,7 +180,40 @@ struct Unreadable : vrix::io::Observer {
     std::string path;
 };
 
+// The database and its journal as a power cut in the middle of a transaction
+// that had spilled pages into the database leaves them, the journal kept or
+// lost.
+void half_written(const std::string &db, bool keep_journal) {
+    const std::string image = db + ".image";
+    sqlite3 *h = nullptr;
+    ASSERT_EQ(sqlite3_open(db.c_str(), &h), SQLITE_OK);
+    ASSERT_EQ(sqlite3_exec(h,
+                           "PRAGMA cache_size=1; BEGIN; CREATE TABLE pad(x); "
+                           "INSERT INTO pad WITH RECURSIVE c(i) AS (SELECT 1 UNION ALL SELECT i+1 "
+                           "FROM c WHERE i<2000) SELECT randomblob(300) FROM c;",
+                           nullptr, nullptr, nullptr),
+              SQLITE_OK);
+    fs::copy_file(db, image);
+    if (keep_journal) fs::copy_file(db + "-journal", image + "-journal");
+    sqlite3_exec(h, "ROLLBACK", nullptr, nullptr, nullptr);
+    sqlite3_close(h);
+    fs::rename(image, db);
+    if (keep_journal) fs::rename(image + "-journal", db + "-journal");
+}
+
 void damage(const std::string &db, Damage d) {
+    if (d == Damage::HotJournal || d == Damage::LostJournal) {
+        half_written(db, d == Damage::HotJournal);
+        return;
+    }
+    if (d == Damage::GarbageJournal) { // with a journal's header
+        Bytes junk(4096);
+        for (size_t i = 0; i < junk.size(); ++i)
+            junk[i] = static_cast<unsigned char>(i * 2654435761u >> 13);
+        std::memcpy(junk.data(), "\xd9\xd5\x05\xf9\x20\xa1\x63\xd7", 8);
+        write_file(db + "-journal", junk);
+        return;
+    }
     Bytes bytes = file_bytes(db);
     ASSERT_GT(bytes.size(), 8192u);
     switch (d) {
@@ -216,9 +247,14 @@ std::vector<Case> cases() {
     for (const std::string &file : {std::string("date.db"), day + "event.db",
                                     day + "video/1/video.db", day + "audio/audio.db"}) {
         const bool has_copy = file.ends_with("date.db") || file.ends_with("event.db");
-        for (int d = 0; d <= static_cast<int>(Damage::Missing); ++d)
-            for (int c = 0; c <= (has_copy ? static_cast<int>(Copy::Older) : 0); ++c)
+        for (int d = 0; d <= static_cast<int>(Damage::GarbageJournal); ++d) {
+            // Journals with a good copy or none.
+            const Copy last = !has_copy                   ? Copy::None
+                              : journal_damage(Damage(d)) ? Copy::Good
+                                                          : Copy::Older;
+            for (int c = 0; c <= static_cast<int>(last); ++c)
                 all.push_back({file, static_cast<Damage>(d), static_cast<Copy>(c)});
+        }
     }
     return all;
 }
@@ -258,14 +294,21 @@ void run_case(const Case &c) {
     vrix_hdd_set_correct_step_callback(nullptr, nullptr);
     SCOPED_TRACE(lines.text());
 
+    const auto aside = set_aside_files(root);
+    // What a journal leaves may be sound (rolled back) or damage; either way
+    // the database is sound afterwards.
     const bool damaged = c.damage == Damage::CorruptPage || c.damage == Damage::NotADatabase ||
-                         c.damage == Damage::Truncated;
+                         c.damage == Damage::Truncated ||
+                         (journal_damage(c.damage) && !aside.empty());
     const bool left_alone = c.damage == Damage::Busy || c.damage == Damage::Unreadable;
     const bool lost = damaged || c.damage == Damage::Missing;
     const bool date = c.file == "date.db";
 
+    if (fs::exists(db)) {
+        EXPECT_EQ(rows(db, "PRAGMA integrity_check"), Rows{"ok"});
+    }
+    EXPECT_TRUE(fs::exists(db) || c.file.ends_with("event.db")) << "gone after repair";
     // Only a damaged file is set aside, whole, and nothing but it.
-    const auto aside = set_aside_files(root);
     ASSERT_EQ(aside.size(), damaged ? 1u : 0u);
     if (damaged) {
         EXPECT_EQ(file_bytes(aside[0]), before);

@@ -8,6 +8,7 @@
 #include "audio/rec_context.h"
 #include "core/file_io.h"
 #include "support/frames.h"
+#include "support/lines.h"
 #include "support/queues.h"
 #include "video/rec_writer.h"
 
@@ -16,6 +17,7 @@
 #include <algorithm>
 #include <atomic>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <set>
 
@@ -227,14 +229,6 @@ class Medium {
     AudioRecContext *arec_ = nullptr;
 };
 
-// The library's lines, from whichever thread reports.
-std::mutex g_lines_mutex;
-std::vector<std::string> g_lines;
-void keep_line(const char *line, void *) {
-    const std::lock_guard hold(g_lines_mutex);
-    g_lines.emplace_back(line);
-}
-
 struct Case {
     bool video;
     bool short_write;
@@ -262,14 +256,10 @@ class DiskFull : public testing::TestWithParam<Case> {
         exec(dir / "date.db", "insert into H values(" + std::to_string(kDay) + ");");
         while (msgrcv(app_queue(), nullptr, 0, 0, IPC_NOWAIT | MSG_NOERROR) >= 0) {
         }
-        {
-            const std::lock_guard hold(g_lines_mutex);
-            g_lines.clear();
-        }
-        vrix_db_set_log(keep_line, nullptr);
+        lines_ = std::make_unique<Lines>();
     }
     void TearDown() override {
-        vrix_db_set_log(nullptr, nullptr);
+        lines_.reset();
         vrix_db_set_sync_interval(before_);
     }
     // Every invariant of hour file `hour` as it stands; `complete`: a resume
@@ -310,6 +300,7 @@ class DiskFull : public testing::TestWithParam<Case> {
     }
     ScratchDir dir;
     int before_ = 0;
+    std::unique_ptr<Lines> lines_;
 };
 
 TEST_P(DiskFull, EveryWriteErrorLeavesAConsistentFile) {
@@ -366,16 +357,8 @@ TEST_P(DiskFull, EveryWriteErrorLeavesAConsistentFile) {
     m.close();
 
     // One line and one notice for the episode.
-    {
-        const std::lock_guard hold(g_lines_mutex);
-        EXPECT_EQ(std::count_if(g_lines.begin(), g_lines.end(),
-                                [&c](const std::string &l) {
-                                    return l.find(c.site == Site::NewFile
-                                                      ? "cannot open its hour file"
-                                                      : "fwrite iRet") != std::string::npos;
-                                }),
-                  1);
-    }
+    EXPECT_EQ(lines_->count(c.site == Site::NewFile ? "cannot open its hour file" : "fwrite iRet"),
+              1);
     NotifyMessage msg{};
     ASSERT_GE(msgrcv(app_queue(), &msg, VRIX_MSG_TEXT_SIZE, 0, IPC_NOWAIT), 0);
     EXPECT_EQ(msg.mtext[0], VRIX_MSG_DISK_ERROR);

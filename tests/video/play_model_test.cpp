@@ -2,10 +2,12 @@
 // the model of play_model.h.
 //
 // Undamaged stores (frames larger than the buffer included): every step
-// must deliver exactly the record the model names.  Damaged stores (header
-// bits flipped, times overwritten, payload bytes flipped, a file cut): a
+// must deliver exactly the record the model names, and a step that delivers
+// nothing leaves the end flag set.  Damaged stores (header bits flipped, times
+// overwritten with 1980, 0 or any word, payload bytes flipped, a file cut): a
 // payload flip is undetectable, so the rule is that every delivered record is
-// one that is in the file (as recorded, or as damaged), each run in one
+// one that is in the file (as recorded, or as damaged with a time in its
+// hour; a time outside it or 0 is never delivered), each run in one
 // direction strictly advances and delivers nothing past the end time,
 // backward delivers only key frames, and from scratch forward play still
 // reaches every record of each group untouched by damage, backward every
@@ -175,8 +177,12 @@ void damage(Built &b, std::mt19937 &rng) {
         if (!f.get(c)) continue; // cut away already
         f.seekp(at);
         if (kind == 1) {
-            const uint32_t t = pick(0, 1) ? 315532800u + static_cast<uint32_t>(pick(0, 99999))
-                                          : static_cast<uint32_t>(rng());
+            // 1980, or any word, a quarter of them 0 (the draws as before,
+            // for the kept seeds).
+            const bool y1980 = pick(0, 1);
+            const uint32_t word = y1980 ? 315532800u + static_cast<uint32_t>(pick(0, 99999))
+                                        : static_cast<uint32_t>(rng());
+            const uint32_t t = !y1980 && word % 4 == 0 ? 0u : word;
             f.write(reinterpret_cast<const char *>(&t), 4);
         } else {
             f.put(static_cast<char>(c ^ (1 << pick(0, 7))));
@@ -187,8 +193,12 @@ void damage(Built &b, std::mt19937 &rng) {
         if (!r.damaged || r.lost) continue;
         const Bytes file = file_bytes(b.path(s.files[static_cast<size_t>(r.file)]));
         if (static_cast<long long>(file.size()) < r.off + 16) continue;
+        // A time of 0 or outside the record's hour is damage the player
+        // must see: such a record is never delivered.
         const uint32_t len = word_at(file, static_cast<size_t>(r.off));
-        if (len < 1 || len > static_cast<uint32_t>(s.buf) ||
+        const long long sec = word_at(file, static_cast<size_t>(r.off) + 4);
+        const long long hour = s.files[static_cast<size_t>(r.file)].hour_start;
+        if (len < 1 || len > static_cast<uint32_t>(s.buf) || sec < hour || sec >= hour + 3600 ||
             r.off + 16 + len > static_cast<long long>(file.size()))
             continue;
         r.now.assign(file.begin() + r.off, file.begin() + r.off + 16 + len);
@@ -359,7 +369,9 @@ void PlayModel::run_seed(unsigned seed) {
                 run_dir = dir;
                 run_last = -1;
             }
-            if (got != -1) {
+            if (got == -1) {
+                ASSERT_EQ(vrix_db_video_get_end(p), 1) << "nothing delivered, no end\n" << where;
+            } else {
                 const Rec &r = b.s.recs[static_cast<size_t>(got)];
                 ASSERT_LE(p->iFrameSec, end) << "past the end time\n" << where;
                 ASSERT_TRUE(dir == 1 || r.key) << "backward delivered a non-key frame\n" << where;
