@@ -27,6 +27,7 @@ constexpr int64_t kKeyFrameMs = 200;   // how long a key frame shows in key-fram
 constexpr int64_t kGapMs = 2000;       // longer between two frames is a gap in the recording
 constexpr int64_t kFrameMs = 40;       // what a gap becomes
 constexpr int64_t kFastGapMs = 10000;  // longer between two key frames is a gap in fast play
+constexpr int64_t kKeyLead = 34;       // key frames sent ahead in key-frame play
 constexpr int kLocateRun = 250;        // frames looked at for a first H.264 key frame
 constexpr int kUnitsPerCall = 25;      // units muxed between checks of the server's state
 
@@ -132,7 +133,12 @@ class Stream {
                 pendingAt_ = media_ms(pending_);
             }
             const int64_t at = pendingAt_;
-            const int64_t lead = scaled ? static_cast<int64_t>(kLeadMs * r_.speed) : kLeadMs;
+            // Key-frame play sends its first kKeyLead key frames at once: a
+            // decoder holds pictures back until it has seen that many.
+            const int64_t lead = scaled ? static_cast<int64_t>(kLeadMs * r_.speed)
+                                 : r_.keyStep > 0 || r_.backward
+                                     ? std::max(kLeadMs, kKeyLead * kKeyFrameMs)
+                                     : kLeadMs;
             if (at > elapsed + lead) {
                 std::this_thread::sleep_for(std::chrono::milliseconds(
                     std::min<int64_t>((at - elapsed - lead) / (scaled ? r_.speed : 1), 100)));

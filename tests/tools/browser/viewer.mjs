@@ -71,12 +71,15 @@ try {
     { timeout: 10000, polling: 200 }).catch(() => fail('the streams the page stopped were not given back'));
 
   // Normal play from a click, then key-frame play.
-  figures.push(`first frame ${await firstFrame(() => clickSpan(1, 0.25))} ms`);
+  const normalMs = await firstFrame(() => clickSpan(1, 0.25));
+  figures.push(`first frame ${normalMs} ms`);
   await playing(1.5);
   const clock = await page.$eval('#clock', (e) => e.textContent);
   if (!/^ch 1 {2}\d{4}-\d\d-\d\d \d\d:\d\d:\d\d$/.test(clock)) fail('the clock reads ' + clock);
   if (!(await page.$('#cursor'))) fail('no cursor on the timeline while playing');
-  figures.push(`key frames ${await firstFrame(() => page.click('#keys'))} ms`);
+  const keysMs = await firstFrame(() => page.click('#keys'));
+  figures.push(`key frames ${keysMs} ms`);
+  if (keysMs > 2 * normalMs + 300) fail(`key-frame play showed its first frame after ${keysMs} ms, normal play after ${normalMs} ms`);
 
   // 4x: four recorded seconds a second (measured over two).
   await page.select('#speed', '4');
