@@ -78,6 +78,26 @@ expect 200 '/api/play?ch=2&from=2024-06-14T11:00:00&to=2024-06-14T11:00:09&keys=
 expect 200 '/api/play?ch=3&from=2024-06-14T11:00:04&to=2024-06-14T11:00:01&dir=back'
 [ "$(frames_keys_duration "$BODY")" = "4 4 0.800000" ] || fail "back: $(frames_keys_duration "$BODY")"
 
+# A clip: the span as export-mp4 writes it to a pipe, named after it, not
+# paced; speed paces a stream at that many times the recorded rate, running
+# 3 s of real time ahead (30 s at 4x: 12 s at once, 18 s in 4.5 s; 4 s at
+# 0.5x: 1.5 s at once, 2.5 s in 5 s).
+expect 200 '/api/clip?ch=1&from=2024-06-14T11:00:00&to=2024-06-14T11:00:04' -D "$SCRATCH/head"
+grep -qi 'content-disposition: attachment; filename="vrixdb-ch1-20240614T110000-20240614T110004.mp4"' \
+    "$SCRATCH/head" || fail "the clip's name: $(cat "$SCRATCH/head")"
+"$VRIXDB" export-mp4 --root "$ROOT" --ch 1 --from 2024-06-14T11:00:00 --to 2024-06-14T11:00:04 - 2>/dev/null |
+    cat >"$SCRATCH/export.mp4"
+cmp -s "$BODY" "$SCRATCH/export.mp4" || fail "the clip differs from export-mp4's: $(frames_keys_duration "$BODY")"
+for q in 'to=2024-06-14T11:00:29&speed=4' 'to=2024-06-14T11:00:03&speed=0.5'; do
+    t=$(curl -s -o "$BODY" -w '%{time_total}' "$URL/api/play?ch=1&from=2024-06-14T11:00:00&$q")
+    case $q in
+    *speed=4) awk -v t="$t" 'BEGIN { exit !(t >= 4 && t < 6.5) }' || fail "30 s at 4x took $t s" ;;
+    *) awk -v t="$t" 'BEGIN { exit !(t >= 4.5 && t < 7) }' || fail "4 s at 0.5x took $t s" ;;
+    esac
+done
+refused_with 400 '/api/play?ch=1&from=1718362800&speed=32'
+refused_with 400 '/api/clip?ch=1&from=1718362800'
+
 # Refused: nothing to play, bad parameters, paths that are not routes.
 refused_with 404 '/api/play?ch=7&from=2024-06-14T11:00:00'            # synthetic frames
 refused_with 404 '/api/play?ch=1&from=2024-06-15T00:00:00&to=2024-06-15T00:00:10'
