@@ -78,6 +78,20 @@ int judge_head(const std::string &head) {
     return 0;
 }
 
+// The connection of `address` that goes for a newcomer: the oldest that has
+// sent nothing (a request that came in since the last look stays to be
+// answered), else the oldest.
+size_t make_room(const std::vector<Waiting> &waiting, const std::string &address) {
+    size_t oldest = waiting.size();
+    for (size_t i = 0; i < waiting.size(); ++i) {
+        if (waiting[i].address != address) continue;
+        if (oldest == waiting.size()) oldest = i;
+        char c;
+        if (recv(waiting[i].fd, &c, 1, MSG_PEEK | MSG_DONTWAIT) < 0 && errno == EAGAIN) return i;
+    }
+    return oldest;
+}
+
 // A refusal the gate writes itself, as the routes' errors look.
 void refuse(int fd, int status) {
     const char *reason = status == 405   ? "Method Not Allowed"
@@ -293,14 +307,15 @@ bool GatedServer::run() {
                 break;
             }
             Waiting w{fd, peer_address(a), at, at};
+            const std::string *of = nullptr; // the address one must make room for
             int same = 0;
-            size_t oldest = waiting.size();
-            for (size_t i = 0; i < waiting.size(); ++i)
-                if (waiting[i].address == w.address && same++ == 0) oldest = i;
+            for (const Waiting &o : waiting)
+                same += o.address == w.address;
             if (same >= limits_.perAddress)
-                drop(oldest);
+                of = &w.address;
             else if (static_cast<int>(waiting.size()) >= limits_.waiting)
-                drop(0);
+                of = &waiting.front().address;
+            if (of) drop(make_room(waiting, *of));
             waiting.push_back(std::move(w));
         }
     }
