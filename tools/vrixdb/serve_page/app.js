@@ -384,7 +384,11 @@ function shortcut(ev) {
     case '-': setSpeed(speeds[Math.max(0, i - 1)]); break;
     case 'j': case 'J': play(ch, here ?? state.view[0], 'back'); break;
     case 'k': case 'K': state.cells.forEach((c) => c.video.pause()); break;
-    case 'l': case 'L': play(ch, here ?? state.view[0], state.play && state.play.mode === 'normal' && state.speed < 16 ? (setSpeed(speeds[i + 1]), 'normal') : 'normal'); break;
+    case 'l': case 'L':
+      // Forward; pressed again while playing forward, the next speed up.
+      if (state.play && state.play.mode === 'normal' && !state.cells[0].video.paused && i < speeds.length - 1) setSpeed(speeds[i + 1]);
+      else play(ch, here ?? state.view[0], 'normal');
+      break;
     default: return;
   }
   ev.preventDefault();
