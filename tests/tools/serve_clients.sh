@@ -53,13 +53,13 @@ pids+=($!)
 sleep 1
 
 # For 8 s (past the 5-s limit of a head, so the slow ones are dropped and
-# come again), a normal client asks for the days, the page and a stream.
+# come again), a normal client asks for the days, the page and the spans.
 slow=0
 worst=0
 n=0
 end=$((SECONDS + 8))
 while [ $SECONDS -lt $end ]; do
-    for path in /api/days / '/api/play?ch=1&from=2024-06-14T11:00:00&to=2024-06-14T11:00:00'; do
+    for path in /api/days / '/api/spans?day=2024-06-14'; do
         out=$(curl -s -o "$SCRATCH/body" -w '%{http_code} %{time_total}' --max-time 5 "$URL$path")
         code=${out% *}
         t=${out#* }

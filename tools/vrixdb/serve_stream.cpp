@@ -291,7 +291,8 @@ void locate(ServeConfig &config, const httplib::Request &req, httplib::Response 
 void streams(ServeConfig &config, const httplib::Request &req, httplib::Response &res) {
     Params p(req, {});
     Json j;
-    j.open('{').key("used").value(int64_t{config.streams.load()});
+    const int64_t used = config.streams.load();
+    j.open('{').key("used").value(used);
     j.key("max").value(int64_t{config.maxStreams}).close('}');
     reply_json(res, j.text());
 }

@@ -279,6 +279,7 @@ async function play(ch, from, mode) {
   if (!shown) { state.play = null; setStatus('stopped'); return; }
   const how = { normal: '', live: ' (live)', keys: ' (key frames)', back: ' (key frames backward)', fast: '' }[mode];
   const first = state.cells.find((c) => c.start !== undefined);
+  if (!first) return; // every stream failed meanwhile: its notice says so
   setStatus(`ch ${ch} from ${clock(Math.floor(first.start), true, first.offset)}${how}` + (speed !== 1 ? ` at ${speed}×` : ''));
 }
 
