@@ -49,9 +49,34 @@ SERVER=$!
 for _ in $(seq 100); do grep -q http "$SCRATCH/serve.out" && break; sleep 0.1; done
 URL=$(grep -o 'http://127.0.0.1:[0-9]*' "$SCRATCH/serve.out")
 
-first=$(curl -s -o /dev/null --max-time 2 -w '%{time_starttransfer}' \
-    "$URL/api/play?ch=1&from=2024-06-14T11:02:00&to=2024-06-14T11:02:04")
-echo "first byte $(awk -v t="$first" 'BEGIN { printf "%.1f ms", t * 1000 }') from the request to the stream's first bytes (ch 1 from 11:02:00)"
+# From the request to the first fragment (the first picture's bytes): the
+# stream's first 20 KiB, normal, key-frame and 4x play.
+for q in '' '&keys=1' '&speed=4'; do
+    t0=$(now)
+    curl -s -N --max-time 5 "$URL/api/play?ch=1&from=2024-06-14T11:02:00$q" 2>/dev/null |
+        head -c 20480 >/dev/null || true
+    t1=$(now)
+    echo "first 20 KiB $(awk -v a="$t0" -v b="$t1" 'BEGIN { printf "%.1f ms", (b - a) * 1000 }') after the request (ch 1 from 11:02:00${q:+, ${q#&}})"
+done
+
+# A flood beside a normal client: 300 connections at a time that say
+# nothing, opened again and again for 5 s; serve's CPU meanwhile and the
+# normal client's slowest answer.
+PORT=${URL##*:}
+c0=$(cpu_ticks "$SERVER")
+(end=$((SECONDS + 5)); while [ $SECONDS -lt $end ]; do
+    for _ in $(seq 300); do exec {fd}<>/dev/tcp/127.0.0.1/"$PORT" || break; done
+    for fd in $(ls /proc/$BASHPID/fd); do [ "$fd" -gt 9 ] && eval "exec $fd>&-"; done
+done) 2>/dev/null &
+FLOOD=$!
+worst=0
+while kill -0 $FLOOD 2>/dev/null; do
+    t=$(curl -s -o /dev/null --max-time 5 -w '%{time_total}' "$URL/api/days" || echo 5)
+    worst=$(awk -v a="$worst" -v b="$t" 'BEGIN { print (b > a) ? b : a }')
+done
+c1=$(cpu_ticks "$SERVER")
+awk -v c=$((c1 - c0)) -v hz="$(getconf CLK_TCK)" -v w="$worst" 'BEGIN {
+    printf "flood      300 idle connections at a time for 5 s: serve used %.2f CPU s; the slowest /api/days beside it %.0f ms\n", c / hz, w * 1000 }'
 
 hz=$(getconf CLK_TCK)
 c0=$(cpu_ticks "$SERVER")

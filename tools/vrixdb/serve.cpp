@@ -7,12 +7,15 @@
 #include "serve.h"
 #include "cli.h"
 #include "library.h"
+#include "serve_gate.h"
 #include "serve_json.h"
 
 #include <arpa/inet.h>
 #include <pthread.h>
 #include <signal.h>
 
+#include <algorithm>
+#include <cctype>
 #include <cstdio>
 #include <thread>
 
@@ -23,6 +26,7 @@ struct ServeOptions {
     std::string root;
     std::string listen = "127.0.0.1:8080";
     int maxStreams = 4;
+    std::vector<std::string> allowHosts;
 };
 
 struct Address {
@@ -59,6 +63,53 @@ std::optional<Address> parse_listen(const std::string &text) {
     return a;
 }
 
+// The names a request may give in Host (and its Origin): the listen address
+// and, on loopback, localhost, each with the port; names the operator allows.
+std::vector<std::string> own_hosts(const Address &a, int port, const ServeOptions &o) {
+    const std::string p = ":" + std::to_string(port);
+    std::vector<std::string> names;
+    names.push_back((a.host.find(':') != std::string::npos ? "[" + a.host + "]" : a.host) + p);
+    if (a.loopback) {
+        names.push_back("localhost" + p);
+        names.push_back("127.0.0.1" + p);
+        names.push_back("[::1]" + p);
+    }
+    for (const std::string &n : o.allowHosts) {
+        names.push_back(n.find(':') != std::string::npos ? n : n + p);
+        if (port == 80 && n.find(':') == std::string::npos) names.push_back(n);
+    }
+    for (std::string &n : names)
+        for (char &c : n)
+            c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    return names;
+}
+
+// A page of another site may not use the API: neither through a name that
+// resolves to this address (Host) nor from its own scripts or elements
+// (Origin, Sec-Fetch-Site).  The page itself may be opened from anywhere.
+std::optional<std::string> refused_by_origin(const httplib::Request &req,
+                                             const std::vector<std::string> &hosts) {
+    const auto known = [&hosts](std::string v) {
+        for (char &c : v)
+            c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+        return std::find(hosts.begin(), hosts.end(), v) != hosts.end();
+    };
+    if (!req.has_header("Host")) return "the request names no Host";
+    if (!known(req.get_header_value("Host")))
+        return "Host " + req.get_header_value("Host").substr(0, 80) +
+               " is not this server's (see --allow-host)";
+    if (req.path.rfind("/api/", 0) != 0) return std::nullopt;
+    if (req.has_header("Origin")) {
+        const std::string origin = req.get_header_value("Origin");
+        if (origin.rfind("http://", 0) != 0 || !known(origin.substr(7)))
+            return "Origin " + origin.substr(0, 80) + " may not use this server";
+    }
+    const std::string site = req.get_header_value("Sec-Fetch-Site");
+    if (!site.empty() && site != "same-origin" && site != "none")
+        return "a page of another site may not use this server";
+    return std::nullopt;
+}
+
 int run_serve(const ServeOptions &o) {
     const std::string root = library_root(o.root, "serve");
     if (root.empty() || !require_store(root, "serve")) return 1;
@@ -80,12 +131,14 @@ int run_serve(const ServeOptions &o) {
     ServeConfig config;
     config.root = root;
     config.maxStreams = o.maxStreams;
-    httplib::Server server;
-    // A thread for each stream and a few for the page and the API.
-    const size_t threads = static_cast<size_t>(o.maxStreams) + 4;
-    server.new_task_queue = [threads] { return new httplib::ThreadPool(threads); };
+    // A worker for each stream and a few for the page and the API; the gate
+    // keeps the connections that have not sent a whole request off them.
+    GateLimits limits;
+    limits.workers = o.maxStreams + 4;
+    GatedServer server(limits);
     server.set_payload_max_length(1 << 16);
-    server.set_read_timeout(10, 0);
+    server.set_read_timeout(5, 0);
+    server.set_write_timeout(5, 0);
     server.set_error_handler([](const httplib::Request &, httplib::Response &res) {
         if (res.body.empty())
             reply_json(res, json_error(res.status == 404 ? "no such page" : "bad request"),
@@ -95,13 +148,18 @@ int run_serve(const ServeOptions &o) {
     add_api_routes(server, config);
     add_stream_route(server, config);
 
-    const int port = address->port
-                         ? (server.bind_to_port(address->host, address->port) ? address->port : -1)
-                         : server.bind_to_any_port(address->host);
+    const int port = server.bind(address->host, address->port);
     if (port <= 0) {
         std::fprintf(stderr, "vrixdb serve: cannot listen on %s\n", o.listen.c_str());
         return 1;
     }
+    const std::vector<std::string> hosts = own_hosts(*address, port, o);
+    server.set_pre_routing_handler([&hosts](const httplib::Request &req, httplib::Response &res) {
+        const auto why = refused_by_origin(req, hosts);
+        if (!why) return httplib::Server::HandlerResponse::Unhandled;
+        reply_json(res, json_error(*why), 403);
+        return httplib::Server::HandlerResponse::Handled;
+    });
     const std::string host =
         address->host.find(':') != std::string::npos ? "[" + address->host + "]" : address->host;
     std::fprintf(out(), "vrixdb serve: http://%s:%d/ shows %s (read-only; Ctrl-C stops)\n",
@@ -109,15 +167,15 @@ int run_serve(const ServeOptions &o) {
     if (!address->loopback)
         std::fprintf(out(),
                      "vrixdb serve: %s is not a loopback address: anyone who reaches "
-                     "it can watch the recordings\n",
+                     "it can watch the recordings (put an authenticating proxy in front)\n",
                      address->host.c_str());
     std::fflush(out());
     std::thread stopper([&server, stops] {
         int sig = 0;
         sigwait(&stops, &sig);
-        server.stop();
+        server.shutdown();
     });
-    const bool ok = server.listen_after_bind();
+    const bool ok = server.run();
     // A stop that did not come from a signal: wake the waiting thread.
     pthread_kill(stopper.native_handle(), SIGTERM);
     stopper.join();
@@ -141,6 +199,9 @@ void add_serve(CLI::App &app, Status &status) {
                     "video streams served at once; more are answered 503")
         ->check(CLI::Range(1, 64))
         ->capture_default_str();
+    sub->add_option("--allow-host", o.allowHosts,
+                    "NAME[:PORT] a browser may reach the server by besides its address "
+                    "(requests naming any other Host are refused); repeatable");
 }
 
 } // namespace vrixtool

@@ -47,6 +47,9 @@ using Route = std::function<void(const httplib::Request &, httplib::Response &)>
 httplib::Server::Handler guarded(Route route);
 void reply_json(httplib::Response &res, const std::string &body, int status = 200);
 
+// Whether ch holds H.264 a browser can play from a key frame in [from, to].
+bool h264_at(const std::string &root, int ch, long from, long to);
+
 void add_page_routes(httplib::Server &server);
 void add_api_routes(httplib::Server &server, ServeConfig &config);
 void add_stream_route(httplib::Server &server, ServeConfig &config);

@@ -8,6 +8,7 @@
 #include "vrixdb.h"
 
 #include <algorithm>
+#include <ctime>
 #include <memory>
 
 namespace vrixtool {
@@ -22,11 +23,39 @@ void add_unreadable(Json &j, const Catalogue &store) {
     j.close(']');
 }
 
+// The offsets from UTC in force over [from, to): [[since, seconds east], ...],
+// the first at `from`, then one at each change (found to the second).
+void add_offsets(Json &j, long from, long to) {
+    j.key("offsets").open('[');
+    long at = from;
+    long off = zone_offset(at);
+    j.open('[').value(static_cast<int64_t>(at)).value(static_cast<int64_t>(off)).close(']');
+    while (at < to) {
+        long step = std::min(to, at + 3600);
+        if (zone_offset(step) == off) {
+            at = step;
+            continue;
+        }
+        long lo = at; // off at lo, another at step
+        while (step - lo > 1) {
+            const long mid = lo + (step - lo) / 2;
+            (zone_offset(mid) == off ? lo : step) = mid;
+        }
+        at = step;
+        off = zone_offset(at);
+        if (at < to)
+            j.open('[').value(static_cast<int64_t>(at)).value(static_cast<int64_t>(off)).close(']');
+    }
+    j.close(']');
+}
+
 void days(ServeConfig &config, const httplib::Request &req, httplib::Response &res) {
     Params p(req, {});
     Catalogue store(config.root);
     Json j;
-    j.open('{').key("offset").value(static_cast<int64_t>(zone_offset()));
+    const long now = std::time(nullptr);
+    j.open('{').key("now").value(static_cast<int64_t>(now));
+    j.key("offset").value(static_cast<int64_t>(zone_offset(now)));
     j.key("days").open('[');
     for (const VrixCatDay &d : store.days())
         j.open('{')
@@ -34,6 +63,8 @@ void days(ServeConfig &config, const httplib::Request &req, httplib::Response &r
             .value(format_time(d.iDay).substr(0, 10))
             .key("start")
             .value(static_cast<int64_t>(d.iDay))
+            .key("offset")
+            .value(static_cast<int64_t>(zone_offset(d.iDay)))
             .close('}');
     j.close(']');
     add_unreadable(j, store);
@@ -51,17 +82,24 @@ void spans(ServeConfig &config, const httplib::Request &req, httplib::Response &
     j.open('{').key("day").value(format_time(*day).substr(0, 10));
     j.key("start").value(static_cast<int64_t>(*day));
     j.key("end").value(static_cast<int64_t>(end));
+    add_offsets(j, *day, end);
     j.key("channels").open('[');
     for (int ch = 1; ch <= VRIX_VIDEO_CHANNELS; ++ch) {
         j.open('{').key("ch").value(int64_t{ch}).key("spans").open('[');
-        // [start, end, key frames]
-        for (const VrixCatSpan &s : store.spans(VRIX_CAT_VIDEO, ch, *day, end, gap))
+        // [start, end, key frames, offset at the start]
+        const auto spans = store.spans(VRIX_CAT_VIDEO, ch, *day, end, gap);
+        for (const VrixCatSpan &s : spans)
             j.open('[')
                 .value(static_cast<int64_t>(s.iStart))
                 .value(static_cast<int64_t>(s.iEnd))
                 .value(static_cast<int64_t>(s.iRows))
+                .value(static_cast<int64_t>(zone_offset(s.iStart)))
                 .close(']');
-        j.close(']').close('}');
+        j.close(']');
+        if (!spans.empty())
+            j.key("playable")
+                .value(h264_at(config.root, ch, spans.front().iStart, spans.front().iEnd));
+        j.close('}');
     }
     j.close(']');
     add_unreadable(j, store);
@@ -125,6 +163,8 @@ void events(ServeConfig &config, const httplib::Request &req, httplib::Response 
             .value(int64_t{e.iCh})
             .key("type")
             .value(type_name(e.iType))
+            .key("offset")
+            .value(static_cast<int64_t>(zone_offset(e.iSec)))
             .close('}');
     j.close(']').key("more").value(more);
     reply_json(res, j.close('}').text());
