@@ -23,6 +23,12 @@ RootClaim *claim_root(const char *root, const char *who);
 // Gives a claim back (null is passed over); the last one of a root unlocks it.
 void release_root(RootClaim *claim);
 
+// Whether a process records `root`: this one (a recording context of it is
+// open) or another that holds the root's recording lock (a process that
+// maintains it holds that too, and counts).  False for a root that was never recorded (no lock
+// file) or cannot be looked at.
+bool root_recorded(const char *root);
+
 // Held by a maintenance entry point for its run.  `path` is the store's root,
 // or with `inside` anything inside a store (a day's directory, an index),
 // whose root is then the nearest directory above it with a lock file.
