@@ -329,14 +329,14 @@ VRIX_API int db_event_date_rec_init(EventQueryContext *ctx, struct tm *day, int 
  * command, bytes 1.. the zero-terminated path, at most 126 characters) on the
  * queue with key 1221 and blocks until any reply arrives on the queue with key
  * 1222.  Somebody must serve these queues (see vrix_rm_server_start) or the
- * reductions block.  Requests come from one thread at a time.
- *
- * Pacing: the reductions and the prediction wait fixed times between their
- * steps (an hour of 16 channels takes at least 224 s) so that recording keeps
- * the disk.  Every one of these waits is divided by the waitDivisor of
- * vrix_db_set_test_hooks; the default (no hooks, divisor 0 or 1) keeps them
- * whole.  A divisor of 1000000 turns seconds into microseconds for tests and
- * demos. */
+ * reductions block.  Requests come from one thread at a time.  Pacing: the
+ * reductions and the prediction wait fixed times between their steps (an hour
+ * of 16 channels at least 224 s) so that recording keeps the disk, but only
+ * while a process records the root (this one, or another holding the
+ * recording lock of <root>/.vrixdb.lock); with none the waits are skipped and
+ * vrix_db_reduce_media says so ("media : no process records <root> , not
+ * paced").  Each wait is divided by vrix_db_set_test_hooks's waitDivisor (the
+ * default keeps them whole; 1000000 makes seconds microseconds, for tests). */
 #define VRIX_RM_FILE 0 /* remove the file named by the path */
 #define VRIX_RM_DIR 1  /* remove the directory and everything in it */
 

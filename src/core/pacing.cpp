@@ -1,6 +1,8 @@
 #include "pacing.h"
 
 #include "lock_check.h"
+#include "root_lock.h"
+#include "store/log.h"
 #include "vrixdb.h"
 
 #include <sys/time.h>
@@ -14,7 +16,23 @@ namespace vrix {
 namespace {
 std::atomic<unsigned> g_wait_divisor{1};
 std::atomic<int (*)(void)> g_clock{nullptr};
+std::atomic<unsigned long long> g_total_us{0};
+thread_local bool t_unpaced = false;
 } // namespace
+
+unsigned long long paced_total_us() {
+    return g_total_us.load();
+}
+
+PaceForRecorder::PaceForRecorder(const char *root, const char *who) : saved_(t_unpaced) {
+    if (t_unpaced || !root || root_recorded(root)) return;
+    t_unpaced = true;
+    if (who) log_line("%s : no process records %s , not paced\n", who, root);
+}
+
+PaceForRecorder::~PaceForRecorder() {
+    t_unpaced = saved_;
+}
 
 unsigned long paced_us(unsigned long us) {
     const unsigned d = g_wait_divisor.load();
@@ -23,6 +41,8 @@ unsigned long paced_us(unsigned long us) {
 
 void pace_sleep_us(unsigned long us) {
     require_no_db_lock("paced sleep");
+    if (t_unpaced) return;
+    g_total_us.fetch_add(us);
     usleep(static_cast<useconds_t>(paced_us(us)));
 }
 

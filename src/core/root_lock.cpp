@@ -142,6 +142,26 @@ void release_root(RootClaim *claim) {
     all.list.remove_if([claim](const RootClaim &c) { return &c == claim; });
 }
 
+bool root_recorded(const char *root) {
+    struct stat st {};
+    if (stat(root, &st) != 0) return false;
+    Claims &all = claims();
+    const std::lock_guard<std::mutex> hold(all.mutex);
+    // A claim of this process holds byte 0: no other process can.
+    if (const RootClaim *c = find(all, st)) return c->recorders > 0;
+    // No claim of this process on the root, and none can be taken while the
+    // mutex is held: a descriptor opened and closed here drops no lock.
+    Path p;
+    if (!root_lock_file(p, root)) return false;
+    const int fd = open(p.text, O_RDONLY | O_CLOEXEC | O_NOCTTY);
+    if (fd < 0) return false;
+    // A process that only maintains holds byte 0 too: it is taken for a
+    // recorder, which costs a paced wait at worst.
+    const bool recorded = held_elsewhere(fd, kRecording);
+    close(fd);
+    return recorded;
+}
+
 MaintenanceHold::MaintenanceHold(const char *path, const char *who, unsigned flags) {
     const std::string root = !path                 ? std::string()
                              : flags & kHoldInside ? store_root_of(path)

@@ -23,6 +23,12 @@ RootClaim *claim_root(const char *root, const char *who);
 // Gives a claim back (null is passed over); the last one of a root unlocks it.
 void release_root(RootClaim *claim);
 
+// Whether a process records `root`: this one (a recording context of it is
+// open) or another that holds the root's recording lock (a process that
+// maintains it holds that too, and counts).  False for a root that was never recorded (no lock
+// file) or cannot be looked at.
+bool root_recorded(const char *root);
+
 // How a maintenance entry point names its store, and whether it may run
 // beside this process's own writers.
 enum HoldFlags : unsigned {

@@ -58,6 +58,7 @@ extern "C" int vrix_db_reduce_event(const char *root, int sec) {
     using namespace vrix;
     const MaintenanceHold hold(root, "event");
     if (!hold) return 0;
+    const PaceForRecorder pace(root, nullptr);
     MaintenanceStart m;
     if (!m.start(root, "event")) return 0;
     Db events(event_mutex());

@@ -195,6 +195,7 @@ extern "C" int vrix_db_get_reduce_sec(const char *root) {
     using namespace vrix;
     MaintenanceStart m;
     if (!m.start(root, "vrix_db_get_reduce_sec")) return 0;
+    const PaceForRecorder pace(root, nullptr);
     Db audio(audio_mutex());
     const int limit = predict(root, m.date, audio, m.holder.t);
     m.date.close();
@@ -207,6 +208,7 @@ extern "C" int vrix_db_reduce_media(const char *root, int *stop, int *freeMB, in
     using namespace vrix;
     const MaintenanceHold hold(root, "media");
     if (!hold) return 0;
+    const PaceForRecorder pace(root, "media");
     MaintenanceStart m;
     if (!m.start(root, "media", "media : no date db")) return 0;
     Db audio(audio_mutex());

@@ -1,5 +1,6 @@
 // Media and event reduction against stores made by the real writers, with a
 // remove server serving the library's requests.
+#include "core/pacing.h"
 #include "maint_store.h"
 #include "maintenance/maintenance.h"
 
@@ -169,6 +170,61 @@ TEST_F(Reduce, HourOrDayBeingRecordedIsKept) {
     kept("media : hour 6 of 20240310 is being recorded , kept\n");
     vrix_db_close_rec_audio(audio);
     EXPECT_EQ(reduce(), kDay + 6 * 3600 + 3599);
+}
+
+// The waits leave the disk to a recorder: with none on the root they are
+// skipped, and a line says so; while this process or another records it they
+// stay (the hooks only shorten them; the total asked for is what counts).
+TEST_F(Reduce, PacedOnlyWhileTheRootIsRecorded) {
+    hour_five_store();
+    unsigned long long before = vrix::paced_total_us();
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(vrix_db_get_reduce_sec(root().c_str()), kLimit5);
+    EXPECT_EQ(reduce(), kLimit5);
+    const std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(vrix::paced_total_us(), before);
+    EXPECT_NE(out.find("media : no process records " + root() + " , not paced\n"),
+              std::string::npos)
+        << out;
+
+    RecContext *video = vrix_db_open_rec_video(root().c_str(), 17);
+    ASSERT_NE(video, nullptr);
+    record(video, make_frame(1, kHour6 + 10, true, 200));
+    vrix_db_rec_video_flush(video, 1);
+    before = vrix::paced_total_us();
+    EXPECT_EQ(vrix_db_get_reduce_sec(root().c_str()), kDay + 6 * 3600 + 3599);
+    EXPECT_GE(vrix::paced_total_us() - before, 2000000u);
+    before = vrix::paced_total_us();
+    EXPECT_EQ(reduce(), 0); // hour 6 is being recorded
+    EXPECT_GE(vrix::paced_total_us() - before, 1000000u);
+    vrix_db_close_rec_video(video);
+
+    // Another process holds the recording lock.
+    int ready[2], done[2];
+    ASSERT_EQ(pipe(ready), 0);
+    ASSERT_EQ(pipe(done), 0);
+    const pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+        const int fd = open((root() + "/.vrixdb.lock").c_str(), O_RDWR);
+        struct flock l {};
+        l.l_type = F_WRLCK;
+        l.l_len = 1;
+        char c = fd >= 0 && fcntl(fd, F_SETLK, &l) == 0 ? 'y' : 'n';
+        if (write(ready[1], &c, 1) != 1 || read(done[0], &c, 1) < 0) _exit(1);
+        _exit(0);
+    }
+    char locked = 0;
+    ASSERT_EQ(read(ready[0], &locked, 1), 1);
+    EXPECT_EQ(locked, 'y');
+    before = vrix::paced_total_us();
+    EXPECT_EQ(vrix_db_get_reduce_sec(root().c_str()), kDay + 6 * 3600 + 3599);
+    EXPECT_GE(vrix::paced_total_us() - before, 2000000u);
+    EXPECT_EQ(write(done[1], "x", 1), 1);
+    int status = 0;
+    waitpid(pid, &status, 0);
+    for (int fd : {ready[0], ready[1], done[0], done[1]})
+        close(fd);
 }
 
 // The remove server keeps to its root and still answers every request.

@@ -25,15 +25,15 @@ run() {
     "$VRIXDB" "$@" >"$OUT" 2>"$ERR" || fail "vrixdb $* exited $?: $(cat "$ERR")"
 }
 
-# The program must refuse the arguments: non-zero exit, a message on
-# standard error, and nothing written under $SCRATCH/work.
+# The program must refuse the arguments: non-zero exit (in $CODE), a message
+# on standard error, and nothing written under $SCRATCH/work.
 refused() {
     local before after
     mkdir -p "$SCRATCH/work"
     before=$(cd "$SCRATCH/work" && find . | sort)
-    if (cd "$SCRATCH/work" && "$VRIXDB" "$@") >"$OUT" 2>"$ERR"; then
-        fail "accepted: vrixdb $*"
-    fi
+    CODE=0
+    (cd "$SCRATCH/work" && "$VRIXDB" "$@") >"$OUT" 2>"$ERR" || CODE=$?
+    [ "$CODE" != 0 ] || fail "accepted: vrixdb $*"
     [ -s "$ERR" ] || fail "no message for: vrixdb $*"
     after=$(cd "$SCRATCH/work" && find . | sort)
     [ "$before" = "$after" ] || fail "vrixdb $* wrote: $(diff <(echo "$before") <(echo "$after"))"

@@ -65,4 +65,10 @@ refused export-mp4 --root "$ROOT" --ch 4 --from 2024-06-14T11:01:00 --to 2024-06
     "$SCRATCH/work/gap.mp4"
 refused export-mp4 --root "$ROOT" --ch 5 --from 2024-06-14T10:00:00 --to 2024-06-14T12:00:00 \
     "$SCRATCH/work/none.mp4"
+# A full disk is named as such; another container by its name is refused.
+refused export-mp4 --root "$ROOT" --ch 4 --from 2024-06-14T10:59:59 --to 2024-06-14T11:00:00 /dev/full
+grep -q "writing /dev/full failed: No space left on device" "$ERR" || fail "/dev/full: $(cat "$ERR")"
+refused export-mp4 --root "$ROOT" --ch 4 --from 2024-06-14T10:59:59 --to 2024-06-14T11:00:00 \
+    "$SCRATCH/work/out.mkv"
+[ "$CODE" -ge 100 ] && grep -q "only MP4" "$ERR" || fail "out.mkv: $CODE $(cat "$ERR")"
 echo "mp4: ok"

@@ -17,6 +17,11 @@ AddSubcommand add_demo, add_record_h264, add_export_h264, add_ls, add_play, add_
     add_timeline, add_size, add_range, add_reduce, add_backup, add_repair, add_export_mp4,
     add_serve;
 
+// The exit status of arguments that are wrong (CLI11's own are 100 and above
+// too): a value that does not parse, or values that do not go together, such
+// as --to before --from.  Such checks come before any look at the store.
+constexpr Status kWrongArguments = static_cast<int>(CLI::ExitCodes::ValidationError);
+
 // Validators for option values.
 extern const CLI::Validator TimeArg;    // every form parse_time reads
 extern const CLI::Validator DayArg;     // YYYYMMDD or YYYY-MM-DD

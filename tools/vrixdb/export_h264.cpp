@@ -10,7 +10,7 @@ namespace {
 
 int run_export(const ExportOptions &o) {
     SpanExport run(o, "export-h264");
-    if (!run.open()) return 1;
+    if (const int bad = run.open()) return bad;
     FILE *f = run.stream();
     bool written = true;
     if (!run.play([&](const PlayedUnit &u) {

@@ -15,23 +15,23 @@ void add_export_options(CLI::App *sub, ExportOptions &o, const std::string &outH
     sub->add_option("OUT", o.out, outHelp)->required();
 }
 
-bool SpanExport::open() {
-    const std::string root = library_root(o_.root, command_);
-    if (root.empty() || !require_store(root, command_)) return false;
-    const long from = *parse_time(o_.from);
+int SpanExport::open() {
+    const long from = from_ = *parse_time(o_.from);
     to_ = *parse_time(o_.to);
     if (to_ < from) {
         std::fprintf(stderr, "vrixdb %s: --to %s lies before --from %s\n", command_, o_.to.c_str(),
                      o_.from.c_str());
-        return false;
+        return kWrongArguments;
     }
-    if (!file_.open(o_.out, command_) || !start_library()) return false;
+    const std::string root = library_root(o_.root, command_);
+    if (root.empty() || !require_store(root, command_)) return 1;
+    if (!file_.open(o_.out, command_) || !start_library()) return 1;
     player_ = std::make_unique<H264Player>(root, o_.ch, from, span_end(to_), kExportBuffer);
     if (!player_->ok()) {
         std::fprintf(stderr, "vrixdb %s: the library could not open channel %d\n", command_, o_.ch);
-        return false;
+        return 1;
     }
-    return true;
+    return 0;
 }
 
 bool SpanExport::play(const std::function<bool(const PlayedUnit &)> &write) {
@@ -52,8 +52,9 @@ bool SpanExport::play(const std::function<bool(const PlayedUnit &)> &write) {
         bytes += static_cast<long long>(u.unit.size);
     }
     if (first >= 0) return true;
+    // The times as read (HH:MM is today), so that the day looked at shows.
     std::fprintf(stderr, "vrixdb %s: no H.264 video on ch %d from %s to %s%s\n", command_, o_.ch,
-                 o_.from.c_str(), o_.to.c_str(),
+                 format_time(from_).c_str(), format_time(to_).c_str(),
                  player_->foreign() ? " (only frames of another kind)" : "");
     return false;
 }

@@ -28,8 +28,8 @@ class SpanExport {
     SpanExport(const ExportOptions &o, const char *command) : o_(o), command_(command) {}
 
     // Checks the span, opens OUT, starts the library and opens the channel;
-    // false, with a line, when any of that fails.
-    bool open();
+    // the exit status, after a line, when any of that fails (0 when not).
+    int open();
     FILE *stream() { return file_.stream(); }
     // Hands every access unit of the span, from the first key frame on, to
     // `write` until it returns false (the output failed).  False, with a
@@ -50,7 +50,7 @@ class SpanExport {
   private:
     const ExportOptions &o_;
     const char *command_;
-    long to_ = 0;
+    long from_ = 0, to_ = 0;
     OutputFile file_;
     std::unique_ptr<H264Player> player_;
 };

@@ -4,6 +4,9 @@
 
 #include "vrixdb.h"
 
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstring>
 
 namespace vrixtool {
@@ -99,13 +102,19 @@ void AccessUnitReader::fill() {
     buf_.erase(buf_.begin(), buf_.begin() + static_cast<long>(keep));
     const size_t had = buf_.size();
     buf_.resize(had + kRead);
-    const size_t got = std::fread(buf_.data() + had, 1, kRead, in_);
-    buf_.resize(had + got);
-    read_ += got;
-    if (got < kRead) {
+    // Whatever has arrived: a live feed through a pipe is split as it comes,
+    // not when a whole block has.
+    ssize_t got;
+    do
+        got = ::read(fileno(in_), buf_.data() + had, kRead);
+    while (got < 0 && errno == EINTR);
+    if (got <= 0) {
         eof_ = true;
-        failed_ = std::ferror(in_) != 0;
+        failed_ = got < 0;
+        got = 0;
     }
+    buf_.resize(had + static_cast<size_t>(got));
+    read_ += static_cast<uint64_t>(got);
     units_ = split_access_units(buf_);
     nextUnit_ = 0;
 }

@@ -42,7 +42,9 @@ struct AccessUnit {
 std::vector<AccessUnit> split_access_units(const std::vector<uint8_t> &stream);
 
 // The access units of a stream read piece by piece: it holds one read and
-// the unit being completed, never the whole stream.
+// the unit being completed, never the whole stream.  It reads the file's
+// descriptor (what has arrived, up to 1 MiB), so a unit is handed out as soon
+// as the next one begins; the FILE is not read through stdio.
 class AccessUnitReader {
   public:
     explicit AccessUnitReader(std::FILE *in) : in_(in) {}

@@ -12,6 +12,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <filesystem>
 #include <mutex>
@@ -28,6 +29,14 @@ LibraryVoice g_voice = LibraryVoice::normal;
 
 void to_file(const char *line, void *user) {
     std::fprintf(static_cast<FILE *>(user), "%s\n", line);
+}
+
+// Without -v: only the library's lines an operator acts on, which it writes
+// as "area : what" (a failure, something set aside or kept, how the store is
+// synced); its traces (entering and leaving calls, SQL texts, offsets) are
+// dropped.
+void operator_lines(const char *line, void *user) {
+    if (is_operator_line(line)) to_file(line, user);
 }
 
 // -v: the local time to the millisecond and the reporting thread.
@@ -77,6 +86,13 @@ struct StdoutAside {
 
 } // namespace
 
+bool is_operator_line(const char *line) {
+    const char *sep = std::strstr(line, " : ");
+    // "area : what": the area is a word or a few (no SQL or path before it).
+    return sep && sep != line && sep - line <= 40 &&
+           !std::memchr(line, '/', static_cast<size_t>(sep - line));
+}
+
 void set_library_voice(LibraryVoice voice) {
     g_voice = voice;
 }
@@ -87,7 +103,7 @@ void separate_library_output() {
         vrix_db_set_log(ignore, nullptr);
         break;
     case LibraryVoice::normal:
-        vrix_db_set_log(to_file, stderr);
+        vrix_db_set_log(operator_lines, stderr);
         break;
     case LibraryVoice::verbose:
         vrix_db_set_log(to_stderr_stamped, nullptr);

@@ -25,10 +25,14 @@ constexpr size_t kMaxRoot = VRIX_MAX_ROOT_LENGTH;
 // separate_library_output), and the program writes its results to out().
 bool start_library();
 
-// How the library's lines are shown: -q drops them, -v stamps each with the
-// time and the thread.
+// How the library's lines are shown: -q drops them; by default only those an
+// operator acts on (is_operator_line) are shown; -v shows all, each stamped
+// with the time and the thread.
 enum class LibraryVoice { quiet, normal, verbose };
 void set_library_voice(LibraryVoice voice);
+// Whether a line of the library is one of its "area : what" lines (failures,
+// files set aside, how a store is synced) rather than a trace.
+bool is_operator_line(const char *line);
 
 // Where the program's results go: standard output, or standard error once
 // standard output carries a product (claim_stdout).

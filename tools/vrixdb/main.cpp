@@ -4,10 +4,12 @@
 #include "library.h"
 #include "vrixdb.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <exception>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -26,18 +28,38 @@ CLI::App *find_subcommand(CLI::App &app, const std::string &name) {
     return nullptr;
 }
 
-// The first word that is not an option names the subcommand; a word that
-// names none is refused here, with the list (CLI11 would only say that a
-// subcommand is required).
-bool known_subcommand(CLI::App &app, int argc, char **argv) {
-    for (int i = 1; i < argc; ++i) {
-        if (argv[i][0] == '-') continue;
-        if (find_subcommand(app, argv[i])) return true;
-        std::fprintf(stderr, "vrixdb: unknown subcommand %s\nsubcommands: %s\n", argv[i],
-                     subcommand_list(app).c_str());
-        return false;
+// Options of the program as a whole (-q, -v, --version, --help) may come
+// before the subcommand, as may --root, which every subcommand takes: it is
+// moved behind the subcommand's name, where CLI11 looks for it.  The first
+// word that is not an option names the subcommand; its index, or 0 when
+// there is none.
+int reorder_global_options(std::vector<char *> &args) {
+    std::vector<char *> root;
+    size_t i = 1;
+    while (i < args.size() && args[i][0] == '-') {
+        if (std::strcmp(args[i], "--root") == 0 && i + 1 < args.size()) {
+            root.insert(root.end(), {args[i], args[i + 1]});
+            args.erase(args.begin() + static_cast<long>(i),
+                       args.begin() + static_cast<long>(i) + 2);
+        } else if (std::strncmp(args[i], "--root=", 7) == 0) {
+            root.push_back(args[i]);
+            args.erase(args.begin() + static_cast<long>(i));
+        } else {
+            ++i;
+        }
     }
-    return true;
+    if (i >= args.size()) {
+        if (!root.empty()) args.insert(args.end(), root.begin(), root.end());
+        return 0;
+    }
+    args.insert(args.begin() + static_cast<long>(i) + 1, root.begin(), root.end());
+    return static_cast<int>(i);
+}
+
+// The program's own help (CLI11's help() shows that of the subcommand chosen,
+// which for `vrixdb help` is help itself).
+std::string program_help(const CLI::App &app) {
+    return app.get_formatter()->make_help(&app, "vrixdb", CLI::AppFormatMode::Normal);
 }
 
 // vrixdb help [SUB]
@@ -46,14 +68,14 @@ void add_help(CLI::App &app, Status &status) {
     auto *sub = app.add_subcommand("help", "Show the help of the program or of a subcommand");
     sub->add_option("subcommand", *name, "the subcommand");
     sub->callback([&app, &status, name] {
-        CLI::App *of = name->empty() || *name == "help" ? &app : find_subcommand(app, *name);
-        if (!of) {
+        CLI::App *of = name->empty() ? nullptr : find_subcommand(app, *name);
+        if (!name->empty() && !of) {
             std::fprintf(stderr, "vrixdb help: unknown subcommand %s\nsubcommands: %s\n",
                          name->c_str(), subcommand_list(app).c_str());
             status = static_cast<int>(CLI::ExitCodes::ExtrasError);
             return;
         }
-        std::fputs(of->help().c_str(), stdout);
+        std::fputs(of ? of->help().c_str() : program_help(app).c_str(), stdout);
     });
 }
 
@@ -96,14 +118,28 @@ int main(int argc, char **argv) {
     add_reduce(app, status);
     add_backup(app, status);
     add_repair(app, status);
-    if (!known_subcommand(app, argc, argv)) return static_cast<int>(CLI::ExitCodes::ExtrasError);
+    std::vector<char *> args(argv, argv + argc);
+    const int at = reorder_global_options(args);
+    const bool optionOnly = std::any_of(args.begin() + 1, args.end(), [](const char *a) {
+        return !std::strcmp(a, "--help") || !std::strcmp(a, "-h") || !std::strcmp(a, "--version");
+    });
+    if (!at && !optionOnly) {
+        // Nothing to do: the list of subcommands, as `vrixdb help` gives it.
+        std::fputs(program_help(app).c_str(), stderr);
+        return static_cast<int>(CLI::ExitCodes::RequiredError);
+    }
+    if (at && !find_subcommand(app, args[static_cast<size_t>(at)])) {
+        std::fprintf(stderr, "vrixdb: unknown subcommand %s\nsubcommands: %s\n",
+                     args[static_cast<size_t>(at)], subcommand_list(app).c_str());
+        return static_cast<int>(CLI::ExitCodes::ExtrasError);
+    }
     app.parse_complete_callback([&] {
         set_library_voice(quiet     ? LibraryVoice::quiet
                           : verbose ? LibraryVoice::verbose
                                     : LibraryVoice::normal);
     });
     try {
-        app.parse(argc, argv);
+        app.parse(static_cast<int>(args.size()), args.data());
     } catch (const CLI::ParseError &e) {
         return app.exit(e);
     } catch (const std::exception &e) {

@@ -25,20 +25,20 @@ struct PlayOptions {
 constexpr int kPlayBuffer = 8 << 20; // the largest frame payload accepted
 
 int run_play(const PlayOptions &o) {
-    const std::string root = library_root(o.root, "play");
-    if (root.empty() || !require_store(root, "play")) return 1;
     const long from = *parse_time(o.from);
     const long to = o.to.empty() ? 0 : *parse_time(o.to);
     if (to && !o.reverse && to < from) {
         std::fprintf(stderr, "vrixdb play: --to %s lies before --from %s\n", o.to.c_str(),
                      o.from.c_str());
-        return 1;
+        return kWrongArguments;
     }
     if (to && o.reverse && to > from) {
         std::fprintf(stderr, "vrixdb play: with --reverse, --to (%s) is the earlier end\n",
                      o.to.c_str());
-        return 1;
+        return kWrongArguments;
     }
+    const std::string root = library_root(o.root, "play");
+    if (root.empty() || !require_store(root, "play")) return 1;
     if (!start_library()) return 1;
 
     std::tm start = mktime_fields(from);

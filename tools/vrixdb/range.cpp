@@ -19,9 +19,9 @@ struct RangeOptions {
 };
 
 int run_range(const RangeOptions &o) {
+    if (!channel_fits(o.ch, o.audio, "range")) return kWrongArguments;
     const std::string root = library_root(o.root, "range");
-    if (root.empty() || !channel_fits(o.ch, o.audio, "range") || !require_store(root, "range"))
-        return 1;
+    if (root.empty() || !require_store(root, "range")) return 1;
     const int at = static_cast<int>(*parse_time(o.at));
     if (!start_library()) return 1;
     const int before =

@@ -8,6 +8,9 @@
 #include "vrixdb.h"
 
 #include <sys/stat.h>
+#include <sys/time.h>
+
+#include <algorithm>
 
 #include <cstdio>
 #include <filesystem>
@@ -48,21 +51,46 @@ struct Input {
     }
 };
 
+// A frame's time: seconds since 1970 and the millisecond within.
+struct Stamp {
+    long sec = 0;
+    uint32_t ms = 0;
+    bool operator<(const Stamp &b) const { return sec < b.sec || (sec == b.sec && ms < b.ms); }
+};
+
+Stamp wall_clock() {
+    timeval tv{};
+    gettimeofday(&tv, nullptr);
+    return {static_cast<long>(tv.tv_sec), static_cast<uint32_t>(tv.tv_usec / 1000)};
+}
+
 struct Recording {
     const RecordOptions &o;
     const long start;
+    // A live feed (a pipe with --start now): each unit is stamped when it has
+    // arrived; otherwise from --start at --fps.
+    const bool live;
     RecContext *rec = nullptr;
     uint32_t number = 0;
     uint32_t idr = 0;
-    long last = 0;
+    Stamp first{}, last{};
+
+    Stamp stamp() const {
+        if (!live) {
+            const auto fps = static_cast<uint32_t>(o.fps);
+            return {start + static_cast<long>(number / fps), number % fps * 1000 / fps};
+        }
+        // The clock may step back: times never do.
+        return std::max(wall_clock(), last);
+    }
 
     // False when the frame's time would pass 2038.
     bool write(const std::vector<uint8_t> &au, bool key) {
-        const auto fps = static_cast<uint32_t>(o.fps);
-        last = start + static_cast<long>(number / fps);
-        if (last > 0x7FFFFFFFL) return false;
+        last = stamp();
+        if (!number) first = last;
+        if (last.sec > 0x7FFFFFFFL) return false;
         const FrameMeta meta{o.ch, number, static_cast<uint16_t>(o.fps),
-                             static_cast<uint32_t>(last), number % fps * 1000 / fps};
+                             static_cast<uint32_t>(last.sec), last.ms};
         const auto record = wrap_access_unit(au.data(), au.size(), key, meta);
         vrix_db_rec_video(rec, record.data(), static_cast<int>(record.size()));
         ++number;
@@ -111,7 +139,7 @@ int run_record(const RecordOptions &o) {
         return 1;
     }
     if (!start_library()) return 1;
-    Recording r{o, *parse_time(o.start)};
+    Recording r{o, *parse_time(o.start), in.size < 0 && o.start == "now"};
     r.rec = vrix_db_open_rec_video(root.c_str(), VRIX_VIDEO_CHANNELS + 1);
     if (!r.rec) {
         std::fprintf(stderr, "vrixdb record-h264: the library could not open %s for recording\n",
@@ -148,10 +176,10 @@ int run_record(const RecordOptions &o) {
         std::fprintf(stderr, "vrixdb record-h264: the library reported a failed disk write\n");
         return 1;
     }
-    std::fprintf(out(),
-                 "recorded %u access units (%u IDR, %s) of %s to ch %d, %s .. %s at %d fps\n",
+    std::fprintf(out(), "recorded %u access units (%u IDR, %s) of %s to ch %d, %s .. %s %s\n",
                  r.number, r.idr, format_bytes(static_cast<int64_t>(reader.bytes_read())).c_str(),
-                 name, o.ch, format_time(r.start).c_str(), format_time(r.last).c_str(), o.fps);
+                 name, o.ch, format_time(r.first.sec).c_str(), format_time(r.last.sec).c_str(),
+                 r.live ? "as they arrived" : ("at " + std::to_string(o.fps) + " fps").c_str());
     return 0;
 }
 
@@ -162,7 +190,8 @@ void add_record_h264(CLI::App &app, Status &status) {
         app, status, "record-h264",
         "Record an H.264 Annex-B elementary stream on one channel, one frame "
         "record per access unit\n(IDR = key frame), frame times from --start at "
-        "--fps",
+        "--fps; from a pipe with --start now, each\naccess unit is stored as it "
+        "arrives, stamped with its time of arrival",
         run_record);
     add_channel(sub, o.ch);
     sub->add_option("--start", o.start, "time of the first frame")->required()->check(TimeArg);

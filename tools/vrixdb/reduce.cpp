@@ -103,10 +103,11 @@ int run_reduce(const ReduceOptions &o) {
         VrixTestHooks hooks{1000000, nullptr};
         vrix_db_set_test_hooks(&hooks);
     }
+    // The library paces the reduction only while a recorder holds the root
+    // (and says so when none does).
     if (!o.json && !o.dryRun)
-        std::fprintf(out(), "reducing the oldest hour%s of %s%s%s\n", rule.any() ? "s" : "",
-                     root.c_str(), rule.any() ? (" " + rule.text()).c_str() : "",
-                     o.fast ? "" : " (paced for a recording disk: this takes minutes)");
+        std::fprintf(out(), "reducing the oldest hour%s of %s%s\n", rule.any() ? "s" : "",
+                     root.c_str(), rule.any() ? (" " + rule.text()).c_str() : "");
     std::fflush(out());
     for (long previous = 0;;) {
         // The library's own prediction of the next reduction's limit.
@@ -189,7 +190,9 @@ void add_reduce(CLI::App &app, Status &status) {
         "hours until a retention rule holds, serving the remove queues with the library's\n"
         "remove server",
         run_reduce);
-    sub->add_flag("--fast", o.fast, "cut the library's pacing waits to microseconds");
+    sub->add_flag(
+        "--fast", o.fast,
+        "cut the library's pacing waits (kept while a recorder holds the root) to microseconds");
     sub->add_option("--keep-days", o.keepDays,
                     "reduce the oldest hours until none ends more than N days ago")
         ->check(CLI::Range(1, 36500));

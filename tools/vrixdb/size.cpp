@@ -26,15 +26,15 @@ bool channel_fits(int ch, bool audio, const char *command) {
 }
 
 int run_size(const SizeOptions &o) {
-    const std::string root = library_root(o.root, "size");
-    if (root.empty() || !channel_fits(o.ch, o.audio, "size") || !require_store(root, "size"))
-        return 1;
+    if (!channel_fits(o.ch, o.audio, "size")) return kWrongArguments;
     const long from = *parse_time(o.from), to = *parse_time(o.to);
     if (to < from) {
         std::fprintf(stderr, "vrixdb size: --to %s lies before --from %s\n", o.to.c_str(),
                      o.from.c_str());
-        return 1;
+        return kWrongArguments;
     }
+    const std::string root = library_root(o.root, "size");
+    if (root.empty() || !require_store(root, "size")) return 1;
     if (!start_library()) return 1;
     std::tm start = mktime_fields(from), end = mktime_fields(span_end(to));
     const unsigned bytes = o.audio ? vrix_db_get_audio_total_size(&start, &end, root.c_str(), o.ch)
