@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <vector>
 
@@ -20,11 +21,26 @@ pid_t spawn_self(const std::string &name, const std::string &value, int out) {
     env.push_back(const_cast<char *>(var.c_str()));
     env.push_back(nullptr);
     char self[] = "/proc/self/exe";
-    char *argv[] = {self, nullptr};
+    std::vector<char *> argv;
+    // Under user-mode emulation the host cannot run the binary itself: the
+    // copy is started through the emulator the test runs under ("qemu-arm -L
+    // /usr/arm-linux-gnueabihf"), with the binary's own path.
+    std::string emulator;
+    char path[4096] = {};
+    if (const char *e = std::getenv("VRIX_TEST_EMULATOR");
+        e && *e && readlink(self, path, sizeof path - 1) > 0) {
+        emulator = e;
+        for (char *word = std::strtok(emulator.data(), " "); word; word = std::strtok(nullptr, " "))
+            argv.push_back(word);
+        argv.push_back(path);
+    } else {
+        argv.push_back(self);
+    }
+    argv.push_back(nullptr);
     std::fflush(stdout);
     const pid_t pid = fork();
     if (pid == 0) {
-        if (out < 0 || dup2(out, 1) == 1) execve(self, argv, env.data());
+        if (out < 0 || dup2(out, 1) == 1) execvpe(argv[0], argv.data(), env.data());
         _exit(127);
     }
     return pid;
