@@ -22,20 +22,20 @@ pid_t spawn_self(const std::string &name, const std::string &value, int out) {
     env.push_back(nullptr);
     char self[] = "/proc/self/exe";
     std::vector<char *> argv;
-    // Under user-mode emulation the host cannot run the binary itself: the
-    // copy is started through the emulator the test runs under ("qemu-arm -L
-    // /usr/arm-linux-gnueabihf"), with the binary's own path.
-    std::string emulator;
+    // Under user-mode emulation (a cross build's tests) the host cannot run
+    // the binary itself: the copy is started through the emulator the tests
+    // run under ("qemu-arm -L /usr/arm-linux-gnueabihf"), with the binary's
+    // own path.
+#ifdef VRIX_TEST_EMULATOR
+    std::string emulator = VRIX_TEST_EMULATOR;
     char path[4096] = {};
-    if (const char *e = std::getenv("VRIX_TEST_EMULATOR");
-        e && *e && readlink(self, path, sizeof path - 1) > 0) {
-        emulator = e;
+    if (readlink(self, path, sizeof path - 1) > 0) {
         for (char *word = std::strtok(emulator.data(), " "); word; word = std::strtok(nullptr, " "))
             argv.push_back(word);
         argv.push_back(path);
-    } else {
-        argv.push_back(self);
     }
+#endif
+    if (argv.empty()) argv.push_back(self);
     argv.push_back(nullptr);
     std::fflush(stdout);
     const pid_t pid = fork();
@@ -51,6 +51,11 @@ int wait_status(pid_t pid) {
     while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
     }
     return status;
+}
+
+long long env_number(const char *name, long long fallback) {
+    const char *v = std::getenv(name);
+    return v && *v ? std::strtoll(v, nullptr, 10) : fallback;
 }
 
 } // namespace vrix::test
