@@ -107,7 +107,7 @@ bench)
   ;;
 board)
   deps
-  build build-release -DCMAKE_BUILD_TYPE=Release -DVRIX_TESTS=OFF -DVRIX_BENCH=ON -- bench_board
+  build build-release -DCMAKE_BUILD_TYPE=Release -DVRIX_TESTS=ON -DVRIX_BENCH=ON -- bench_board
   ./build-release/bench/bench_board "${@:2}"
   ;;
 cross)
