@@ -246,8 +246,7 @@ int main(int argc, char **argv) {
     const int seconds = argc > 2 ? std::atoi(argv[2]) : 10;
     const long before = rss_kib();
     if (!bench::start_library()) return 1;
-    std::printf("resident: %ld KiB before the library started, %ld KiB after\n", before,
-                rss_kib());
+    std::printf("resident: %ld KiB before the library started, %ld KiB after\n", before, rss_kib());
     memory(minutes);
     ingest();
     disk(seconds);
