@@ -18,7 +18,7 @@ namespace {
 sqlite3_vfs *g_unix = nullptr;
 
 // Our file, followed in the same allocation by the unix VFS's own.
-struct File {
+struct alignas(8) File {
     sqlite3_file base;
     const char *path;   // SQLite keeps the name until xClose; null for temporary files
     bool names_pending; // the first sync also syncs the directory (a new journal)

@@ -40,6 +40,7 @@ bool open_db(pthread_mutex_t *m, const char *path, SqlHandle &handle) {
         handle = nullptr;
         return false;
     }
+    sql_submit(handle, sql::kConnectionCache, "");
     return true;
 }
 

@@ -15,7 +15,16 @@ inline constexpr char kInsertChannelDay[] = "insert into ch%d values(%d);";
 // durable with the stream files and the indexes are reconciled with the
 // stream files after a power loss, so commits do not wait for the disk; the
 // rollback journal is kept but not made and deleted again by every commit.
-inline constexpr char kIndexNoSync[] = "PRAGMA synchronous=OFF;PRAGMA journal_mode=PERSIST;";
+// The writers append to the end of one hour table and its index: the pages
+// of that right edge are all they read again, so their cache is small (16
+// pages of 4 KiB).
+inline constexpr char kIndexNoSync[] =
+    "PRAGMA synchronous=OFF;PRAGMA journal_mode=PERSIST;PRAGMA cache_size=16;";
+// Every other connection of the library: a player's location reads about 9
+// pages, an event page a few more; 64 pages (256 KiB) at most, not SQLite's
+// 2 MB, so that a recorder's two dozen connections stay within a few MiB
+// however long the store (see "On the board" in the README).
+inline constexpr char kConnectionCache[] = "PRAGMA cache_size=64;";
 // date.db and event.db keep SQLite's rollback journal, deleted to commit.  The
 // deletion is a change of the directory's names: unless the directory is
 // synced after it, a power cut can bring the journal back and SQLite then

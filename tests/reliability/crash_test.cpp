@@ -149,9 +149,8 @@ struct Recorder {
 };
 
 struct Env {
-    long get(const char *name, long fallback) const {
-        const char *v = std::getenv(name);
-        return v && *v ? std::strtol(v, nullptr, 10) : fallback;
+    long long get(const char *name, long long fallback) const {
+        return test::env_number(name, fallback);
     }
 };
 

@@ -544,10 +544,7 @@ constexpr Regression kRegressions[] = {
     {"reduce", test::FaultKind::IoError, 6},
 };
 
-long env_number(const char *name, long fallback) {
-    const char *v = std::getenv(name);
-    return v && *v ? std::strtol(v, nullptr, 10) : fallback;
-}
+using test::env_number;
 
 std::set<std::string> listing(const std::string &root) {
     std::set<std::string> out;

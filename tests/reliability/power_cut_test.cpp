@@ -192,10 +192,7 @@ uint32_t first_key(int ch, uint32_t from) {
     return from;
 }
 
-long env_number(const char *name, long fallback) {
-    const char *v = std::getenv(name);
-    return v && *v ? std::strtol(v, nullptr, 10) : fallback;
-}
+using test::env_number;
 
 // Index rows of every hour the rounds [0, end) touched whose record in the
 // stream file is not the key frame of the row's time.

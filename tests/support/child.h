@@ -18,4 +18,9 @@ pid_t spawn_self(const std::string &name, const std::string &value, int out = -1
 // Waits for the child to end: its wait status.
 int wait_status(pid_t pid);
 
+// A decimal number from the environment, `fallback` when unset or empty.  As
+// wide as a seed on every target: `long` is 32 bits on armhf, where strtol
+// would turn a seed above 2^31 printed by one run into LONG_MAX in the next.
+long long env_number(const char *name, long long fallback);
+
 } // namespace vrix::test
