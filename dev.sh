@@ -122,13 +122,13 @@ cross)
   target_libs "$arch"
   dir=build-$arch
   opts=(-DCMAKE_TOOLCHAIN_FILE=cmake/toolchain-$arch.cmake -DVRIX_VIEWER=OFF -DVRIX_BENCH=OFF)
-  if [ "$what" = sample ]; then
-    # Only the sample's binaries (and the program) are built.
+  case "$what" in
+  sample) # only the sample's binaries (and the program) are built
     build "$dir" "${opts[@]}" -- vrixdb vrixdb_tool board_32bit hdd_sql store_layout core_file_io \
-      core_calendar_UTC video_rec video_play reliability_power_cut
-  else
-    build "$dir" "${opts[@]}"
-  fi
+      core_calendar_UTC video_rec video_play reliability_power_cut ;;
+  build) build "$dir" "${opts[@]}" -- vrixdb vrixdb_tool ;; # the library and the program
+  *) build "$dir" "${opts[@]}" ;;
+  esac
   for f in "$dir"/libvrixdb.so.*.* "$dir"/libvrixhdd.so.*.*; do
     "$triple-strip" -o "$dir/stripped.so" "$f"
     echo "$arch: $(basename "$f") $(stat -c %s "$dir/stripped.so") bytes stripped"
