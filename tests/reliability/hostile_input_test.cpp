@@ -181,6 +181,21 @@ TEST_F(Hostile, BadArgumentsAreRefused) {
     table.push_back({"vrix_db_rec_video", [&] { vrix_db_rec_video(ctx, nullptr, 116); }});
     for (int ch : {0, 5, -3})
         table.push_back({"vrix_db_rec_video_flush", [&, ch] { vrix_db_rec_video_flush(ctx, ch); }});
+    // Audio: channel counts, roots, channels and buffers out of range, a block of time 0.
+    for (int count : {0, 5})
+        table.push_back({"vrix_db_open_rec_audio",
+                         [&, count] { EXPECT_EQ(vrix_db_open_rec_audio(root, count), nullptr); }});
+    table.push_back({"vrix_db_open_rec_audio",
+                     [&] { EXPECT_EQ(vrix_db_open_rec_audio(over.c_str(), 2), nullptr); }});
+    for (const auto &[ch, size] : {std::pair{1, 59}, std::pair{5, 60}})
+        table.push_back({"vrix_db_open_get_audio", [&, ch, size] {
+                             EXPECT_EQ(vrix_db_open_get_audio(&t, nullptr, ch, size, root),
+                                       nullptr);
+                         }});
+    AudioRecContext *audio = vrix_db_open_rec_audio(root, 2);
+    ASSERT_NE(audio, nullptr);
+    const VrixAudioBlock zero{};
+    table.push_back({"vrix_db_rec_audio", [&] { vrix_db_rec_audio(audio, &zero); }});
 
     for (size_t i = 0; i < table.size(); ++i) {
         SCOPED_TRACE("row " + std::to_string(i));
@@ -190,7 +205,8 @@ TEST_F(Hostile, BadArgumentsAreRefused) {
             EXPECT_EQ(lines_of(table[i].call), "");
     }
     struct stat st {};
-    EXPECT_NE(stat((dir / "20240310").c_str(), &st), 0) << "a dropped frame made the day";
+    vrix_db_close_rec_audio(audio);
+    EXPECT_NE(stat((dir / "20240310").c_str(), &st), 0) << "a dropped frame or block made the day";
 
     // The scale is the low half of its word: a high half does no harm.
     const auto scaled = with_word(good, 3, 0x00050000u);
