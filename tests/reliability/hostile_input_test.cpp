@@ -230,38 +230,6 @@ TEST_F(Hostile, BadArgumentsAreRefused) {
     vrix_db_close_get_video(p);
 }
 
-// Payloads longer than the player's buffer are never delivered; play goes
-// on at the next key frame.
-TEST_F(Hostile, FramesLongerThanThePlayersBuffer) {
-    RecContext *ctx = vrix_db_open_rec_video(dir.path().c_str(), 3);
-    ASSERT_NE(ctx, nullptr);
-    const std::vector<std::vector<unsigned char>> frames = {
-        make_frame(2, kHour10, true, 100, 0, 0), make_frame(2, kHour10, false, 5000, 0, 1),
-        make_frame(2, kHour10, false, 100, 0, 2), make_frame(2, kHour10 + 1, true, 999, 0, 3),
-        make_frame(2, kHour10 + 1, false, 1000, 0, 4)};
-    for (const auto &f : frames)
-        record(ctx, f);
-    vrix_db_rec_video_flush(ctx, 2);
-    vrix_db_close_rec_video(ctx);
-    std::tm t = at(kHour10);
-    PlayContext *p = vrix_db_open_get_video(&t, nullptr, 2, 1000, dir.path().c_str());
-    ASSERT_NE(p, nullptr);
-    std::vector<int> seqs;
-    while (vrix_db_next_video(p) == 1) {
-        void *buf = nullptr;
-        const int len = vrix_db_get_video(p, &buf);
-        int sec = 0, seq = 0;
-        vrix_db_video_get_current_time(p, &sec, &seq);
-        ASSERT_LE(len, 1000);
-        ASSERT_EQ(std::memcmp(buf, frames[static_cast<size_t>(seq)].data() + 16,
-                              static_cast<size_t>(len)),
-                  0);
-        seqs.push_back(seq);
-    }
-    vrix_db_close_get_video(p);
-    EXPECT_EQ(seqs, (std::vector<int>{0, 3, 4}));
-}
-
 // Garbage and foreign messages on the submit queue, which any process on the
 // machine may write to: one line each, and the thread goes on serving.
 TEST_F(Hostile, GarbageOnTheSubmitQueue) {
