@@ -156,6 +156,13 @@ TEST_F(Hostile, BadArgumentsAreRefused) {
                          EXPECT_EQ(vrix_db_open_get_event(&t, 1, 0, 0, 1, over.c_str(), 10, 0, 0),
                                    nullptr);
                      }});
+    table.push_back({"vrix_db_open_get_video", [&] { // no start time
+                         EXPECT_EQ(vrix_db_open_get_video(nullptr, nullptr, 1, 4096, root),
+                                   nullptr);
+                     }});
+    table.push_back({"vrix_db_open_rec_video", [&] { // one writer context is open already
+                         EXPECT_EQ(vrix_db_open_rec_video(root, 17), nullptr);
+                     }});
     for (int ch : {0, -1, 17, INT_MAX})
         table.push_back(
             {"vrix_db_open_get_video",
