@@ -227,24 +227,6 @@ TEST_F(Reduce, PacedOnlyWhileTheRootIsRecorded) {
         close(fd);
 }
 
-// The remove server keeps to its root and still answers every request.
-TEST_F(Reduce, RemoveServerRefusesAnythingOutsideItsRoot) {
-    ScratchDir outside;
-    write_file(outside / "keep", {1});
-    std::filesystem::create_directories(dir / "d");
-    std::filesystem::create_symlink(outside.path(), dir / "d/link");
-    for (const std::string &p : {outside / "keep", dir / "d/../../x", root(), dir / "d/link/keep"})
-        vrix::request_remove(vrix::kRemoveFile, p.c_str());
-    vrix::request_remove(vrix::kRemoveTree, (dir / "d/link").c_str()); // the link, not its target
-    EXPECT_TRUE(exists(outside / "keep"));
-    EXPECT_FALSE(std::filesystem::is_symlink(dir / "d/link"));
-    std::vector<int> outcomes;
-    for (const auto &r : server.take())
-        outcomes.push_back(r.outcome);
-    EXPECT_EQ(outcomes, (std::vector<int>{VRIX_RM_REFUSED, VRIX_RM_REFUSED, VRIX_RM_REFUSED,
-                                          VRIX_RM_REFUSED, VRIX_RM_REMOVED}));
-}
-
 TEST(FreeSpace, MegabytesAboveTheReserve) {
     using vrix::free_space_figure;
     constexpr uint64_t kGiB = (1u << 30) / 4096; // in 4 KiB blocks

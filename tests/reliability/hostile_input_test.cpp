@@ -3,12 +3,14 @@
 // must end in a safe outcome and, where the library reports it, in exactly
 // one line naming the function.
 #include "support/frames.h"
+#include "support/lines.h"
 #include "support/queues.h"
 
 #include <sys/msg.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <climits>
 #include <cstdio>
 #include <fstream>
@@ -20,34 +22,26 @@ using namespace vrix::test;
 
 constexpr int kHour10 = 1710064800; // 2024-03-10 10:00 UTC
 
-// Everything written to standard output while `f` runs, as lines.
-std::vector<std::string> output_of(const std::function<void()> &f) {
-    std::fflush(stdout);
-    const int saved = dup(1);
-    FILE *tmp = std::tmpfile();
-    dup2(fileno(tmp), 1);
-    f();
-    std::fflush(stdout);
-    dup2(saved, 1);
-    close(saved);
-    std::rewind(tmp);
-    std::vector<std::string> lines;
-    char buf[512];
-    while (std::fgets(buf, sizeof buf, tmp)) {
-        std::string l(buf);
-        if (!l.empty() && l.back() == '\n') l.pop_back();
-        lines.push_back(l);
+// Whether `f` reported exactly one line, and that from `who`.
+::testing::AssertionResult one_line_from(const char *who, const std::function<void()> &f) {
+    std::string text;
+    {
+        Lines lines;
+        f();
+        text = lines.text();
     }
-    std::fclose(tmp);
-    return lines;
+    if (std::count(text.begin(), text.end(), '\n') == 1 &&
+        text.rfind(std::string(who) + " : ", 0) == 0)
+        return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << "wanted one line from " << who << ", got:\n" << text;
 }
 
-#define EXPECT_ONE_LINE(lines, who)                                                                \
-    do {                                                                                           \
-        const auto &l_ = (lines);                                                                  \
-        ASSERT_EQ(l_.size(), 1u) << ::testing::PrintToString(l_);                                  \
-        EXPECT_EQ(l_[0].rfind(std::string(who) + " : ", 0), 0u) << l_[0];                          \
-    } while (0)
+// What `f` reported, all lines.
+std::string lines_of(const std::function<void()> &f) {
+    Lines lines;
+    f();
+    return lines.text();
+}
 
 class Hostile : public ::testing::Test {
   protected:
@@ -70,7 +64,7 @@ TEST_F(Hostile, NullContextsAreIgnored) {
     const auto f = make_frame(1, kHour10, true, 100);
     std::tm t = at(kHour10);
     int a = 0, b = 0, c = 0;
-    const auto out = output_of([&] {
+    const auto out = lines_of([&] {
         vrix_db_close_rec_video(nullptr);
         vrix_db_rec_video(nullptr, f.data(), static_cast<int>(f.size()));
         vrix_db_rec_video_flush(nullptr, 1);
@@ -95,85 +89,24 @@ TEST_F(Hostile, NullContextsAreIgnored) {
         sec_to_tm(nullptr, kHour10);
         db_free_sqlite(nullptr, 3);
     });
-    EXPECT_TRUE(out.empty()) << ::testing::PrintToString(out);
+    EXPECT_EQ(out, "");
 }
 
-// Roots: null or longer than 98 characters are refused, with one line where
-// the library reports it; a
-// root of exactly 98 characters records and plays back.
-TEST_F(Hostile, RootsAtAndBeyondTheLimit) {
+// One table of bad arguments: each call is refused with one line naming the
+// function (or, where the function is silent, just refused), and a frame
+// dropped leaves no trace in the store.  Roots are refused from 99
+// characters; one of exactly 98 records and plays back.  The next good
+// frame is recorded as usual.
+TEST_F(Hostile, BadArgumentsAreRefused) {
     const std::string longest = dir.path() + "/" + std::string(97 - dir.path().size(), 'r');
     ASSERT_EQ(longest.size(), 98u);
     ASSERT_EQ(mkdir(longest.c_str(), 0700), 0);
     const std::string over = longest + "x";
+    const char *root = dir.path().c_str();
     std::tm t = at(kHour10);
-    for (const char *root : {static_cast<const char *>(nullptr), over.c_str()}) {
-        EXPECT_ONE_LINE(output_of([&] { EXPECT_EQ(vrix_db_open_rec_video(root, 17), nullptr); }),
-                        "vrix_db_open_rec_video");
-        EXPECT_ONE_LINE(output_of([&] { EXPECT_EQ(vrix_db_open_rec_event(root), nullptr); }),
-                        "vrix_db_open_rec_event");
-    }
-    // Playback refuses a null root without a word, as it is specified to.
-    EXPECT_EQ(vrix_db_open_get_video(&t, nullptr, 1, 4096, nullptr), nullptr);
-    EXPECT_ONE_LINE(output_of([&] {
-                        EXPECT_EQ(vrix_db_open_get_video(&t, nullptr, 1, 4096, over.c_str()),
-                                  nullptr);
-                    }),
-                    "vrix_db_open_get_video");
-    EXPECT_ONE_LINE(output_of([&] {
-                        EXPECT_EQ(vrix_db_open_get_event(&t, 1, 0, 0, 1, over.c_str(), 10, 0, 0),
-                                  nullptr);
-                    }),
-                    "vrix_db_open_get_event");
-
-    RecContext *ctx = vrix_db_open_rec_video(longest.c_str(), 17);
+    RecContext *ctx = vrix_db_open_rec_video(root, 5);
     ASSERT_NE(ctx, nullptr);
-    const auto f = make_frame(16, kHour10, true, 100);
-    record(ctx, f);
-    vrix_db_rec_video_flush(ctx, 16);
-    vrix_db_close_rec_video(ctx);
-    PlayContext *p = vrix_db_open_get_video(&t, nullptr, 16, 4096, longest.c_str());
-    ASSERT_NE(p, nullptr);
-    ASSERT_EQ(vrix_db_next_video(p), 1);
-    void *buf = nullptr;
-    ASSERT_EQ(vrix_db_get_video(p, &buf), 100);
-    EXPECT_EQ(std::memcmp(buf, f.data() + 16, 100), 0);
-    vrix_db_close_get_video(p);
-}
 
-// Channel numbers, channel counts and bufSize out of range when opening.
-TEST_F(Hostile, OpeningArgumentsOutOfRange) {
-    std::tm t = at(kHour10);
-    for (int ch : {0, -1, 17, INT_MAX})
-        EXPECT_ONE_LINE(output_of([&] {
-                            EXPECT_EQ(
-                                vrix_db_open_get_video(&t, nullptr, ch, 4096, dir.path().c_str()),
-                                nullptr);
-                        }),
-                        "vrix_db_open_get_video");
-    for (int size : {0, -1, INT_MIN})
-        EXPECT_ONE_LINE(output_of([&] {
-                            EXPECT_EQ(
-                                vrix_db_open_get_video(&t, nullptr, 1, size, dir.path().c_str()),
-                                nullptr);
-                        }),
-                        "vrix_db_open_get_video");
-    for (int count : {-1, 18, INT_MAX})
-        EXPECT_ONE_LINE(output_of([&] {
-                            EXPECT_EQ(vrix_db_open_rec_video(dir.path().c_str(), count), nullptr);
-                        }),
-                        "vrix_db_open_rec_video");
-    // Refused query arguments return null (the query prints nothing for them).
-    EXPECT_EQ(vrix_db_open_get_event(&t, 1, 0, 0, 1, dir.path().c_str(), 0, 0, 0), nullptr);
-    EXPECT_EQ(vrix_db_open_get_event(&t, 1, 0, 0, 1, dir.path().c_str(), -4, 0, 0), nullptr);
-    EXPECT_EQ(vrix_db_open_get_event(nullptr, 1, 0, 0, 1, dir.path().c_str(), 10, 0, 0), nullptr);
-}
-
-// Frames the writer cannot trust are dropped with one line each and leave
-// no trace in the store; the next good frame is recorded as usual.
-TEST_F(Hostile, MalformedFramesAreDropped) {
-    RecContext *ctx = vrix_db_open_rec_video(dir.path().c_str(), 5);
-    ASSERT_NE(ctx, nullptr);
     auto with_word = [](std::vector<unsigned char> f, int word, uint32_t v) {
         std::memcpy(f.data() + 4 * word, &v, 4);
         return f;
@@ -184,7 +117,10 @@ TEST_F(Hostile, MalformedFramesAreDropped) {
         return std::vector<unsigned char>(f.begin(), f.begin() + static_cast<long>(n));
     };
     const auto good = make_frame(1, kHour10, true, 100);
-    std::vector<std::pair<std::vector<unsigned char>, int>> bad = {
+    std::vector<unsigned char> tiny = cut(good, 26); // no channel byte
+    tiny[0] = 10;
+    tiny[1] = tiny[2] = tiny[3] = 0;
+    const std::vector<std::pair<std::vector<unsigned char>, int>> frames = {
         {good, 0},                                 // size 0
         {cut(good, 15), 15},                       // shorter than a header
         {good, -1},                                // negative size
@@ -196,59 +132,109 @@ TEST_F(Hostile, MalformedFramesAreDropped) {
         {with_word(good, 3, 0xFFFF), 116},         // scale 65535
         {make_frame(5, kHour10, true, 100), 116},  // channel 5 of a 5-slot context
         {make_frame(17, kHour10, true, 100), 116}, // channel 17
+        {tiny, 26},
     };
-    std::vector<unsigned char> tiny = cut(good, 26); // no channel byte
-    tiny[0] = 10;
-    tiny[1] = tiny[2] = tiny[3] = 0;
-    bad.push_back({tiny, 26});
-    for (const auto &[f, size] : bad)
-        EXPECT_ONE_LINE(output_of([&] { vrix_db_rec_video(ctx, f.data(), size); }),
-                        "vrix_db_rec_video");
-    EXPECT_ONE_LINE(output_of([&] { vrix_db_rec_video(ctx, nullptr, 116); }), "vrix_db_rec_video");
+
+    struct Bad {
+        const char *who; // null: refused without a word
+        std::function<void()> call;
+    };
+    std::vector<Bad> table;
+    for (const char *r : {static_cast<const char *>(nullptr), over.c_str()}) {
+        table.push_back(
+            {"vrix_db_open_rec_video", [r] { EXPECT_EQ(vrix_db_open_rec_video(r, 17), nullptr); }});
+        table.push_back(
+            {"vrix_db_open_rec_event", [r] { EXPECT_EQ(vrix_db_open_rec_event(r), nullptr); }});
+    }
+    table.push_back({nullptr, [&] {
+                         EXPECT_EQ(vrix_db_open_get_video(&t, nullptr, 1, 4096, nullptr), nullptr);
+                     }});
+    table.push_back(
+        {"vrix_db_open_get_video",
+         [&] { EXPECT_EQ(vrix_db_open_get_video(&t, nullptr, 1, 4096, over.c_str()), nullptr); }});
+    table.push_back({"vrix_db_open_get_event", [&] {
+                         EXPECT_EQ(vrix_db_open_get_event(&t, 1, 0, 0, 1, over.c_str(), 10, 0, 0),
+                                   nullptr);
+                     }});
+    table.push_back({"vrix_db_open_get_video", [&] { // no start time
+                         EXPECT_EQ(vrix_db_open_get_video(nullptr, nullptr, 1, 4096, root),
+                                   nullptr);
+                     }});
+    table.push_back({"vrix_db_open_rec_video", [&] { // one writer context is open already
+                         EXPECT_EQ(vrix_db_open_rec_video(root, 17), nullptr);
+                     }});
+    for (int ch : {0, -1, 17, INT_MAX})
+        table.push_back(
+            {"vrix_db_open_get_video",
+             [&, ch] { EXPECT_EQ(vrix_db_open_get_video(&t, nullptr, ch, 4096, root), nullptr); }});
+    for (int size : {0, -1, INT_MIN})
+        table.push_back({"vrix_db_open_get_video", [&, size] {
+                             EXPECT_EQ(vrix_db_open_get_video(&t, nullptr, 1, size, root), nullptr);
+                         }});
+    for (int count : {-1, 18, INT_MAX})
+        table.push_back({"vrix_db_open_rec_video",
+                         [&, count] { EXPECT_EQ(vrix_db_open_rec_video(root, count), nullptr); }});
+    for (int max : {0, -4})
+        table.push_back({nullptr, [&, max] {
+                             EXPECT_EQ(vrix_db_open_get_event(&t, 1, 0, 0, 1, root, max, 0, 0),
+                                       nullptr);
+                         }});
+    table.push_back(
+        {nullptr,
+         [&] { EXPECT_EQ(vrix_db_open_get_event(nullptr, 1, 0, 0, 1, root, 10, 0, 0), nullptr); }});
+    for (const auto &[f, size] : frames)
+        table.push_back(
+            {"vrix_db_rec_video", [&, size] { vrix_db_rec_video(ctx, f.data(), size); }});
+    table.push_back({"vrix_db_rec_video", [&] { vrix_db_rec_video(ctx, nullptr, 116); }});
     for (int ch : {0, 5, -3})
-        EXPECT_ONE_LINE(output_of([&] { vrix_db_rec_video_flush(ctx, ch); }),
-                        "vrix_db_rec_video_flush");
+        table.push_back({"vrix_db_rec_video_flush", [&, ch] { vrix_db_rec_video_flush(ctx, ch); }});
+    // Audio: channel counts, roots, channels and buffers out of range, a block of time 0.
+    for (int count : {0, 5})
+        table.push_back({"vrix_db_open_rec_audio",
+                         [&, count] { EXPECT_EQ(vrix_db_open_rec_audio(root, count), nullptr); }});
+    table.push_back({"vrix_db_open_rec_audio",
+                     [&] { EXPECT_EQ(vrix_db_open_rec_audio(over.c_str(), 2), nullptr); }});
+    for (const auto &[ch, size] : {std::pair{1, 59}, std::pair{5, 60}})
+        table.push_back({"vrix_db_open_get_audio", [&, ch, size] {
+                             EXPECT_EQ(vrix_db_open_get_audio(&t, nullptr, ch, size, root),
+                                       nullptr);
+                         }});
+    AudioRecContext *audio = vrix_db_open_rec_audio(root, 2);
+    ASSERT_NE(audio, nullptr);
+    const VrixAudioBlock zero{};
+    table.push_back({"vrix_db_rec_audio", [&] { vrix_db_rec_audio(audio, &zero); }});
+
+    for (size_t i = 0; i < table.size(); ++i) {
+        SCOPED_TRACE("row " + std::to_string(i));
+        if (table[i].who)
+            EXPECT_TRUE(one_line_from(table[i].who, table[i].call));
+        else
+            EXPECT_EQ(lines_of(table[i].call), "");
+    }
     struct stat st {};
-    EXPECT_NE(stat((dir / "20240310").c_str(), &st), 0) << "a dropped frame made the day";
+    vrix_db_close_rec_audio(audio);
+    EXPECT_NE(stat((dir / "20240310").c_str(), &st), 0) << "a dropped frame or block made the day";
 
     // The scale is the low half of its word: a high half does no harm.
     const auto scaled = with_word(good, 3, 0x00050000u);
-    EXPECT_TRUE(output_of([&] { record(ctx, scaled); }).empty());
+    EXPECT_EQ(lines_of([&] { record(ctx, scaled); }), "");
     vrix_db_rec_video_flush(ctx, 1);
     vrix_db_close_rec_video(ctx);
     EXPECT_EQ(file_bytes(stream(1, 10)), scaled);
-}
 
-// Payloads longer than the player's buffer are never delivered; play goes
-// on at the next key frame.
-TEST_F(Hostile, FramesLongerThanThePlayersBuffer) {
-    RecContext *ctx = vrix_db_open_rec_video(dir.path().c_str(), 3);
-    ASSERT_NE(ctx, nullptr);
-    const std::vector<std::vector<unsigned char>> frames = {
-        make_frame(2, kHour10, true, 100, 0, 0), make_frame(2, kHour10, false, 5000, 0, 1),
-        make_frame(2, kHour10, false, 100, 0, 2), make_frame(2, kHour10 + 1, true, 999, 0, 3),
-        make_frame(2, kHour10 + 1, false, 1000, 0, 4)};
-    for (const auto &f : frames)
-        record(ctx, f);
-    vrix_db_rec_video_flush(ctx, 2);
-    vrix_db_close_rec_video(ctx);
-    std::tm t = at(kHour10);
-    PlayContext *p = vrix_db_open_get_video(&t, nullptr, 2, 1000, dir.path().c_str());
+    RecContext *at98 = vrix_db_open_rec_video(longest.c_str(), 17);
+    ASSERT_NE(at98, nullptr);
+    const auto f = make_frame(16, kHour10, true, 100);
+    record(at98, f);
+    vrix_db_rec_video_flush(at98, 16);
+    vrix_db_close_rec_video(at98);
+    PlayContext *p = vrix_db_open_get_video(&t, nullptr, 16, 4096, longest.c_str());
     ASSERT_NE(p, nullptr);
-    std::vector<int> seqs;
-    while (vrix_db_next_video(p) == 1) {
-        void *buf = nullptr;
-        const int len = vrix_db_get_video(p, &buf);
-        int sec = 0, seq = 0;
-        vrix_db_video_get_current_time(p, &sec, &seq);
-        ASSERT_LE(len, 1000);
-        ASSERT_EQ(std::memcmp(buf, frames[static_cast<size_t>(seq)].data() + 16,
-                              static_cast<size_t>(len)),
-                  0);
-        seqs.push_back(seq);
-    }
+    ASSERT_EQ(vrix_db_next_video(p), 1);
+    void *buf = nullptr;
+    ASSERT_EQ(vrix_db_get_video(p, &buf), 100);
+    EXPECT_EQ(std::memcmp(buf, f.data() + 16, 100), 0);
     vrix_db_close_get_video(p);
-    EXPECT_EQ(seqs, (std::vector<int>{0, 3, 4}));
 }
 
 // Garbage and foreign messages on the submit queue, which any process on the
@@ -298,7 +284,7 @@ TEST_F(Hostile, GarbageOnTheSubmitQueue) {
     std::memcpy(longer.text, whole.mtext, sizeof whole.mtext);
     NotifyMessage odd = msg('q', 0, 0, 0);
     odd.mtype = 7; // a foreign message type
-    const auto out = output_of([&] {
+    const std::string out = lines_of([&] {
         for (const auto &[m, size] : garbage)
             ASSERT_EQ(msgsnd(g_iSubmitMq, &m, size, 0), 0);
         ASSERT_EQ(msgsnd(g_iSubmitMq, &odd, 128, 0), 0);
@@ -307,9 +293,15 @@ TEST_F(Hostile, GarbageOnTheSubmitQueue) {
         record(ctx, make_frame(2, kHour10, true, 100));
         vrix_db_close_rec_video(ctx);
     });
-    ASSERT_EQ(out.size(), garbage.size() + 2) << ::testing::PrintToString(out);
-    for (const std::string &l : out)
-        EXPECT_EQ(l.rfind("submit thread : ", 0), 0u) << l;
+    const auto count = [&out](const std::string &part) {
+        size_t n = 0;
+        for (size_t at = out.find(part); at != std::string::npos; at = out.find(part, at + 1))
+            ++n;
+        return n;
+    };
+    EXPECT_EQ(count("\n"), garbage.size() + 2) << out;
+    EXPECT_EQ(count("\nsubmit thread : ") + (out.rfind("submit thread : ", 0) == 0), count("\n"))
+        << out;
     EXPECT_EQ(rows(dir / "20240310/video/2/video.db", "select hour from H"),
               std::vector<std::string>{"10"});
     EXPECT_EQ(rows(dir / "date.db", "select date from ch2"),
@@ -358,9 +350,8 @@ TEST_F(Hostile, RemoveRequestsOutsideTheRoot) {
     };
     for (const auto &[command, path] : refused) {
         int outcome = -1;
-        const auto out = output_of([&] { outcome = ask(command, path); });
+        EXPECT_TRUE(one_line_from("rm server", [&] { outcome = ask(command, path); }));
         EXPECT_EQ(outcome, VRIX_RM_REFUSED) << command << " " << path;
-        EXPECT_ONE_LINE(out, "rm server");
     }
     EXPECT_EQ(file_bytes(victim).size(), 4u);
     EXPECT_EQ(ask(VRIX_RM_FILE, root + "/link"), VRIX_RM_REMOVED);

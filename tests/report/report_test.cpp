@@ -58,34 +58,42 @@ class Report : public ::testing::Test {
     int day = 0, h10 = 0;
 };
 
-TEST_F(Report, VideoSizeWithinOneHour) {
+// Size totals over one store, a table of spans: within an hour (key frames
+// of :02 and :05 are 3000 bytes apart; an end past the last key frame counts
+// to the end of the file; start after end; a channel without recordings);
+// from midnight of a day without recordings to the next recorded day,
+// counted from its hour 0, and over days without any; across a month, days
+// told apart by their whole date and not by the day of the month.
+TEST_F(Report, VideoSizeOverSpans) {
+    auto at = [](int mon, int mday, int hour) {
+        std::tm tm{};
+        tm.tm_year = 124;
+        tm.tm_mon = mon;
+        tm.tm_mday = mday;
+        tm.tm_hour = hour;
+        tm.tm_isdst = -1;
+        return static_cast<int>(mktime(&tm));
+    };
+    record_video(at(2, 5, 10), 2, 7);
     record_video(h10, 10);
+    record_video(day + 86400 + 3 * 3600, 4, 6); // channel 6: the next day only
+    record_video(at(3, 5, 11), 3, 7);
     finish_video();
-    // From 10:00:02 to 10:00:05: the key frames of :02 and :05 are 3000 apart.
-    EXPECT_EQ(video_size(h10 + 2, h10 + 5), 9000u);
-    // An end past the last key frame counts to the end of the file.
-    EXPECT_EQ(video_size(h10 + 2, h10 + 50), 24000u);
-    EXPECT_EQ(video_size(h10 + 5, h10 + 2), 0u);    // start after end
-    EXPECT_EQ(video_size(h10 + 2, h10 + 5, 5), 0u); // a channel without recordings
-}
-
-// A clock set back 7 s records seconds 3-6 twice: a span counts both passes.
-TEST_F(Report, VideoSizeCountsEveryPass) {
-    record_video(h10, 10);
-    record_video(h10 + 3, 4);
-    finish_video();
-    EXPECT_EQ(video_size(h10 + 4, h10 + 6), 12000u);
-    EXPECT_EQ(video_size(h10, h10 + 50), 42000u);
-    EXPECT_EQ(video_size(h10 + 7, h10 + 9), 6000u);
-}
-
-// A span from midnight of a day without recordings jumps to the next recorded
-// day, counted from its hour 0; a span over days without recordings is 0.
-TEST_F(Report, VideoSizeSkipsDaysWithoutRecordings) {
-    record_video(day + 86400 + 3 * 3600, 4);
-    finish_video();
-    EXPECT_EQ(video_size(day, day + 86400 + 5 * 3600), 12000u);
-    EXPECT_EQ(video_size(day - 5 * 86400, day - 86400), 0u);
+    const struct {
+        int from, to, ch;
+        unsigned want;
+    } spans[] = {
+        {h10 + 2, h10 + 5, 4, 9000u},
+        {h10 + 2, h10 + 50, 4, 24000u},
+        {h10 + 5, h10 + 2, 4, 0u},
+        {h10 + 2, h10 + 5, 5, 0u},
+        {day, day + 86400 + 5 * 3600, 6, 12000u},
+        {day - 5 * 86400, day - 86400, 6, 0u},
+        {at(2, 5, 10), at(3, 5, 12), 7, 15000u},
+    };
+    for (const auto &s : spans)
+        EXPECT_EQ(video_size(s.from, s.to, s.ch), s.want)
+            << "channel " << s.ch << " from " << s.from << " to " << s.to;
 }
 
 // A span larger than 4 GiB saturates (the stream files are sparse).
@@ -111,23 +119,6 @@ TEST_F(Report, VideoSizeCountsOnlyBytesInTheFile) {
     EXPECT_EQ(video_size(h10 + 2, h10 + 3605), 1000u);
     EXPECT_EQ(video_size(h10 + 1, h10 + 5), 4000u);
     EXPECT_EQ(video_size(h10 + 5, h10 + 8), 0u);
-}
-
-// Days are told apart by their whole date, not by the day of the month.
-TEST_F(Report, VideoSizeOverAMonth) {
-    auto at = [](int mon, int mday, int hour) {
-        std::tm tm{};
-        tm.tm_year = 124;
-        tm.tm_mon = mon;
-        tm.tm_mday = mday;
-        tm.tm_hour = hour;
-        tm.tm_isdst = -1;
-        return static_cast<int>(mktime(&tm));
-    };
-    record_video(at(2, 5, 10), 2);
-    record_video(at(3, 5, 11), 3);
-    finish_video();
-    EXPECT_EQ(video_size(at(2, 5, 10), at(3, 5, 12)), 15000u);
 }
 
 TEST_F(Report, AudioSizeOfAFullHour) {

@@ -57,14 +57,9 @@ TEST_F(PlayVideo, RowsThatDisagreeWithTheFileAreSkipped) {
     EXPECT_EQ(delivered(b), written[0].bytes); // 10:59:50
 }
 
-// No start time is refused (other bad arguments: hostile_input_test).
-TEST_F(PlayVideo, OpenRefusalsAndAccessors) {
+// (Bad arguments when opening: hostile_input_test.)
+TEST_F(PlayVideo, Accessors) {
     record_standard();
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(vrix_db_open_get_video(nullptr, nullptr, 2, 4096, root().c_str()), nullptr);
-    const std::string out = testing::internal::GetCapturedStdout();
-    EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), 1) << out;
-
     PlayContext *p = open_play(kHour10 + 3590);
     Closer c{p};
     EXPECT_EQ(reinterpret_cast<uintptr_t>(p->pFrameBuf) % 16, 0u);

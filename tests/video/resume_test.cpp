@@ -44,36 +44,6 @@ std::string index_rows(const std::string &db, int hour) {
     return out;
 }
 
-// A clean close and reopen loses no frame: rows committed or still waiting
-// (scale 2 waits for several key frames) alike, the frames of both are
-// indexed; new frames wait for a key frame and follow the last one.
-TEST_F(RecVideo, ReopenKeepsEveryWholeFrameAndIndexesTheTail) {
-    std::vector<Bytes> kept;
-    kept.push_back(make_frame(3, kHour10, true, 984));
-    kept.push_back(make_frame(3, kHour10, false, 484));
-    for (int s = 1; s <= 3; ++s) {
-        kept.push_back(make_frame(3, kHour10 + s, true, 284, 2));
-        kept.push_back(make_frame(3, kHour10 + s, false, 84, 2));
-    }
-    for (const Bytes &f : kept)
-        record(ctx, f);
-    close();
-    ASSERT_EQ(offsets(video_db(3), 10), "0"); // the scale-2 rows were never committed
-    open();
-    record(ctx, make_frame(3, kHour10 + 4, false, 100, 0, 1)); // dropped: waiting for a key frame
-    EXPECT_EQ(channel(3).iWaitKey, 1);
-    EXPECT_EQ(size_of(stream(3, 10)), 1500 + 3 * 400); // nothing cut
-    kept.push_back(make_frame(3, kHour10 + 5, true, 50));
-    kept.push_back(make_frame(3, kHour10 + 5, false, 60));
-    record(ctx, kept[8]);
-    record(ctx, kept[9]);
-    close();
-    const Walked w = walk(stream(3, 10));
-    EXPECT_TRUE(w.clean_end);
-    EXPECT_EQ(w.frames, kept);
-    EXPECT_EQ(offsets(video_db(3), 10), "0 1500 1900 2300 2700");
-}
-
 // Where the scan of a resumed hour stops, only a torn tail is cut: fewer
 // bytes than a header, a frame valid but for its end, or zero bytes to the
 // end.  Anything else is damage in the middle of the file: the bytes behind
@@ -229,68 +199,6 @@ TEST_F(RecVideo, UnreadableIndexNeverCutsTheFile) {
     close();
     EXPECT_NE(out.find("index of hour 10 unreadable"), std::string::npos) << out;
     EXPECT_EQ(walk(stream(5, 10)).frames, (std::vector<Bytes>{k1, k2}));
-}
-
-// A process that ended before the first commit of its hour left whole frames
-// that no row names, and playback skips an hour without rows.  A writer that
-// starts in a later hour indexes them: in the same day, or across midnight.
-TEST_F(RecVideo, WriterStartingInALaterHourIndexesTheHourLeftBehind) {
-    struct Case {
-        int ch, sec, next, hour;
-        const char *day;
-    };
-    for (const Case &k : {Case{5, kHour10, kHour10 + 2 * 3600, 10, "20240310"},
-                          Case{6, kDay - 3600, kDay + 600, 23, "20240309"}}) {
-        for (const Bytes &f :
-             {make_frame(k.ch, k.sec, true, 300, 2), make_frame(k.ch, k.sec, false, 80, 2),
-              make_frame(k.ch, k.sec + 1, true, 300, 2)})
-            record(ctx, f);
-        close(); // scale 2: the rows still waited, the hour has no table
-        const std::string h = std::to_string(k.hour);
-        exec(video_db(k.ch, k.day), "create table if not exists H(hour int);"
-                                    "insert into H select " +
-                                        h + " where not exists (select 1 from H where hour = " + h +
-                                        ")");
-        ASSERT_TRUE(rows(video_db(k.ch, k.day), "select * from h" + h).empty());
-        open();
-        record(ctx, make_frame(k.ch, k.next, true, 100));
-        EXPECT_EQ(offsets(video_db(k.ch, k.day), k.hour), "0 412") << k.day;
-    }
-}
-
-// The index on the times comes with a new table or with rows all made again
-// from the file; an older table resumed from a restart point stays without
-// it, and locating in it gives the same rows either way.
-TEST_F(RecVideo, IndexOnTimesWhereRowsAreMadeAndTheSameAnswersWithout) {
-    auto indexed = [&] {
-        return rows(video_db(7), "select name from sqlite_master where name = 'h10_sec'").size();
-    };
-    auto first_at = [&](int sec) {
-        std::tm t = local_tm(sec);
-        PlayContext *p = vrix_db_open_get_video(&t, nullptr, 7, 4096, root().c_str());
-        int got = 0, sub = 0;
-        if (vrix_db_next_video(p)) vrix_db_video_get_current_time(p, &got, &sub);
-        vrix_db_close_get_video(p);
-        return got;
-    };
-    for (int s = 0; s < 6; ++s)
-        record(ctx, make_frame(7, kHour10 + 2 * s, true, 100));
-    close();
-    EXPECT_EQ(indexed(), 1u);
-    EXPECT_EQ(first_at(kHour10 + 3), kHour10 + 4);
-    exec(video_db(7), "drop index h10_sec;");
-    EXPECT_EQ(first_at(kHour10 + 3), kHour10 + 4);
-    open();
-    record(ctx, make_frame(7, kHour10 + 20, true, 100));
-    close();
-    EXPECT_EQ(indexed(), 0u) << "rows before the restart point were not checked";
-    EXPECT_EQ(first_at(kHour10 + 11), kHour10 + 20);
-    ASSERT_EQ(std::remove(video_db(7).c_str()), 0);
-    open();
-    record(ctx, make_frame(7, kHour10 + 21, true, 100));
-    close();
-    EXPECT_EQ(indexed(), 1u) << "every row made again from the file";
-    EXPECT_EQ(offsets(video_db(7), 10), "0 116 232 348 464 580 696 812");
 }
 
 } // namespace

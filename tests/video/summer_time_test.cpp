@@ -1,5 +1,5 @@
 // Recording and playback through the changes to and from summer time (run
-// under Europe/Berlin, America/New_York, Australia/Sydney, Pacific/Chatham,
+// under Europe/Berlin, Australia/Sydney, Pacific/Chatham,
 // whose clock goes back at :45 so that hour 2 comes again after hour 3 began,
 // and Australia/Lord_Howe, which changes by 30 minutes): a recorder runs two
 // hours before and after each change of 2024, restarts inside the repeated
