@@ -68,12 +68,13 @@ while [ $SECONDS -lt $end ]; do
         n=$((n + 1))
         [ "$ms" -gt "$worst" ] && worst=$ms
         [ "$ms" -gt 100 ] && slow=$((slow + 1))
-        [ "$ms" -lt 1000 ] || fail "GET $path beside the hostile clients took $ms ms"
+        [ "$ms" -lt 3000 ] || fail "GET $path beside the hostile clients took $ms ms"
     done
 done
-# Every answer within a second (a server whose workers the hostile clients
-# hold answers after seconds, or never); within 100 ms on a machine that is
-# not loaded otherwise, which a shared test machine cannot promise.
+# Every answer well before a head's 5-s limit (a server whose workers the
+# hostile clients hold answers only once they are dropped, or never). How
+# fast is the benchmark's to say (bench_serve: 38 ms at worst beside a
+# flood); a test machine of two cores, under a sanitizer, took 1.4 s.
 
 # The slow head and the body that never comes were answered or dropped, and
 # a POST is refused at once.
