@@ -16,7 +16,7 @@ namespace {
 
 constexpr int kEventPage = 100;
 
-void add_unreadable(Json &j, const Catalogue &store) {
+void add_unreadable(JsonWriter &j, const Catalogue &store) {
     j.key("unreadable").open('[');
     for (const std::string &path : store.unreadable())
         j.value(path);
@@ -25,7 +25,7 @@ void add_unreadable(Json &j, const Catalogue &store) {
 
 // The offsets from UTC in force over [from, to): [[since, seconds east], ...],
 // the first at `from`, then one at each change (found to the second).
-void add_offsets(Json &j, long from, long to) {
+void add_offsets(JsonWriter &j, long from, long to) {
     j.key("offsets").open('[');
     long at = from;
     long off = zone_offset(at);
@@ -52,7 +52,7 @@ void add_offsets(Json &j, long from, long to) {
 void days(ServeConfig &config, const httplib::Request &req, httplib::Response &res) {
     Params p(req, {});
     Catalogue store(config.root);
-    Json j;
+    JsonWriter j;
     const long now = std::time(nullptr);
     j.open('{').key("now").value(static_cast<int64_t>(now));
     j.key("offset").value(static_cast<int64_t>(zone_offset(now)));
@@ -78,7 +78,7 @@ void spans(ServeConfig &config, const httplib::Request &req, httplib::Response &
     const int gap = p.integer("gap", 1, 3600, 10);
     Catalogue store(config.root);
     const long end = next_day(*day);
-    Json j;
+    JsonWriter j;
     j.open('{').key("day").value(format_time(*day).substr(0, 10));
     j.key("start").value(static_cast<int64_t>(*day));
     j.key("end").value(static_cast<int64_t>(end));
@@ -151,7 +151,7 @@ void events(ServeConfig &config, const httplib::Request &req, httplib::Response 
             keep.pop_back();
         if (!keep.empty()) got = keep;
     }
-    Json j;
+    JsonWriter j;
     j.open('{').key("events").open('[');
     for (const EventRecord &e : got)
         j.open('{')

@@ -8,22 +8,22 @@
 
 namespace vrixtool {
 
-class Json {
+class JsonWriter {
   public:
-    Json &open(char bracket) { return sep(), text_ += bracket, first_ = true, *this; }
-    Json &close(char bracket) { return text_ += bracket, first_ = false, *this; }
+    JsonWriter &open(char bracket) { return sep(), text_ += bracket, first_ = true, *this; }
+    JsonWriter &close(char bracket) { return text_ += bracket, first_ = false, *this; }
     // A member name inside an object; the value follows.
-    Json &key(const std::string &name) {
+    JsonWriter &key(const std::string &name) {
         sep();
         quote(name);
         text_ += ':';
         first_ = true;
         return *this;
     }
-    Json &value(int64_t v) { return sep(), text_ += std::to_string(v), *this; }
-    Json &value(bool v) { return sep(), text_ += v ? "true" : "false", *this; }
-    Json &value(const std::string &s) { return sep(), quote(s), *this; }
-    Json &value(const char *s) { return value(std::string(s)); }
+    JsonWriter &value(int64_t v) { return sep(), text_ += std::to_string(v), *this; }
+    JsonWriter &value(bool v) { return sep(), text_ += v ? "true" : "false", *this; }
+    JsonWriter &value(const std::string &s) { return sep(), quote(s), *this; }
+    JsonWriter &value(const char *s) { return value(std::string(s)); }
     const std::string &text() const { return text_; }
 
   private:
@@ -54,7 +54,7 @@ class Json {
 
 // {"error":"..."} on one line.
 inline std::string json_error(const std::string &message) {
-    Json j;
+    JsonWriter j;
     j.open('{').key("error").value(message).close('}');
     return j.text() + "\n";
 }

@@ -279,7 +279,7 @@ void locate(ServeConfig &config, const httplib::Request &req, httplib::Response 
     Stream stream(unbounded, r);
     std::string why;
     if (!stream.locate(why)) return reply_json(res, json_error(why), 404);
-    Json j;
+    JsonWriter j;
     j.open('{').key("ch").value(int64_t{r.ch});
     j.key("sec").value(static_cast<int64_t>(stream.first_sec()));
     j.key("ms").value(int64_t{stream.first_ms()});
@@ -290,7 +290,7 @@ void locate(ServeConfig &config, const httplib::Request &req, httplib::Response 
 
 void streams(ServeConfig &config, const httplib::Request &req, httplib::Response &res) {
     Params p(req, {});
-    Json j;
+    JsonWriter j;
     const int64_t used = config.streams.load();
     j.open('{').key("used").value(used);
     j.key("max").value(int64_t{config.maxStreams}).close('}');
