@@ -35,8 +35,12 @@ deps() {
 
 # build DIR [cmake options...] [-- build targets...]
 # The developers' builds stop on any warning; ccache is used when installed.
+# Their debug information is line tables only: file and line in backtraces
+# and sanitizer reports, for a quarter less compile time than full -g.
 build() {
-  local dir=$1 configure=(-DVRIX_WERROR=ON) targets=()
+  local dir=$1 targets=()
+  local configure=(-DVRIX_WERROR=ON "-DCMAKE_CXX_FLAGS_RELWITHDEBINFO=-O2 -g1 -DNDEBUG"
+    "-DCMAKE_C_FLAGS_RELWITHDEBINFO=-O2 -g1 -DNDEBUG")
   shift
   command -v ccache >/dev/null &&
     configure+=(-DCMAKE_C_COMPILER_LAUNCHER=ccache -DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
@@ -125,7 +129,7 @@ cross)
   case "$what" in
   sample) # only the sample's binaries (and the program) are built
     build "$dir" "${opts[@]}" -- vrixdb vrixdb_tool board_32bit hdd_sql store_layout core_file_io \
-      core_calendar_UTC video_rec video_play reliability_power_cut ;;
+      core_calendar video_rec video_play reliability_power_cut ;;
   build) build "$dir" "${opts[@]}" -- vrixdb vrixdb_tool ;; # the library and the program
   *) build "$dir" "${opts[@]}" ;;
   esac
