@@ -49,18 +49,33 @@ try {
 
   const playing = (min) => page.waitForFunction((m) => document.getElementById('video').currentTime > m,
     { timeout: 10000 }, min);
-  // (the timeline is drawn anew four times a second: its box, not its node)
-  const spanBox = (ch) => page.$eval(`#timeline rect.span[data-ch="${ch}"]`, (r) => {
-    const b = r.getBoundingClientRect();
-    return { x: b.x, y: b.y, width: b.width, height: b.height };
-  });
+  // (the widest span of the channel; the timeline is drawn anew four times a
+  // second: its box, not its node, taken once it has stayed where it is for a
+  // tenth of a second)
+  const spanBox = async (ch) => {
+    let last = null;
+    for (let i = 0; i < 30; ++i) {
+      const b = await page.$$eval(`#timeline rect.span[data-ch="${ch}"]`, (rects) => {
+        const boxes = rects.map((r) => r.getBoundingClientRect());
+        const b = boxes.reduce((w, x) => (x.width > w.width ? x : w)); // the widest span
+        return { x: b.x, y: b.y, width: b.width, height: b.height };
+      });
+      if (last && JSON.stringify(b) === JSON.stringify(last)) return b;
+      last = b;
+      await sleep(100);
+    }
+    return last;
+  };
+  // Nothing plays, and a play still on its way (a grid change starts one)
+  // does not start after all.
+  const stopped = () => page.evaluate(() => { state.playing = null; stopAll(); state.play = null; });
   const clickSpan = async (ch, at) => {
     const box = await spanBox(ch);
     await page.mouse.click(box.x + box.width * at, box.y + box.height / 2);
   };
   // Click to the first frame on screen (the element has a picture).
   const firstFrame = async (how) => {
-    await page.evaluate(() => stopAll());
+    await stopped();
     const t0 = Date.now();
     await how();
     await page.waitForFunction(() => state.play && document.getElementById('video').readyState >= 2,
@@ -107,7 +122,7 @@ try {
 
   // All the server's places taken by another client: the play is refused,
   // said so, and nothing plays under the new status.
-  await page.evaluate(() => stopAll());
+  await stopped();
   await released();
   const held = [];
   const { max } = await page.evaluate(async () => (await fetch('/api/streams')).json());
@@ -151,18 +166,23 @@ try {
   await page.keyboard.press('+');
   if ((await page.evaluate(() => state.speed)) !== 2) fail('+ did not raise the speed');
   await page.select('#grid', '1');
-  await page.evaluate(() => stopAll());
+  await stopped();
   await released();
 
   // A range dragged on ch 1's span: a clip of it.
   const box = await spanBox(1);
   await page.mouse.move(box.x + box.width * 0.2, box.y + 5);
   await page.mouse.down();
-  await page.mouse.move(box.x + box.width * 0.4, box.y + 5, { steps: 5 });
+  await page.mouse.move(box.x + box.width * 0.2 + Math.max(40, box.width * 0.2), box.y + 5, { steps: 5 });
   await page.mouse.up();
   const clip = await page.$eval('#clip', (a) => (a.hidden ? null : a.href));
-  if (!clip) fail('no clip offered for a dragged range');
-  else {
+  if (!clip) {
+    fail('no clip offered for a dragged range: ' + await page.evaluate((x, y) => {
+      const at = document.elementFromPoint(x, y);
+      return `drag ${JSON.stringify(state.drag)}, selection ${JSON.stringify(state.selection)}, ` +
+        `under the pointer ${at ? at.tagName + '.' + at.getAttribute('class') : 'nothing'}`;
+    }, box.x + box.width * 0.2, box.y + 5));
+  } else {
     const got = await page.evaluate(async (u) => {
       const r = await fetch(u);
       return { status: r.status, type: r.headers.get('content-type'), name: r.headers.get('content-disposition'), size: (await r.arrayBuffer()).byteLength };
